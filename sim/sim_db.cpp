@@ -31,7 +31,7 @@ static_assert(sizeof(kTypeNames) / sizeof(kTypeNames[0]) == COMPO_MODEL_DEPENDEN
 
 /* Per-process handles: stable, never freed. */
 std::mutex g_handles_mutex;
-std::vector<sp::sysobj::Component*> g_handles;
+sp::sysobj::Component** g_handles = nullptr; /* never freed: handles outlive everything */
 
 std::mutex g_violations_mutex;
 std::vector<std::string> g_violations;
@@ -91,8 +91,8 @@ sp::sysobj::Component* handle(int oid)
         return nullptr;
     }
     std::lock_guard<std::mutex> lock(g_handles_mutex);
-    if (g_handles.empty()) {
-        g_handles.assign(kMaxComponents + 1, nullptr);
+    if (g_handles == nullptr) {
+        g_handles = new sp::sysobj::Component*[kMaxComponents + 1]();
     }
     if (g_handles[oid] == nullptr) {
         g_handles[oid] = new sp::sysobj::Component(oid);
