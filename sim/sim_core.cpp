@@ -209,7 +209,11 @@ void init_shared_mutex(pthread_mutex_t* m, bool errorcheck)
     if (errorcheck) {
         pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
     }
-    pthread_mutex_init(m, &attr);
+    if (pthread_mutex_init(m, &attr) != 0) {
+        /* No robust futex lists (e.g. under qemu-user): still shared, just not robust. */
+        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_STALLED);
+        pthread_mutex_init(m, &attr);
+    }
     pthread_mutexattr_destroy(&attr);
 }
 

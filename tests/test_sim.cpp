@@ -260,12 +260,14 @@ TEST_F(Sim, WriteLockExcludesOtherProcesses)
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        Component* c = Component::getRoot()->getComponent(COMPO_PSU, 0);
-        Component::WriteLock lock(c);
-        uint32_t v = 0;
-        c->getProperty(PROP_FRU_INFO, &v, sizeof(v));
-        v = v * 10 + 2; /* must see the parent's write */
-        c->setProperty(PROP_FRU_INFO, &v, sizeof(v));
+        {
+            Component* c = Component::getRoot()->getComponent(COMPO_PSU, 0);
+            Component::WriteLock lock(c);
+            uint32_t v = 0;
+            c->getProperty(PROP_FRU_INFO, &v, sizeof(v));
+            v = v * 10 + 2; /* must see the parent's write */
+            c->setProperty(PROP_FRU_INFO, &v, sizeof(v));
+        }
         _exit(0);
     }
     ASSERT_GT(pid, 0);
@@ -329,8 +331,10 @@ TEST_F(Sim, BoardRegistersWithInjectedFailures)
     EXPECT_EQ(errno, EINVAL);
     /* Any other descriptor reaches the real driver. */
     int fd = open("/dev/null", O_RDONLY);
+    errno = 0;
     EXPECT_EQ(ioctl(fd, MBC_IOCTL_SP_BOARD_R, &rw), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_TRUE(errno == ENOTTY || errno == ENOSYS) << errno; /* qemu-user answers ENOSYS */
+    EXPECT_EQ(zsim::reg_accesses().size(), 2u);
     close(fd);
 }
 
