@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -492,4 +493,91 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
     EXPECT_TRUE(sp::util::file::FileCheck::exist("/tmp/.boot"));
     EXPECT_FALSE(sp::util::file::FileCheck::exist("/tmp/.boot/.acon"));
     EXPECT_EQ(zsim::library_threads_running(), 0);
+}
+
+TEST_F(Sim, AttachedProcessSharesRecordsClockAndRegisters)
+{
+    zsim::set_reg(0, 0x020400C0, 0x5A);
+    int psu = zsim::find(COMPO_PSU, 9);
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        zsim::attach(make_root());
+        bool ok = zsim::reg(0, 0x020400C0) == 0x5A && zsim::find(COMPO_PSU, 9) == psu &&
+                  zsim::sensor(17, 0x81).SensorTypeCode == 0; /* sensors are per process */
+        sleep(30);
+        zsim::set_reg(0, 0x020400C0, 0xA5);
+        uint8_t b = 9;
+        zsim::component(psu)->setProperty(PROP_FRU_INFO, &b, 1);
+        _exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(zsim::now(), 1767225630u);
+    EXPECT_EQ(zsim::reg(0, 0x020400C0), 0xA5u);
+    EXPECT_EQ(zsim::record(psu, PROP_FRU_INFO), std::vector<uint8_t>({9}));
+    EXPECT_EQ(zsim::sensor(17, 0x81).SensorTypeCode, 0x08); /* our own table is untouched */
+}
+
+TEST_F(Sim, DefaultSensorsAndMembership)
+{
+    struct {
+        int inst;
+        int num;
+        uint8_t type;
+        uint8_t oem;
+        uint16_t reading;
+    } rows[] = {
+        {17, 0, 0x12, 0, 0x0000},    {17, 33, 0xC1, 0, 0x0002},    {17, 35, 0xC1, 0, 0x0002},
+        {17, 53, 0xC1, 0, 0x0002},   {17, 73, 0xC2, 0, 0x0002},    {17, 111, 0x08, 0, 0x0001},
+        {17, 130, 0x04, 0, 0x0002},  {17, 196, 0xC2, 0, 0x0002},   {17, 216, 0xC2, 0, 0x0002},
+        {17, 224, 0xC0, 0, 0x0000},  {17, 236, 0x04, 0, 0x0000},   {17, 36, 0x12, 0, 0x0001},
+        {1, 1, 0x12, 0x02, 0x0001},  {2, 10, 0xC2, 0x03, 0x0002},  {16, 46, 0xC2, 0x02, 0x0002},
+        {9, 95, 0x12, 0x03, 0x0000}, {4, 152, 0x12, 0x03, 0x0002}, {5, 162, 0x12, 0x08, 0x0001},
+    };
+    for (const auto& r : rows) {
+        SensorInfo_T s = zsim::sensor(r.inst, static_cast<uint8_t>(r.num));
+        EXPECT_EQ(s.SensorTypeCode, r.type) << r.inst << "/" << r.num;
+        EXPECT_EQ(s.OEMField, r.oem) << r.inst << "/" << r.num;
+        EXPECT_EQ(s.SensorReading, r.reading) << r.inst << "/" << r.num;
+        EXPECT_EQ(s.SensorNumber, r.num);
+        EXPECT_FALSE(zsim::sensor_name(r.inst, static_cast<uint8_t>(r.num)).empty());
+    }
+    EXPECT_FALSE(zsim::sensor_present(17, 1));
+    EXPECT_FALSE(zsim::sensor_present(0, 10));
+    EXPECT_FALSE(zsim::sensor_present(4, 200));
+
+    splog_clear_sensor_list l[4];
+    znlib_log_get_clear_sensor_list(7, 12, l); /* CMU 3 sensor on its even node's instance */
+    EXPECT_EQ(l[LOG_CLEAR_EVEN_NODE].BMCInst, 7);
+    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].BMCInst, 8);
+    znlib_log_get_clear_sensor_list(8, 146, l); /* per-node sensor of an odd node */
+    EXPECT_EQ(l[LOG_CLEAR_EVEN_NODE].valid, 0);
+    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].BMCInst, 8);
+    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].fru_sensor, 10);
+}
+
+TEST_F(Sim, InitKeepsFilesAndCountsThreads)
+{
+    zsim::write_text("/var/nvrdisk/keep", "abc");
+    zsim::init(make_root());
+    EXPECT_EQ(zsim::read_file("/var/nvrdisk/keep"), std::vector<uint8_t>({'a', 'b', 'c'}));
+    EXPECT_EQ(zsim::find(COMPO_PSU, 0), -1); /* the machine itself is new */
+    EXPECT_EQ(zsim::find(COMPO_SYSTEM, 0), 1);
+    zsim::remove_file("/var/nvrdisk/keep");
+    EXPECT_FALSE(zsim::file_exists("/var/nvrdisk/keep"));
+    EXPECT_TRUE(zsim::read_file("/var/nvrdisk/keep").empty());
+
+    std::atomic<bool> go{false};
+    std::thread t([&] {
+        while (!go) {
+            real_pause_ms(1);
+        }
+    });
+    EXPECT_EQ(zsim::library_threads_running(), 1);
+    EXPECT_FALSE(zsim::wait_library_threads(20));
+    go = true;
+    t.join();
+    EXPECT_TRUE(zsim::wait_library_threads(2000));
 }
