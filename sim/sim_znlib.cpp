@@ -4,6 +4,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <list>
 #include <map>
 #include <mutex>
 #include <tuple>
@@ -25,7 +26,7 @@ struct ZnlibState {
     std::map<HapKey, HapHandler> scripts;
     std::map<HapKey, HapHandler> builtins;
     std::vector<HapCall> calls;
-    std::vector<RasLog> logs;
+    std::list<RasLog> logs; /* a list: no ABI note for 8-byte-aligned vector growth on ARM */
     std::map<std::string, int> db_failures;
     std::map<std::tuple<int, int, int>, int> leds;
     bool fail_led_read = false;
@@ -173,7 +174,7 @@ void clear_hap_calls()
 std::vector<RasLog> ras_logs()
 {
     std::lock_guard<std::mutex> lock(zs().mutex);
-    return zs().logs;
+    return std::vector<RasLog>(zs().logs.begin(), zs().logs.end());
 }
 
 void clear_ras_logs()

@@ -212,7 +212,9 @@ void set_trace_sink(std::function<void(const TraceLine&)> sink);
 std::vector<TraceLine> traces_with_id(uint32_t id);
 
 /* ---- Library threads ---------------------------------------------------- */
-/* Threads started from libznpdk that have not ended yet. */
+/* Threads started from libznpdk that have not ended yet: the threads of the
+ * process above the number counted at init()/attach(). Threads a test starts
+ * itself count too, so join them before waiting. */
 int library_threads_running();
 /* Waits (real time) until no library thread is running; false on time-out. */
 bool wait_library_threads(int timeout_ms = 20000);
