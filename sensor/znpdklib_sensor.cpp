@@ -151,6 +151,17 @@ uint8_t* save_block(int BMCInst)
     return Sensor_Save_Mapp[BMCInst];
 }
 
+/* The platform path of a library file; "" (which no file call accepts) if
+ * it cannot be built, so that no exception leaves the library. */
+std::string platform_path(const char* path)
+{
+    try {
+        return getSPFilePath(path);
+    } catch (...) {
+        return std::string();
+    }
+}
+
 /* Writes zero blocks into a newly created save file (results not checked:
  * the size is verified before mapping). */
 void fill_new_save_file(int fd)
@@ -452,7 +463,7 @@ INT8U GetInstSensorOEM(INT8U SensorNum, int BMCInst)
  * another thread may still hold stay valid. */
 void ZNAPI_MemSensorAreaInit(void)
 {
-    const std::string path = getSPFilePath(kSaveFile);
+    const std::string path = platform_path(kSaveFile);
     int fd;
     if (access(path.c_str(), F_OK) != 0) {
         fd = open(path.c_str(), O_RDWR | O_CREAT, 0770);
@@ -517,7 +528,7 @@ int ZNAPI_MemSensorInfoWrite(INT8U SensorNum, int BMCInst)
 int ZNAPI_MemSensorInfoRecover(int BMCInst)
 {
     /* After an AC power-on the sensors start from their initial states. */
-    if (access(getSPFilePath(kAcOnMarker).c_str(), F_OK) == 0) {
+    if (access(platform_path(kAcOnMarker).c_str(), F_OK) == 0) {
         return 0;
     }
     uint8_t* block = save_block(BMCInst);
