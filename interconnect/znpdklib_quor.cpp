@@ -226,19 +226,22 @@ bool read_router_record(const PhysicalQueryIds& ids, int routerno, int pportno,
     return true;
 }
 
-bool is_edge_router(int routerno, bool west)
+/* The two router groups whose port 0 or 1 leaves the machine: with
+ * portConfig bit 0x10 clear, port 0 of the first and port 1 of the second;
+ * with the bit set, the other way round. */
+bool in_external_group(int routerno, bool first)
 {
     switch (routerno) {
     case 0:
     case 1:
     case 8:
     case 9:
-        return west;
+        return first;
     case 6:
     case 7:
     case 14:
     case 15:
-        return !west;
+        return !first;
     default:
         return false;
     }
@@ -366,10 +369,8 @@ int znpdklib_isPhysicalPortExternal(int routerno, int pportno)
     if (pportno >= 4) {
         result = 1;
     } else if (pportno <= 1 && znpdklib_isSmallScaleSystemConfiguration() == 0) {
-        /* Bit 0x10 swaps which edge of the machine ports 0 and 1 leave by. */
         bool swapped = (info.quordata.portConfig & 0x10) != 0;
-        bool west = (pportno == 0) != swapped;
-        result = is_edge_router(routerno, west) ? 1 : 0;
+        result = in_external_group(routerno, (pportno == 0) != swapped) ? 1 : 0;
     }
     trace(LV_DETAIL, EXTERNAL_IDS.end, EXTERNAL_IDS.end_fmt, routerno, pportno, result);
     return result;

@@ -103,15 +103,15 @@ TEST_F(QuorTopology, SmallScaleIsADifferenceOfThree)
 
 TEST_F(QuorTopology, Ports0And1OfEveryRouter)
 {
-    const std::set<int> west = {0, 1, 8, 9}, east = {6, 7, 14, 15};
+    const std::set<int> first = {0, 1, 8, 9}, second = {6, 7, 14, 15};
     for (int small = 0; small <= 1; ++small) {
         zsim::set_quor_space_z(10, small ? 13 : 12);
         for (uint32_t cfg : {0x00u, 0x10u, 0xEFu, 0xFFu}) {
             const bool swapped = (cfg & 0x10) != 0;
             for (int r = 0; r < 16; ++r) {
                 zsim::set_router_port_config(r, cfg);
-                int want0 = !small && (swapped ? east : west).count(r);
-                int want1 = !small && (swapped ? west : east).count(r);
+                int want0 = !small && (swapped ? second : first).count(r);
+                int want1 = !small && (swapped ? first : second).count(r);
                 EXPECT_EQ(want0, znpdklib_isPhysicalPortExternal(r, 0))
                     << r << " cfg " << cfg << " s" << small;
                 EXPECT_EQ(want1, znpdklib_isPhysicalPortExternal(r, 1))
