@@ -81,6 +81,7 @@ TEST_F(QuorStatus, WaitedExternalPortsNeedBothMaintenanceSensors)
     EXPECT_EQ(0xC0Du, mask);
     EXPECT_ONLY_TEXT(0x53008FF, INTERNAL + "end (routerno=2 waitLogicalPort=0x00000c0d)");
 
+    set_maintenance(2, 0x1, 0x1);
     zsim::remove_sensor(17, 6);
     EXPECT_EQ(-1, znpdklib_checkWaitEnableLogicalPort(2, &mask));
     EXPECT_ONLY_TEXT(0x5300504, WAIT + "Failed to ZNAPI_GetSensorReading(snsno=6 BMCInst=17 ret=-1)");
@@ -171,6 +172,7 @@ TEST_F(QuorStatus, LinkCheckFailure)
     }
     EXPECT_ONLY_TEXT(0x5300602, UPDATE + "Failed to exec HAP for QuorLinkCheck(ret=5)");
     EXPECT_TRUE(zsim::traces_with_id(0x530060B).empty());
+    EXPECT_EQ(std::vector<int>({0x8002, 39, 30}), where(0x5300602));
 
     set_controller_error(5, false);
     EXPECT_EQ(5, znpdklib_updateQuorPortStatus(5));
@@ -180,7 +182,6 @@ TEST_F(QuorStatus, LinkCheckFailure)
     }
     EXPECT_ONLY_TEXT(0x530060B, UPDATE + "continue to update quor port status");
     EXPECT_EQ(std::vector<int>({0x8001, 127, 144}), where(0x530060B));
-    EXPECT_EQ(std::vector<int>({0x8002, 39, 30}), where(0x5300602));
 
     zsim::remove_sensor(6, 79); /* a sensor failure outranks the procedure's code */
     EXPECT_EQ(-1, znpdklib_updateQuorPortStatus(5));
