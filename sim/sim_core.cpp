@@ -17,13 +17,10 @@
 #include "sim_internal.h"
 #include "sputil.h"
 
-namespace zsim
-{
-namespace internal
-{
+namespace zsim {
+namespace internal {
 
-namespace
-{
+namespace {
 
 const uint32_t kMagic = 0x5A53494Du; /* "ZSIM" */
 
@@ -248,8 +245,7 @@ void run_model_hooks()
 
 } // namespace internal
 
-namespace detail
-{
+namespace detail {
 
 void register_model(const std::string& name, std::function<void()> on_reset)
 {
@@ -403,12 +399,9 @@ std::string getSPFilePath(const std::string& filePath)
     return getSPRoot() + filePath;
 }
 
-namespace sp
-{
-namespace util
-{
-namespace file
-{
+namespace sp {
+namespace util {
+namespace file {
 bool FileCheck::exist(const std::string& path_)
 {
     struct stat st;

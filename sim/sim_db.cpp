@@ -11,12 +11,9 @@
 #include "sim_internal.h"
 #include "znpdklib_types.h"
 
-namespace zsim
-{
-namespace internal
-{
-namespace
-{
+namespace zsim {
+namespace internal {
+namespace {
 
 const char* const kTypeNames[] = {
     "SYSTEM", "CMU",      "FRUROM",   "CPU",      "CORE",     "MAC",    "MEM",    "IOC",     "QNI",
@@ -483,10 +480,8 @@ std::vector<std::string> lock_violations()
 
 /* ---- The database interface -------------------------------------------- */
 
-namespace sp
-{
-namespace sysobj
-{
+namespace sp {
+namespace sysobj {
 
 using zsim::internal::ComponentEntry;
 using zsim::internal::entry;

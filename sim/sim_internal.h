@@ -10,10 +10,8 @@
 #include "znpdk_sim/detail.h"
 #include "znpdk_sim/sim.h"
 
-namespace zsim
-{
-namespace internal
-{
+namespace zsim {
+namespace internal {
 
 constexpr int kMaxComponents = 4096;
 constexpr int kMaxParents = 4;
@@ -73,8 +71,7 @@ struct Shared {
 Shared* shared();
 
 /* Holds the shared meta mutex (robust: recovers from a dead owner). */
-class MetaLock
-{
+class MetaLock {
   public:
     MetaLock();
     ~MetaLock();

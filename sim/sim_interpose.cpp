@@ -24,12 +24,9 @@ extern "C" {
 int global_sbcfd_env = -1;
 }
 
-namespace zsim
-{
-namespace internal
-{
-namespace
-{
+namespace zsim {
+namespace internal {
+namespace {
 
 struct ClockState {
     std::mutex mutex;

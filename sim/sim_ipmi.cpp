@@ -11,12 +11,9 @@
 
 BMCInfo_t g_BMCInfo[BMC_INSTANCE_COUNT];
 
-namespace zsim
-{
-namespace internal
-{
-namespace
-{
+namespace zsim {
+namespace internal {
+namespace {
 
 constexpr int kSensors = 256;
 

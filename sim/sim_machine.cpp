@@ -10,10 +10,8 @@
 #include "sim_internal.h"
 #include "znpdklib_types.h"
 
-namespace zsim
-{
-namespace
-{
+namespace zsim {
+namespace {
 
 constexpr int kChassis = 17;
 constexpr uint8_t kFru = 0xC1;

@@ -8,12 +8,9 @@
 #include "sim_internal.h"
 #include "sp_trace.h"
 
-namespace zsim
-{
-namespace internal
-{
-namespace
-{
+namespace zsim {
+namespace internal {
+namespace {
 
 struct TraceState {
     std::mutex mutex;

@@ -12,12 +12,9 @@
 
 #include "sim_internal.h"
 
-namespace zsim
-{
-namespace internal
-{
-namespace
-{
+namespace zsim {
+namespace internal {
+namespace {
 
 using HapKey = std::pair<std::string, std::string>;
 
@@ -138,8 +135,7 @@ void reset_znlib()
 
 using internal::zs;
 
-namespace detail
-{
+namespace detail {
 void set_builtin_hap(const std::string& procedure, const std::string& mode, HapHandler h)
 {
     std::lock_guard<std::mutex> lock(zs().mutex);

@@ -26,8 +26,7 @@
 
 using sp::sysobj::Component;
 
-namespace
-{
+namespace {
 
 struct RootHolder {
     std::string path;
@@ -49,8 +48,7 @@ const std::string& make_root()
     return holder.path;
 }
 
-class Sim : public ::testing::Test
-{
+class Sim : public ::testing::Test {
   protected:
     void SetUp() override
     {

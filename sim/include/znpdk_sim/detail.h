@@ -22,10 +22,8 @@
 
 #include "znpdk_sim/sim.h"
 
-namespace zsim
-{
-namespace detail
-{
+namespace zsim {
+namespace detail {
 
 /* Registers a model; `on_reset` runs at every init()/attach(). A second
  * registration under the same name replaces the first. */
