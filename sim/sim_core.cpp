@@ -2,7 +2,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <semaphore.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -29,7 +28,6 @@ std::string g_root;
 Shared* g_shared = nullptr;
 size_t g_shared_size = 0;
 int g_thread_baseline = 0;
-pid_t g_owner_pid = 0;
 
 struct Model {
     std::string name;
@@ -103,21 +101,8 @@ Shared* map_shared(const std::string& root)
     return static_cast<Shared*>(p);
 }
 
-void unlink_sem_names(Shared* s)
-{
-    int n = s->sem_name_count;
-    for (int i = 0; i < n && i < kMaxSemNames; ++i) {
-        s->sem_names[i][sizeof(s->sem_names[i]) - 1] = '\0';
-        sem_unlink(s->sem_names[i]);
-    }
-    s->sem_name_count = 0;
-}
-
 void reset_shared(Shared* s)
 {
-    if (s->magic == kMagic) {
-        unlink_sem_names(s);
-    }
     /* Everything up to the record slots; a slot is cleared when handed out. */
     memset(s, 0, offsetof(Shared, slots));
     init_shared_mutex(&s->meta, false);
@@ -125,15 +110,6 @@ void reset_shared(Shared* s)
     s->size = static_cast<uint32_t>(sizeof(Shared));
     reset_db_shared(s);
     s->magic = kMagic;
-}
-
-/* Removes this root's named semaphores when the process that set it up ends. */
-void cleanup_at_exit()
-{
-    if (g_shared != nullptr && getpid() == g_owner_pid) {
-        MetaLock lock;
-        unlink_sem_names(g_shared);
-    }
 }
 
 void reset_process_local()
@@ -168,13 +144,8 @@ void start(const std::string& root, bool fresh)
     if (g_shared == nullptr) {
         abort(); /* nothing of the machine can work without its mapping */
     }
-    if (fresh || g_shared->magic != kMagic) {
+    if (fresh || g_shared->magic != kMagic || g_shared->size != sizeof(Shared)) {
         reset_shared(g_shared);
-    }
-    if (fresh) {
-        static bool registered = (atexit(cleanup_at_exit), true);
-        (void)registered;
-        g_owner_pid = getpid();
     }
     open_board_device();
     reset_process_local();

@@ -3,6 +3,7 @@
 #define ZNPDK_SIM_INTERNAL_H
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <stdint.h>
 
 #include <string>
@@ -51,6 +52,13 @@ struct Register {
     uint32_t value;
 };
 
+/* A named semaphore of the controller support library, process-shared in
+ * the mapping (kernel-named ones would outlive the roots of test processes). */
+struct SemSlot {
+    char name[64];
+    sem_t sem;
+};
+
 /* The file-backed mapping shared by every process attached to a root. */
 struct Shared {
     uint32_t magic;
@@ -60,8 +68,8 @@ struct Shared {
     int32_t component_count; /* highest object id handed out */
     int32_t record_count;
     int32_t register_count;
-    int32_t sem_name_count;
-    char sem_names[kMaxSemNames][64];
+    int32_t sem_count;
+    SemSlot sems[kMaxSemNames];
     Register registers[kMaxRegisters];
     ComponentEntry components[kMaxComponents + 1]; /* index = object id */
     RecordSlot slots[kMaxRecords];

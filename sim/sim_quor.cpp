@@ -10,10 +10,8 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zsim
-{
-namespace
-{
+namespace zsim {
+namespace {
 
 const int ROUTERS = 16;
 const int PORTS = 10;

@@ -1,6 +1,5 @@
 /* Controller support library: procedures, RAS logs, LEDs, PSU info, ports, clear lists, semaphores. */
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
 #include <time.h>
 
@@ -396,35 +395,23 @@ sem_t* _znlib_sem_open(const char* name, int flag)
             return nullptr;
         }
     }
-    /* Named per root so that machines of different test processes never meet. */
-    uint64_t h = 1469598103934665603ull;
-    for (char c : zsim::root()) {
-        h = (h ^ static_cast<uint8_t>(c)) * 1099511628211ull;
-    }
-    char full[64];
-    snprintf(full, sizeof(full), "/znpdksim-%016llx-%s", static_cast<unsigned long long>(h),
-             name[0] == '/' ? name + 1 : name);
-    for (char* p = full + 1; *p != '\0'; ++p) {
-        if (*p == '/') {
-            *p = '_';
-        }
-    }
-    sem_t* sem = sem_open(full, O_CREAT, 0666, 1);
-    if (sem == SEM_FAILED) {
+    zsim::internal::Shared* s = zsim::internal::shared();
+    if (s == nullptr) {
         return nullptr;
     }
-    zsim::internal::Shared* s = zsim::internal::shared();
-    if (s != nullptr) {
-        zsim::internal::MetaLock lock;
-        bool known = false;
-        for (int i = 0; i < s->sem_name_count && !known; ++i) {
-            known = strcmp(s->sem_names[i], full) == 0;
-        }
-        if (!known && s->sem_name_count < zsim::internal::kMaxSemNames) {
-            snprintf(s->sem_names[s->sem_name_count++], sizeof(s->sem_names[0]), "%s", full);
+    zsim::internal::MetaLock lock;
+    for (int i = 0; i < s->sem_count; ++i) {
+        if (strncmp(s->sems[i].name, name, sizeof(s->sems[i].name)) == 0) {
+            return &s->sems[i].sem;
         }
     }
-    return sem;
+    if (s->sem_count >= zsim::internal::kMaxSemNames || strlen(name) >= sizeof(s->sems[0].name)) {
+        return nullptr;
+    }
+    zsim::internal::SemSlot& slot = s->sems[s->sem_count++];
+    snprintf(slot.name, sizeof(slot.name), "%s", name);
+    sem_init(&slot.sem, 1, 1);
+    return &slot.sem;
 }
 
 int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
@@ -465,10 +452,8 @@ int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
 int _znlib_sem_close(sem_t* handle, int flag)
 {
     (void)flag;
-    if (handle == nullptr) {
-        return -1;
-    }
-    return sem_close(handle);
+    /* The semaphore lives in the machine's mapping: nothing to release. */
+    return handle != nullptr ? 0 : -1;
 }
 
 int znlib_sem_close(sem_t* handle)

@@ -485,7 +485,18 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
 
     sem_t* s = _znlib_sem_open("/filelock_snsdata17", 0);
     ASSERT_NE(s, nullptr);
+    EXPECT_EQ(_znlib_sem_open("/filelock_snsdata17", 0), s);
+    EXPECT_NE(_znlib_sem_open("/filelock_snsdata16", 0), s);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 0);
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) { /* held by the parent: another process cannot take it */
+        sem_t* c = _znlib_sem_open("/filelock_snsdata17", 0);
+        _exit(c != nullptr && sem_trywait(c) == -1 && errno == EAGAIN ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(_znlib_sem_unlock(s, "/filelock_snsdata17", 0), 0);
     zsim::fail_sem_lock(11);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 11);
