@@ -123,9 +123,18 @@ typedef struct current_common_info_t {
     uint8_t reserve2[9];
 
 #ifdef __cplusplus
-    bool checkStatus(uint32_t inStatus) const { return (status & inStatus) == inStatus; }
-    bool isInstalled() const { return checkStatus(COMMON_STATUS_INSTALLED); }
-    bool isInitializeComplete() const { return checkStatus(COMMON_STATUS_INITIALIZE_COMPLETE); }
+    bool checkStatus(uint32_t inStatus) const
+    {
+        return (status & inStatus) == inStatus;
+    }
+    bool isInstalled() const
+    {
+        return checkStatus(COMMON_STATUS_INSTALLED);
+    }
+    bool isInitializeComplete() const
+    {
+        return checkStatus(COMMON_STATUS_INITIALIZE_COMPLETE);
+    }
 #endif
 } current_common_info_t;
 
@@ -319,6 +328,85 @@ typedef struct {
     uint8_t rsv[872];
 } Various_sharemem_t;
 
+/* Part-name codes of a unit position id. */
+enum UPID_DEFINE {
+    UPID_NOT_DEFINE = 0,
+    UPID_SHELF = 1,
+    UPID_BOB = 2,
+    UPID_ENVIRONMENT = 3,
+    UPID_RACK = 4,
+    UPID_VALVE = 5,
+    UPID_SVC = 6,
+    UPID_DEWSENSOR = 7,
+    UPID_WATERSENSOR = 8,
+    UPID_PDU = 9,
+    UPID_CMU = 16,
+    UPID_C_FROM = 17,
+    UPID_CPU = 18,
+    UPID_TLP = 19,
+    UPID_TRP = 20,
+    UPID_RTR = 21,
+    UPID_MEM = 22,
+    UPID_C_SBCC = 23,
+    UPID_C_ADC = 24,
+    UPID_C_GPIO = 25,
+    UPID_C_THRM = 26,
+    UPID_CMU_POL = 27,
+    UPID_C_PSW = 28,
+    UPID_AOC = 32,
+    UPID_A_LP = 33,
+    UPID_A_RP = 34,
+    UPID_N_GPIO = 35,
+    UPID_N_THRM = 36,
+    UPID_N_POL = 37,
+    UPID_N_PSW = 38,
+    UPID_GIOU = 48,
+    UPID_G_THRM = 49,
+    UPID_G_FROM = 50,
+    UPID_G_ADC = 51,
+    UPID_G_GPIO = 52,
+    UPID_G_POL = 53,
+    UPID_G_PCIESW = 54,
+    UPID_PCICARD = 56,
+    UPID_IOCABLE = 57,
+    UPID_BIOU = 64,
+    UPID_SSD = 65,
+    UPID_B_FAN = 66,
+    UPID_B_FROM = 67,
+    UPID_B_PCIESW = 68,
+    UPID_GBE = 69,
+    UPID_RTC = 70,
+    UPID_FANC = 71,
+    UPID_B_ADC = 72,
+    UPID_B_GPIO_B = 73,
+    UPID_BMC = 74,
+    UPID_BMCRAM = 75,
+    UPID_SBC_N = 76,
+    UPID_SBC_C = 77,
+    UPID_SBC_B = 78,
+    UPID_SBC_RAM_N = 79,
+    UPID_SBC_RAM_B = 81,
+    UPID_EMMC = 82,
+    UPID_BMC_FMEM = 83,
+    UPID_SBC_FMEM = 84,
+    UPID_BMCFW = 85,
+    UPID_IDIAG = 86,
+    UPID_B_GPIO_N = 87,
+    UPID_PSUBP = 88,
+    UPID_MIDPLANE = 89,
+    UPID_CPUFW = 128,
+    UPID_NODE = 144,
+    UPID_PSU = 160,
+    UPID_P_FROM = 161,
+    UPID_IORC = 176,
+    UPID_PSUC = 177,
+    UPID_SYSFMEM = 178,
+    UPID_FANU = 192,
+    UPID_FANU_FAN = 193,
+    UPID_PANEL = 208,
+    UPID_UNDEFINED = 255,
+};
+
 /* Unit position id (8 bytes). */
 typedef struct {
     uint8_t nameID;
@@ -351,8 +439,9 @@ typedef struct {
 
 #ifdef __cplusplus
 /* Holds a mutex for a scope; lock and unlock results are not tested. */
-class ScopeLock {
-public:
+class ScopeLock
+{
+  public:
     explicit ScopeLock(pthread_mutex_t* mutex) : m(mutex) { pthread_mutex_lock(m); }
     ~ScopeLock() { pthread_mutex_unlock(m); }
     ScopeLock(const ScopeLock&) = delete;
