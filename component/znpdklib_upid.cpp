@@ -7,8 +7,7 @@
 
 using sp::sysobj::Component;
 
-namespace
-{
+namespace {
 
 struct compo2upid_t {
     int type;

@@ -21,8 +21,7 @@
 
 using sp::sysobj::Component;
 
-namespace
-{
+namespace {
 
 constexpr int kChassisInst = 17;
 constexpr int kInstCount = BMC_INSTANCE_COUNT;
@@ -88,8 +87,7 @@ const uint16_t NODE_SENSOR_INIT_VALUE[256] = {ZN_V256(node_default)};
 #undef ZN_V16
 #undef ZN_V4
 
-namespace
-{
+namespace {
 
 /* ---- Helpers ------------------------------------------------------------- */
 

@@ -12,8 +12,7 @@
 
 #include "support.h"
 
-namespace
-{
+namespace {
 
 using Key = std::pair<int, int>; /* instance, sensor */
 using States = std::map<Key, uint16_t>;

@@ -5,8 +5,7 @@
 
 #include "support.h"
 
-namespace
-{
+namespace {
 
 struct At {
     const char* name;
@@ -78,15 +77,16 @@ TEST(RecordLayout, EveryFieldAtItsDocumentedOffset)
             AT(debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT], 32, 4), AT(quorSpace[1].B, 283, 1),
             AT(cdu_info[1].cdu_ip, 528, 4), AT(cdu_info[1].password, 532, 32)});
     LAYOUT(current_psuc_info_t, 256, true,
-           {AT(psuc.bob[0], 0, 52), AT(psuc.bob[1], 52, 52), AT(psuc.bob[2], 104, 52), AT(psuc.common, 156, 32),
-            AT(rsv, 188, 68)});
+           {AT(psuc.bob[0], 0, 52), AT(psuc.bob[1], 52, 52), AT(psuc.bob[2], 104, 52),
+            AT(psuc.common, 156, 32), AT(rsv, 188, 68)});
     LAYOUT(psuc_bob_t, 52, true,
-           {AT(PresentInt, 0, 4), AT(ACOKInt, 4, 4), AT(PWOKInt, 8, 4), AT(PSONInt, 12, 4), AT(PresentMask, 16, 4),
-            AT(ACOKMask, 20, 4), AT(PWOKMask, 24, 4), AT(PSONMask, 28, 4), AT(CheckEnabe, 32, 4),
-            AT(FRUStatus, 36, 4), AT(PSONCntl, 40, 4), AT(PSONAndCntl, 44, 4), AT(PWOKCompareEnable, 48, 4)});
+           {AT(PresentInt, 0, 4), AT(ACOKInt, 4, 4), AT(PWOKInt, 8, 4), AT(PSONInt, 12, 4),
+            AT(PresentMask, 16, 4), AT(ACOKMask, 20, 4), AT(PWOKMask, 24, 4), AT(PSONMask, 28, 4),
+            AT(CheckEnabe, 32, 4), AT(FRUStatus, 36, 4), AT(PSONCntl, 40, 4), AT(PSONAndCntl, 44, 4),
+            AT(PWOKCompareEnable, 48, 4)});
     LAYOUT(psuc_common_t, 32, true,
-           {AT(PresentSts, 0, 4), AT(ACOKSts, 4, 4), AT(PWOKSts, 8, 4), AT(PSONSts, 12, 4), AT(PWOKCompare, 16, 4),
-            AT(PWOKFilter, 20, 4), AT(Version, 24, 4), AT(BobId, 28, 4)});
+           {AT(PresentSts, 0, 4), AT(ACOKSts, 4, 4), AT(PWOKSts, 8, 4), AT(PSONSts, 12, 4),
+            AT(PWOKCompare, 16, 4), AT(PWOKFilter, 20, 4), AT(Version, 24, 4), AT(BobId, 28, 4)});
     LAYOUT(unit_position_id_t, 8, true, {AT(nameID, 0, 1), AT(count, 1, 1), AT(partLayer, 2, 6)});
     LAYOUT(packed_clear_sensor_list, 4, true,
            {AT(valid, 0, 1), AT(BMCInst, 1, 1), AT(fru_sensor, 2, 1), AT(frue_sensor, 3, 1)});

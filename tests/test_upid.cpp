@@ -7,8 +7,7 @@
 
 #include "support.h"
 
-namespace
-{
+namespace {
 
 using R = std::vector<int>; /* result code, then the 8 bytes of the id */
 
