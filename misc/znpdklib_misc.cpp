@@ -125,6 +125,32 @@ bool outage_reg_base(int type, int no, uint32_t* base)
     return true;
 }
 
+/* Reports the first bad unit argument with the caller's messages (ids `id` + 1, + 2). */
+bool outage_unit_ok(int type, int no, bool all_allowed, uint32_t id, const char* bad_type, const char* bad_no)
+{
+    OutageArg arg = outage_check_unit(type, no, all_allowed);
+    if (arg == OUTAGE_BAD_TYPE) {
+        outage_trace(OSQ_LEVEL_ERROR, id + 1, bad_type, type);
+    } else if (arg == OUTAGE_BAD_NO) {
+        outage_trace(OSQ_LEVEL_ERROR, id + 2, bad_no, type, no);
+    }
+    return arg == OUTAGE_ARG_OK;
+}
+
+/* Address of a list member's register at `offset`; other types are logged with `invalid` and skipped. */
+bool outage_member_reg(sp::sysobj::Component* compo, uint32_t offset, uint32_t invalid_id,
+                       const char* invalid, uint32_t* addr)
+{
+    uint32_t base;
+    if (!outage_reg_base(compo->getType(), compo->getNo(), &base)) {
+        outage_trace(OSQ_LEVEL_ERROR, invalid_id, invalid, compo->getType(), compo->getNo(),
+                     compo->getComponentId());
+        return false;
+    }
+    *addr = base + offset;
+    return true;
+}
+
 /* One register access; `*err` is errno of the failed call. */
 int outage_reg_access(unsigned long request, uint32_t address, uint32_t* value, int* err)
 {
@@ -202,13 +228,7 @@ struct OutageSetter {
 
 int outage_set(const OutageSetter& s, int type, int no, uint8_t val)
 {
-    OutageArg arg = outage_check_unit(type, no, true);
-    if (arg == OUTAGE_BAD_TYPE) {
-        outage_trace(OSQ_LEVEL_ERROR, s.id + 1, s.bad_type, type);
-        return -1;
-    }
-    if (arg == OUTAGE_BAD_NO) {
-        outage_trace(OSQ_LEVEL_ERROR, s.id + 2, s.bad_no, type, no);
+    if (!outage_unit_ok(type, no, true, s.id, s.bad_type, s.bad_no)) {
         return -1;
     }
     if (s.reboot ? (val != 0 && val != 2) : val > 2) {
@@ -346,36 +366,22 @@ int znpdklib_clearBMCRebootOutage(int type, int no)
 int znpdklib_checkEmergencyOutage(int type, int no)
 {
     outage_trace(OSQ_LEVEL_CALL, 0x05410500, "znpdklib_checkEmergencyOutage():type=%d no=%d", type, no);
-    OutageArg arg = outage_check_unit(type, no, false);
-    if (arg == OUTAGE_BAD_TYPE) {
-        outage_trace(OSQ_LEVEL_ERROR, 0x05410501, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
-                     type);
-        return -1;
-    }
-    if (arg == OUTAGE_BAD_NO) {
-        outage_trace(OSQ_LEVEL_ERROR, 0x05410502,
-                     "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d", type,
-                     no);
+    if (!outage_unit_ok(type, no, false, 0x05410500, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
+                        "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d")) {
         return -1;
     }
     sp::sysobj::Component* chain[3];
     int count = outage_units_up(type, no, chain);
     for (int i = 0; i < count; ++i) {
         sp::sysobj::Component* compo = chain[i];
-        if (compo == nullptr) {
-            continue;
-        }
-        int ctype = compo->getType();
-        int cno = compo->getNo();
-        uint32_t base;
-        if (!outage_reg_base(ctype, cno, &base)) {
-            outage_trace(
-                OSQ_LEVEL_ERROR, 0x05410506,
+        uint32_t addr;
+        if (compo == nullptr ||
+            !outage_member_reg(
+                compo, EMERGENCY_STATE_REG, 0x05410506,
                 "znpdklib_checkEmergencyOutage():invalid component. compo_type=%d compo_no=%d [oid:%d]",
-                ctype, cno, compo->getComponentId());
+                &addr)) {
             continue;
         }
-        uint32_t addr = base + EMERGENCY_STATE_REG;
         uint32_t value = 0;
         int err = 0;
         int ret = outage_reg_access(MBC_IOCTL_SP_BOARD_R, addr, &value, &err);
@@ -386,7 +392,7 @@ int znpdklib_checkEmergencyOutage(int type, int no)
                          static_cast<int>(addr));
             break;
         }
-        uint32_t outage_bits = ctype == COMPO_BOBC ? BOBC_EMERGENCY_BITS : 0xFFFFFFFFu;
+        uint32_t outage_bits = compo->getType() == COMPO_BOBC ? BOBC_EMERGENCY_BITS : 0xFFFFFFFFu;
         if ((value & outage_bits) != 0) {
             outage_trace(OSQ_LEVEL_INFO, 0x05410508,
                          "znpdklib_checkEmergencyOutage():[oid:%d] Emergency Active State Register=0x%08x",
@@ -462,57 +468,43 @@ int znpdklib_checkEmergencyOutageByPath(const char* path)
 int znpdklib_setEmergencyMaskReg(int type, int no)
 {
     outage_trace(OSQ_LEVEL_CALL, 0x05410200, "znpdklib_setEmergencyMaskReg():start. type=%d no=%d", type, no);
-    OutageArg arg = outage_check_unit(type, no, false);
-    if (arg == OUTAGE_BAD_TYPE) {
-        outage_trace(OSQ_LEVEL_ERROR, 0x05410201, "znpdklib_setEmergencyMaskReg():invalid type. type=%d",
-                     type);
-        return -1;
-    }
-    if (arg == OUTAGE_BAD_NO) {
-        outage_trace(OSQ_LEVEL_ERROR, 0x05410202,
-                     "znpdklib_setEmergencyMaskReg():invalid type and no combination. type=%d no=%d", type,
-                     no);
+    if (!outage_unit_ok(type, no, false, 0x05410200, "znpdklib_setEmergencyMaskReg():invalid type. type=%d",
+                        "znpdklib_setEmergencyMaskReg():invalid type and no combination. type=%d no=%d")) {
         return -1;
     }
     int ret = 0;
     for (sp::sysobj::Component* compo : outage_units_down(type, no)) {
-        if (compo == nullptr) {
+        uint32_t addr;
+        if (compo == nullptr ||
+            !outage_member_reg(
+                compo, EMERGENCY_MASK_REG, 0x05410207,
+                "znpdklib_setEmergencyMaskReg():invalid component. compo_type=%d compo_no=%d [oid:%d]",
+                &addr)) {
             continue;
         }
         int ctype = compo->getType();
-        int cno = compo->getNo();
-        uint32_t base;
-        if (!outage_reg_base(ctype, cno, &base)) {
-            outage_trace(
-                OSQ_LEVEL_ERROR, 0x05410207,
-                "znpdklib_setEmergencyMaskReg():invalid component. compo_type=%d compo_no=%d [oid:%d]", ctype,
-                cno, compo->getComponentId());
-            continue;
-        }
-        int addr = static_cast<int>(base + EMERGENCY_MASK_REG);
+        // clang-format off
         if (ctype == COMPO_BOBC) {
             outage_trace(OSQ_LEVEL_INFO, 0x05410204,
-                         "znpdklib_setEmergencyMaskReg():BoBC Emergency Active State Mask Register close. "
-                         "addr=0x%08x",
-                         addr);
+                "znpdklib_setEmergencyMaskReg():BoBC Emergency Active State Mask Register close. addr=0x%08x",
+                static_cast<int>(addr));
         } else if (ctype == COMPO_CMUC) {
             outage_trace(OSQ_LEVEL_INFO, 0x05410205,
-                         "znpdklib_setEmergencyMaskReg():CMUC#%d Emergency Active State Mask Register close. "
-                         "addr=0x%08x",
-                         cno, addr);
+                "znpdklib_setEmergencyMaskReg():CMUC#%d Emergency Active State Mask Register close. addr=0x%08x",
+                compo->getNo(), static_cast<int>(addr));
         } else {
             outage_trace(OSQ_LEVEL_INFO, 0x05410206,
-                         "znpdklib_setEmergencyMaskReg():Node#%d Emergency Active State Mask Register close. "
-                         "addr=0x%08x",
-                         cno, addr);
+                "znpdklib_setEmergencyMaskReg():Node#%d Emergency Active State Mask Register close. addr=0x%08x",
+                compo->getNo(), static_cast<int>(addr));
         }
+        // clang-format on
         uint32_t closed = 0;
         int err = 0;
-        ret = outage_reg_access(MBC_IOCTL_SP_BOARD_W, static_cast<uint32_t>(addr), &closed, &err);
+        ret = outage_reg_access(MBC_IOCTL_SP_BOARD_W, addr, &closed, &err);
         if (ret < 0) {
             outage_trace(OSQ_LEVEL_ERROR, 0x05410208,
                          "znpdklib_setEmergencyMaskReg():write error. ret=%d errno=%d addr=0x%08x", ret, err,
-                         addr);
+                         static_cast<int>(addr));
             break;
         }
     }
