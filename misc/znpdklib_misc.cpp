@@ -266,7 +266,7 @@ int eval_bob_alarm_led(int BMCInst)
     int result = kLedOff;
     for (int sensor = 0; sensor <= 255; ++sensor) {
         INT8U num = static_cast<INT8U>(sensor);
-        if (isValidSensorBMCInst(num, BMCInst) == 0) {
+        if (isValidSensorBMCInst(num, BMCInst) != 1) {
             continue;
         }
         INT8U req = num;
