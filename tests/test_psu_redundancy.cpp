@@ -1,6 +1,7 @@
 /* PSU redundancy check: verdicts, transitions of sensor 0x81, RAS logs, register layout. */
 #include <string.h>
 
+#include <atomic>
 #include <thread>
 
 #include "support.h"
@@ -11,19 +12,16 @@ namespace
 
 constexpr uint8_t kPsuSns = 0x81;
 
-template <typename T> void edit_root(int key, const std::function<void(T&)>& change)
+void configure(int slots, int enable = 1, uint32_t common0 = 0, uint32_t bmcinit = 0)
 {
-    T rec = zsim::get<T>(1, key);
-    change(rec);
-    zsim::put(1, key, rec);
-}
-
-void set_system(int slots, int enable = 1)
-{
-    edit_root<current_system_info_t>(PROP_CURRENT_INFO, [&](current_system_info_t& sys) {
-        sys.available_psu_slots = static_cast<uint8_t>(slots);
-        sys.psu_redandancy_check_enable = static_cast<uint8_t>(enable);
-    });
+    auto sys = zsim::get<current_system_info_t>(1, PROP_CURRENT_INFO);
+    sys.available_psu_slots = static_cast<uint8_t>(slots);
+    sys.psu_redandancy_check_enable = static_cast<uint8_t>(enable);
+    zsim::put(1, PROP_CURRENT_INFO, sys);
+    auto setup = zsim::get<setup_system_info_t>(1, PROP_SETUP_INFO);
+    setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0] = common0;
+    setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT] = bmcinit;
+    zsim::put(1, PROP_SETUP_INFO, setup);
 }
 
 void change_image(const std::function<void(psuc_all_t&)>& change)
@@ -64,7 +62,7 @@ class PsuCheck : public SimTest
         for (int n = 0; n < 18; ++n) { /* the controller's wiring: one byte (three PSUs) per BoB */
             zsim::set_psu_ctlinfo(n, 0, static_cast<uint32_t>(zsim::psu_ctlbob(n)) << 8);
         }
-        set_system(18);
+        configure(18);
         fresh(0x2, 18);
     }
 };
@@ -109,12 +107,6 @@ TEST_F(PsuCheck, EveryTransitionOfTheRedundancySensor)
 /* Each row starts from 18 healthy PSUs, sensor 0x2, no debug bits, and runs mode 1. */
 TEST_F(PsuCheck, EdgeCases)
 {
-    auto debug = [](uint32_t common0, uint32_t bmcinit) {
-        edit_root<setup_system_info_t>(PROP_SETUP_INFO, [=](setup_system_info_t& s) {
-            s.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0] = common0;
-            s.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT] = bmcinit;
-        });
-    };
     auto fru = [](int psu, uint32_t v) { return [=] { zsim::set_psu_fru_status(psu, v); }; };
     struct Row {
         int slots, enable, usable;
@@ -134,11 +126,11 @@ TEST_F(PsuCheck, EdgeCases)
         {3, 0, 2, nullptr, 0, 0x2, 0x5400319, nullptr},
         {3, 0, 1, nullptr, 2, 0x8, 0x5400311, nullptr},
         {4, 0, 3, nullptr, 1, 0x4, 0x5400310, nullptr},
-        {18, 1, 17, [&] { debug(0x2, 0); }, 0, 0x2, 0x5400315, nullptr},
-        {18, 1, 17, [&] { debug(0, 0x2000); }, 0, 0x2, 0x5400315,
+        {18, 1, 17, [&] { configure(18, 1, 0x2); }, 0, 0x2, 0x5400315, nullptr},
+        {18, 1, 17, [&] { configure(18, 1, 0, 0x2000); }, 0, 0x2, 0x5400315,
          "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x00000000 "
          "debug_flag_bmcinit=0x00002000"},
-        {18, 1, 18, [&] { debug(0x10, 0), zsim::set_psu_fru_status(0, 0); }, 0, 0x2, 0x5400313,
+        {18, 1, 18, [&] { configure(18, 1, 0x10), zsim::set_psu_fru_status(0, 0); }, 0, 0x2, 0x5400313,
          "check_psu_redundancy():PSU#00 unknown. frustate=0x00000000. ignore unknown by "
          "debug_flag=0x00000010"},
         {18, 1, 18, fru(0, 0), 1, 0x4, 0x5400314, "check_psu_redundancy():PSU#00 NG. frustate=0x00000000"},
@@ -169,7 +161,7 @@ TEST_F(PsuCheck, EdgeCases)
     for (const Row& r : rows) {
         SCOPED_TRACE(testing::Message() << "row " << (&r - rows));
         SetUp();
-        set_system(r.slots, r.enable);
+        configure(r.slots, r.enable);
         fresh(0x2, r.usable);
         if (r.extra) {
             r.extra();
@@ -186,32 +178,15 @@ TEST_F(PsuCheck, EdgeCases)
               std::vector<std::string>{"znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=3)"});
 }
 
-TEST_F(PsuCheck, LossStoresTheRegisterImageInThePsucRecord)
-{
-    int psuc = zsim::find(COMPO_PSUC, 0);
-    current_psuc_info_t before{};
-    memset(before.rsv, 0x5A, sizeof(before.rsv));
-    zsim::put(psuc, PROP_CURRENT_INFO, before);
-    fresh(0x2, 17);
-    EXPECT_EQ(znpdklib_check_psu_redundancy(1), 1);
-    auto after = zsim::get<current_psuc_info_t>(psuc, PROP_CURRENT_INFO);
-    psuc_all_t im = zsim::psuc_image();
-    EXPECT_EQ(memcmp(&after.psuc, &im, sizeof(im)), 0);
-    EXPECT_EQ(memcmp(after.rsv, before.rsv, sizeof(before.rsv)), 0);
-    EXPECT_EQ(zsim::hap_calls().at(1).para, (std::vector<uint32_t>{0x1FFF, 0x1FFF, 0x1FFF, 0xFF}));
-}
-
 TEST_F(PsuCheck, PreCheckForPsuControlChangesNothing)
 {
-    for (uint16_t from : {0x2, 0x4, 0x8}) {
-        for (int usable : {18, 17, 16}) {
-            fresh(from, usable);
-            EXPECT_EQ(znpdklib_check_psu_redundancy_for_psu_control(17, 5), usable == 18 ? 1 : 2);
-            EXPECT_EQ(ztest::state(17, kPsuSns), from);
-            EXPECT_TRUE(zsim::ras_logs().empty());
-            EXPECT_EQ(ztest::texts_with_id(0x540030C),
-                      std::vector<std::string>{"check_psu_redundancy():PSU#05 NG. PSU Control POFF target"});
-        }
+    for (auto [from, usable] : {std::pair{0x2, 18}, {0x2, 16}, {0x4, 18}, {0x4, 17}, {0x8, 18}, {0x8, 16}}) {
+        fresh(static_cast<uint16_t>(from), usable);
+        EXPECT_EQ(znpdklib_check_psu_redundancy_for_psu_control(17, 5), usable == 18 ? 1 : 2);
+        EXPECT_EQ(ztest::state(17, kPsuSns), from);
+        EXPECT_TRUE(zsim::ras_logs().empty());
+        EXPECT_EQ(ztest::texts_with_id(0x540030C),
+                  std::vector<std::string>{"check_psu_redundancy():PSU#05 NG. PSU Control POFF target"});
     }
     EXPECT_TRUE(zsim::sel(17).empty());
     fresh(0x2, 18);
@@ -224,12 +199,21 @@ TEST_F(PsuCheck, ConcurrentChecksActOnOneTransitionOnce)
 {
     for (int round = 0; round < 20; ++round) {
         fresh(0x2, 17);
-        int r1 = -9, r2 = -9;
-        std::thread a([&] { r1 = znpdklib_check_psu_redundancy(1); });
-        std::thread b([&] { r2 = znpdklib_check_psu_redundancy(2); });
-        a.join();
-        b.join();
-        EXPECT_EQ(r1 * 10 + r2, 11);
+        std::atomic<bool> go{false};
+        int results[4] = {};
+        std::vector<std::thread> threads;
+        for (int& r : results) {
+            threads.emplace_back([&] {
+                while (!go) {
+                }
+                r = znpdklib_check_psu_redundancy(1);
+            });
+        }
+        go = true;
+        for (auto& t : threads) {
+            t.join();
+        }
+        EXPECT_EQ(std::vector<int>(results, results + 4), std::vector<int>(4, 1));
         EXPECT_EQ(ras_codes(), std::vector<std::string>{"BFW_CFG_PSU_4"});
         EXPECT_EQ(ztest::state(17, kPsuSns), 0x4);
     }
@@ -248,6 +232,10 @@ TEST_F(PsuDefaultMachine, PsuPulledAndPutBack)
     zsim::set_psu_present(7, false);
     EXPECT_EQ(znpdklib_check_psu_redundancy(1), 1);
     EXPECT_EQ(ztest::state(17, kPsuSns), 0x4);
+    psuc_all_t im = zsim::psuc_image(); /* stored whole, read with every field selected */
+    auto rec = zsim::get<current_psuc_info_t>(zsim::find(COMPO_PSUC, 0), PROP_CURRENT_INFO);
+    EXPECT_EQ(memcmp(&rec.psuc, &im, sizeof(im)), 0);
+    EXPECT_EQ(zsim::hap_calls().back().para, (std::vector<uint32_t>{0x1FFF, 0x1FFF, 0x1FFF, 0xFF}));
     for (uint8_t s : {0x49, 35, 33}) { /* what the loss escalated elsewhere */
         zsim::set_sensor_reading(17, s, 0x10);
     }
@@ -260,4 +248,12 @@ TEST_F(PsuDefaultMachine, PsuPulledAndPutBack)
         EXPECT_EQ(ztest::state(17, s), 0x2) << int(s);
     }
     EXPECT_EQ(zsim::led(COMPO_SYSTEM, 0, 1), 1);
+    std::string seen; /* call variant, level, region and module of a few lines */
+    for (uint32_t id : {0x5400300u, 0x5400303u, 0x5400320u, 0x540030Fu}) {
+        auto t = zsim::traces_with_id(id).at(0);
+        seen += t.variant + ":" + std::to_string(t.level) + ":" + std::to_string(t.region) + ":" +
+                std::to_string(t.module) + " ";
+    }
+    EXPECT_EQ(seen,
+              "sp_trace2:2049:40:30 sp_trace27:32769:40:30 sp_trace25:32769:40:30 sp_trace4:32769:40:30 ");
 }
