@@ -114,6 +114,35 @@ void lower_to_warning(int inst, int sensor, uint32_t set_id, uint32_t skip_id)
     }
 }
 
+/*
+ * Walks sensor 35 and then each of its escalation targets: a sensor is
+ * handed to `act` (instance, sensor, whether it is 35 itself) only when none
+ * of the FRU error sensors pointing at it is in error. Every list is freed.
+ */
+template <typename Act>
+void walk_escalation(uint16_t frue_ok_bits, uint32_t parent_error_id, uint32_t target_error_id,
+                     const char* error_fmt, Act act)
+{
+    Esc_Table_t top = escalation_of(Esc_Sensor_t{0, kChassisInst, kRedundancyParent});
+    bool error = frue_error_found(top, frue_ok_bits, parent_error_id, error_fmt);
+    free(top.frue_list);
+    top.frue_list = nullptr;
+    if (!error) {
+        act(kChassisInst, kRedundancyParent, true);
+    }
+
+    for (int i = 0; i < top.esc_count && top.esc_list != nullptr; ++i) {
+        const Esc_Sensor_t target = top.esc_list[i];
+        Esc_Table_t sub = escalation_of(target);
+        error = frue_error_found(sub, frue_ok_bits, target_error_id, error_fmt);
+        if (!error && esc_entry_usable(target)) {
+            act(target.BMCInst, target.Sensor_No, false);
+        }
+        free_escalation_lists(sub);
+    }
+    free_escalation_lists(top);
+}
+
 void redundancy_recover(int sensor_clear)
 {
     recover_trace(0x8001, 0x81010001, "znpdklib_redundancy_recover():start. sensor_clear=%d", sensor_clear);
@@ -134,43 +163,23 @@ void redundancy_recover(int sensor_clear)
         znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetNormal, kChassisInst);
     }
 
-    Esc_Table_t top = escalation_of(Esc_Sensor_t{0, kChassisInst, kRedundancyParent});
-    bool error = frue_error_found(top, kFrueOkBits, 0x81010003,
-                                  "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d "
-                                  "SensorReading=0x%04x");
-    free(top.frue_list);
-    top.frue_list = nullptr;
-
-    if (!error && isValidSensorBMCInst(kRedundancyParent, kChassisInst) == 1 && sensor_clear) {
-        recover_trace(0x8001, 0x81010004, "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d",
-                      kChassisInst, kRedundancyParent);
-        znpdklib_exSetSensorWoS(kRedundancyParent, kOffsetNormal, kChassisInst);
-    }
-
-    for (int i = 0; i < top.esc_count && top.esc_list != nullptr; ++i) {
-        const Esc_Sensor_t target = top.esc_list[i];
-        Esc_Table_t sub = escalation_of(target);
-        error = frue_error_found(sub, kFrueOkBits, 0x81010005,
-                                 "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d "
-                                 "SensorReading=0x%04x");
-        if (!error && esc_entry_usable(target)) {
-            INT8U sns = static_cast<INT8U>(target.Sensor_No);
-            if (isValidSensorBMCInst(sns, target.BMCInst) == 1 && sensor_clear) {
-                recover_trace(0x8001, 0x81010006,
-                              "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d",
-                              target.BMCInst, target.Sensor_No);
-                znpdklib_exSetSensorWoS(sns, kOffsetNormal, target.BMCInst);
-            }
-            /* The alarm LED follows target 33 even when only checking. */
-            if (target.Sensor_No == kAlarmLedSensor) {
-                recover_trace(0x8001, 0x81010007, "znpdklib_redundancy_recover():Chassis Alarm LED off");
-                bob_alarm_led_off();
-            }
-        }
-        free_escalation_lists(sub);
-    }
-
-    free_escalation_lists(top);
+    walk_escalation(kFrueOkBits, 0x81010003, 0x81010005,
+                    "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d "
+                    "SensorReading=0x%04x",
+                    [sensor_clear](int inst, int sensor, bool parent) {
+                        if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1 && sensor_clear) {
+                            recover_trace(0x8001, parent ? 0x81010004 : 0x81010006,
+                                          "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d",
+                                          inst, sensor);
+                            znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetNormal, inst);
+                        }
+                        /* The alarm LED follows target 33 even when only checking. */
+                        if (!parent && sensor == kAlarmLedSensor) {
+                            recover_trace(0x8001, 0x81010007,
+                                          "znpdklib_redundancy_recover():Chassis Alarm LED off");
+                            bob_alarm_led_off();
+                        }
+                    });
     recover_trace(0x8001, 0x8101FFFF, "znpdklib_redundancy_recover():end");
 }
 
@@ -207,31 +216,15 @@ void redundancy_recover_shortage2lost()
                   "znpdklib_redundancy_recover_shortage2lost():set CER to FRUE Environment");
     znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetCer, kChassisInst);
 
-    Esc_Table_t top = escalation_of(Esc_Sensor_t{0, kChassisInst, kRedundancyParent});
-    bool error = frue_error_found(top, kFrueOkBitsCer, 0x81020006,
-                                  "znpdklib_redundancy_recover_shortage2lost():detect FRUE error. BMCInst=%d "
-                                  "SensorNum=%d SensorReading=0x%04x");
-    free(top.frue_list);
-    top.frue_list = nullptr;
-
-    if (!error && isValidSensorBMCInst(kRedundancyParent, kChassisInst) == 1) {
-        lower_to_warning(kChassisInst, kRedundancyParent, 0x81020007, 0x81020008);
-    }
-
-    for (int i = 0; i < top.esc_count && top.esc_list != nullptr; ++i) {
-        const Esc_Sensor_t target = top.esc_list[i];
-        Esc_Table_t sub = escalation_of(target);
-        error = frue_error_found(sub, kFrueOkBitsCer, 0x81020009,
-                                 "znpdklib_redundancy_recover_shortage2lost():detect FRUE error. BMCInst=%d "
-                                 "SensorNum=%d SensorReading=0x%04x");
-        if (!error && esc_entry_usable(target) &&
-            isValidSensorBMCInst(static_cast<INT8U>(target.Sensor_No), target.BMCInst) == 1) {
-            lower_to_warning(target.BMCInst, target.Sensor_No, 0x8102000A, 0x8102000B);
-        }
-        free_escalation_lists(sub);
-    }
-
-    free_escalation_lists(top);
+    walk_escalation(kFrueOkBitsCer, 0x81020006, 0x81020009,
+                    "znpdklib_redundancy_recover_shortage2lost():detect FRUE error. BMCInst=%d SensorNum=%d "
+                    "SensorReading=0x%04x",
+                    [](int inst, int sensor, bool parent) {
+                        if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1) {
+                            lower_to_warning(inst, sensor, parent ? 0x81020007 : 0x8102000A,
+                                             parent ? 0x81020008 : 0x8102000B);
+                        }
+                    });
     recover_trace(0x8001, 0x8102FFFF, "znpdklib_redundancy_recover_shortage2lost():end");
 }
 
