@@ -1,8 +1,10 @@
 /*
  * PSU controller model of the simulated platform: the register image that
  * the procedure "BOB_R_BOBC_PSUC" (mode "READ") on BOBC#0 reads, one image
- * for the whole machine. init() and attach() put it back to the healthy
- * default: all 18 PSUs present, AC-OK, PS-ON and controlled, FRU status 1.
+ * for the whole machine. Like the procedure handlers it lives in this
+ * process (a forked child starts from its parent's image). init() and
+ * attach() put it back to the healthy default: all 18 PSUs present, AC-OK,
+ * PS-ON and controlled, FRU status 1.
  */
 #ifndef ZNPDK_SIM_PSU_H
 #define ZNPDK_SIM_PSU_H
