@@ -13,10 +13,8 @@
 #include "znlib.h"
 
 /* Nested namespace: the other section of this file has helpers of its own. */
-namespace
-{
-namespace chassis_env
-{
+namespace {
+namespace chassis_env {
 
 constexpr int kChassisInst = 17;
 constexpr INT8U kFrueEnvSensor = 0x49;
@@ -107,10 +105,10 @@ void lower_to_warning(int inst, int sensor, uint32_t set_id, uint32_t skip_id)
                       inst, sensor);
         znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetWarning, inst);
     } else {
-        recover_trace(0x8001, skip_id,
-                      "znpdklib_redundancy_recover_shortage2lost():skip set warning. BMCInst=%d SensorNum=%d "
-                      "SensorReading=0x%04x offset=%d",
-                      inst, sensor, word, offset);
+        recover_trace(
+            0x8001, skip_id,
+            "znpdklib_redundancy_recover_shortage2lost():skip set warning. BMCInst=%d SensorNum=%d SensorReading=0x%04x offset=%d",
+            inst, sensor, word, offset);
     }
 }
 
@@ -150,10 +148,10 @@ void redundancy_recover(int sensor_clear)
     for (INT8U sns : kRedundancySensors) {
         uint16_t word = sensor_state_word(kChassisInst, sns);
         if ((word & ~kRedFully) != 0) {
-            recover_trace(0x8002, 0x81010002,
-                          "znpdklib_redundancy_recover():Redundansy sensor is not Fully. SensorNum=%d "
-                          "SensorReading=0x%04x",
-                          sns, word);
+            recover_trace(
+                0x8002, 0x81010002,
+                "znpdklib_redundancy_recover():Redundansy sensor is not Fully. SensorNum=%d SensorReading=0x%04x",
+                sns, word);
             return;
         }
     }
@@ -163,23 +161,22 @@ void redundancy_recover(int sensor_clear)
         znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetNormal, kChassisInst);
     }
 
-    walk_escalation(kFrueOkBits, 0x81010003, 0x81010005,
-                    "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d "
-                    "SensorReading=0x%04x",
-                    [sensor_clear](int inst, int sensor, bool parent) {
-                        if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1 && sensor_clear) {
-                            recover_trace(0x8001, parent ? 0x81010004 : 0x81010006,
-                                          "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d",
-                                          inst, sensor);
-                            znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetNormal, inst);
-                        }
-                        /* The alarm LED follows target 33 even when only checking. */
-                        if (!parent && sensor == kAlarmLedSensor) {
-                            recover_trace(0x8001, 0x81010007,
-                                          "znpdklib_redundancy_recover():Chassis Alarm LED off");
-                            bob_alarm_led_off();
-                        }
-                    });
+    walk_escalation(
+        kFrueOkBits, 0x81010003, 0x81010005,
+        "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d SensorReading=0x%04x",
+        [sensor_clear](int inst, int sensor, bool parent) {
+            if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1 && sensor_clear) {
+                recover_trace(0x8001, parent ? 0x81010004 : 0x81010006,
+                              "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d", inst,
+                              sensor);
+                znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetNormal, inst);
+            }
+            /* The alarm LED follows target 33 even when only checking. */
+            if (!parent && sensor == kAlarmLedSensor) {
+                recover_trace(0x8001, 0x81010007, "znpdklib_redundancy_recover():Chassis Alarm LED off");
+                bob_alarm_led_off();
+            }
+        });
     recover_trace(0x8001, 0x8101FFFF, "znpdklib_redundancy_recover():end");
 }
 
@@ -193,16 +190,15 @@ void redundancy_recover_shortage2lost()
         if (word & kRedShortage) {
             recover_trace(
                 0x8001, 0x81020002,
-                "znpdklib_redundancy_recover_shortage2lost():Redundansy sensor is Shortage. SensorNum=%d "
-                "SensorReading=0x%04x",
+                "znpdklib_redundancy_recover_shortage2lost():Redundansy sensor is Shortage. SensorNum=%d SensorReading=0x%04x",
                 sns, word);
             return;
         }
         if (word & kRedLost) {
-            recover_trace(0x8001, 0x81020003,
-                          "znpdklib_redundancy_recover_shortage2lost():Redundansy Lost detect. SensorNum=%d "
-                          "SensorReading=0x%04x",
-                          sns, word);
+            recover_trace(
+                0x8001, 0x81020003,
+                "znpdklib_redundancy_recover_shortage2lost():Redundansy Lost detect. SensorNum=%d SensorReading=0x%04x",
+                sns, word);
             lost = true;
         }
     }
@@ -216,15 +212,15 @@ void redundancy_recover_shortage2lost()
                   "znpdklib_redundancy_recover_shortage2lost():set CER to FRUE Environment");
     znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetCer, kChassisInst);
 
-    walk_escalation(kFrueOkBitsCer, 0x81020006, 0x81020009,
-                    "znpdklib_redundancy_recover_shortage2lost():detect FRUE error. BMCInst=%d SensorNum=%d "
-                    "SensorReading=0x%04x",
-                    [](int inst, int sensor, bool parent) {
-                        if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1) {
-                            lower_to_warning(inst, sensor, parent ? 0x81020007 : 0x8102000A,
-                                             parent ? 0x81020008 : 0x8102000B);
-                        }
-                    });
+    walk_escalation(
+        kFrueOkBitsCer, 0x81020006, 0x81020009,
+        "znpdklib_redundancy_recover_shortage2lost():detect FRUE error. BMCInst=%d SensorNum=%d SensorReading=0x%04x",
+        [](int inst, int sensor, bool parent) {
+            if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1) {
+                lower_to_warning(inst, sensor, parent ? 0x81020007 : 0x8102000A,
+                                 parent ? 0x81020008 : 0x8102000B);
+            }
+        });
     recover_trace(0x8001, 0x8102FFFF, "znpdklib_redundancy_recover_shortage2lost():end");
 }
 
@@ -326,10 +322,10 @@ int clear_bob_alarm_led()
             return -1;
         }
     } else {
-        led_trace(0x8001, 0x05410407,
-                  "znpdklib_clear_bob_alarm_led():no need to change BoB Alarm LED. cur_led_state=%d "
-                  "eval_led_state=%d",
-                  cur, eval_state);
+        led_trace(
+            0x8001, 0x05410407,
+            "znpdklib_clear_bob_alarm_led():no need to change BoB Alarm LED. cur_led_state=%d eval_led_state=%d",
+            cur, eval_state);
     }
 
     led_trace(1, 0x054104FF, "znpdklib_clear_bob_alarm_led():end. result=%d", 0);

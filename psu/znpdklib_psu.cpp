@@ -9,8 +9,7 @@
 
 using sp::sysobj::Component;
 
-namespace
-{
+namespace {
 
 /* Serialises the decision and the sensor change of concurrent checks. */
 pthread_mutex_t chk_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -318,10 +317,10 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
     uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     uint32_t debug_flag_bmcinit = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT];
     if ((debug_flag_common0 & kDbgCommon0Skip) || (debug_flag_bmcinit & kDbgBmcinitSkip)) {
-        psu_trace(kLvlInfo, 0x5400315,
-                  "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x "
-                  "debug_flag_bmcinit=0x%08x",
-                  as_int(debug_flag_common0), as_int(debug_flag_bmcinit));
+        psu_trace(
+            kLvlInfo, 0x5400315,
+            "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
+            as_int(debug_flag_common0), as_int(debug_flag_bmcinit));
         return 0;
     }
 
@@ -331,12 +330,12 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
         psu_trace(kLvlError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d", ret);
         return -1;
     }
-    sp_trace27(kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
-               "check_psu_redundancy():Present=0x%08x ACOK=0x%08x PWOK=0x%08x PSON=0x%08x PSONAndCntl=0x%08x "
-               "0x%08x 0x%08x",
-               as_int(reg.common.PresentSts), as_int(reg.common.ACOKSts), as_int(reg.common.PWOKSts),
-               as_int(reg.common.PSONSts), as_int(reg.bob[0].PSONAndCntl), as_int(reg.bob[1].PSONAndCntl),
-               as_int(reg.bob[2].PSONAndCntl));
+    sp_trace27(
+        kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
+        "check_psu_redundancy():Present=0x%08x ACOK=0x%08x PWOK=0x%08x PSON=0x%08x PSONAndCntl=0x%08x 0x%08x 0x%08x",
+        as_int(reg.common.PresentSts), as_int(reg.common.ACOKSts), as_int(reg.common.PWOKSts),
+        as_int(reg.common.PSONSts), as_int(reg.bob[0].PSONAndCntl), as_int(reg.bob[1].PSONAndCntl),
+        as_int(reg.bob[2].PSONAndCntl));
     psu_trace(kLvlInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
               as_int(reg.bob[0].FRUStatus), as_int(reg.bob[1].FRUStatus), as_int(reg.bob[2].FRUStatus));
 
@@ -372,8 +371,7 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
         if (check_enable == 0 && (slots == 2 || (slots == 3 && result != kResultShortage))) {
             psu_trace(
                 kLvlInfo, slots == 2 ? 0x5400318 : 0x5400319,
-                "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d "
-                "result=%d",
+                "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
                 scan.okpsu, slots, check_enable, result);
             return 0;
         }

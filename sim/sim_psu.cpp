@@ -7,11 +7,9 @@
 
 #include "znpdk_sim/detail.h"
 
-namespace zsim
-{
+namespace zsim {
 
-namespace
-{
+namespace {
 
 constexpr int kPsus = 18;
 constexpr int kBobFields = 13;

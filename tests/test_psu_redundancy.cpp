@@ -7,8 +7,7 @@
 #include "support.h"
 #include "znpdk_sim/psu.h"
 
-namespace
-{
+namespace {
 
 constexpr uint8_t kPsuSns = 0x81;
 
@@ -53,8 +52,7 @@ std::vector<std::string> ras_codes()
     return out;
 }
 
-class PsuCheck : public SimTest
-{
+class PsuCheck : public SimTest {
   protected:
     void SetUp() override
     {
@@ -128,11 +126,9 @@ TEST_F(PsuCheck, EdgeCases)
         {4, 0, 3, nullptr, 1, 0x4, 0x5400310, nullptr},
         {18, 1, 17, [&] { configure(18, 1, 0x2); }, 0, 0x2, 0x5400315, nullptr},
         {18, 1, 17, [&] { configure(18, 1, 0, 0x2000); }, 0, 0x2, 0x5400315,
-         "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x00000000 "
-         "debug_flag_bmcinit=0x00002000"},
+         "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x00000000 debug_flag_bmcinit=0x00002000"},
         {18, 1, 18, [&] { configure(18, 1, 0x10), zsim::set_psu_fru_status(0, 0); }, 0, 0x2, 0x5400313,
-         "check_psu_redundancy():PSU#00 unknown. frustate=0x00000000. ignore unknown by "
-         "debug_flag=0x00000010"},
+         "check_psu_redundancy():PSU#00 unknown. frustate=0x00000000. ignore unknown by debug_flag=0x00000010"},
         {18, 1, 18, fru(0, 0), 1, 0x4, 0x5400314, "check_psu_redundancy():PSU#00 NG. frustate=0x00000000"},
         /* PSU 4 and PSU 11 maintenance targets: the later one is judged */
         {19, 1, 18, [&] { fru(4, 9)(), fru(11, 9)(); }, 1, 0x4, 0x5400500,

@@ -3,8 +3,7 @@
 
 #include "support.h"
 
-namespace
-{
+namespace {
 
 constexpr uint8_t kFan = 0x82, kPsu = 0x81, kEnv = 0x49, kParent = 35, kLed = 33, kFrueA = 0x60,
                   kFrueB = 0x61;
@@ -19,8 +18,7 @@ void define(int inst, uint8_t num, uint8_t type, uint16_t reading = 0)
  * FRU error sensors A and B of the chassis both point at 35; A also at 33, B
  * at node sensor (2, 10). So 35 sees {A, B}; its targets (2,10) see {B}, 33 sees {A}.
  */
-class Recover : public EmptySimTest
-{
+class Recover : public EmptySimTest {
   protected:
     void SetUp() override
     {
@@ -112,9 +110,9 @@ TEST_F(Recover, ShortageToLostLowersToWarning)
         EXPECT_EQ(after(), r.after);
     }
     EXPECT_EQ(zsim::led_control_calls(), 0);
-    EXPECT_EQ(zsim::traces_with_id(0x81020008).at(0).text,
-              "znpdklib_redundancy_recover_shortage2lost():skip set warning. BMCInst=17 SensorNum=35 "
-              "SensorReading=0x0008 offset=3");
+    EXPECT_EQ(
+        zsim::traces_with_id(0x81020008).at(0).text,
+        "znpdklib_redundancy_recover_shortage2lost():skip set warning. BMCInst=17 SensorNum=35 SensorReading=0x0008 offset=3");
 }
 
 using AlarmLed = EmptySimTest;

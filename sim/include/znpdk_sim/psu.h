@@ -13,8 +13,7 @@
 
 #include "znpdklib_types.h"
 
-namespace zsim
-{
+namespace zsim {
 
 /* ---- Where a PSU sits in the registers (psuno 0 to 17) ------------------ */
 /* The BoB block (0 to 2) that controls PSU n on the simulated machine. */
