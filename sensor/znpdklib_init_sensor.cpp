@@ -1,1 +1,840 @@
+/*
+ * Start-up states of every sensor, the node error evaluation and the
+ * per-instance escalation tables.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ipmi_stack.h"
+#include "sp_trace.h"
+#include "sputil.h"
+#include "znlib.h"
 #include "znpdklib.h"
+
+using sp::sysobj::Component;
+
+namespace {
+
+constexpr int kChassisInst = 17;
+constexpr int kInstCount = BMC_INSTANCE_COUNT;
+constexpr INT8U kTypeFru = 0xC1;
+constexpr INT8U kTypeFrue = 0xC2;
+constexpr int kInfo = 0x8001;
+constexpr int kError = 0x8002;
+constexpr int kDetail = 0x0801;
+
+/* ---- Default tables ---------------------------------------------------- */
+
+struct InitRange {
+    int lo;
+    int hi;
+    uint16_t value;
+};
+
+constexpr InitRange kBobRanges[] = {
+    {0, 0, 0x0001},     {34, 34, 0x0001},   {36, 47, 0x0001},   {53, 67, 0x0001},   {69, 71, 0x0001},
+    {74, 86, 0x0001},   {89, 90, 0x0001},   {108, 109, 0x0001}, {182, 196, 0x0001}, {33, 33, 0x0002},
+    {35, 35, 0x0002},   {48, 48, 0x0002},   {50, 52, 0x0002},   {68, 68, 0x0002},   {72, 73, 0x0002},
+    {87, 87, 0x0002},   {91, 100, 0x0002},  {103, 107, 0x0002}, {110, 110, 0x0002}, {129, 130, 0x0002},
+    {177, 181, 0x0002}, {197, 220, 0x0002},
+};
+
+constexpr InitRange kNodeRanges[] = {
+    {0, 1, 0x0001}, {4, 7, 0x0001},  {15, 35, 0x0001}, {46, 64, 0x0001}, {67, 68, 0x0001}, {76, 85, 0x0001},
+    {3, 3, 0x0002}, {8, 14, 0x0002}, {36, 45, 0x0002}, {65, 66, 0x0002}, {69, 75, 0x0002}, {145, 152, 0x0002},
+};
+
+template <size_t N> constexpr uint16_t range_value(const InitRange (&ranges)[N], int sensor)
+{
+    for (const InitRange& r : ranges) {
+        if (sensor >= r.lo && sensor <= r.hi) {
+            return r.value;
+        }
+    }
+    return 0;
+}
+
+constexpr uint16_t bob_default(int sensor)
+{
+    return range_value(kBobRanges, sensor);
+}
+constexpr uint16_t node_default(int sensor)
+{
+    return range_value(kNodeRanges, sensor);
+}
+
+} // namespace
+
+/* The exported tables, expanded from the ranges at compile time. */
+#define ZN_V4(f, n) f(n), f(n + 1), f(n + 2), f(n + 3)
+#define ZN_V16(f, n) ZN_V4(f, n), ZN_V4(f, n + 4), ZN_V4(f, n + 8), ZN_V4(f, n + 12)
+#define ZN_V64(f, n) ZN_V16(f, n), ZN_V16(f, n + 16), ZN_V16(f, n + 32), ZN_V16(f, n + 48)
+#define ZN_V256(f) ZN_V64(f, 0), ZN_V64(f, 64), ZN_V64(f, 128), ZN_V64(f, 192)
+
+const uint16_t BOB_SENSOR_INIT_VALUE[256] = {ZN_V256(bob_default)};
+const uint16_t NODE_SENSOR_INIT_VALUE[256] = {ZN_V256(node_default)};
+
+#undef ZN_V256
+#undef ZN_V64
+#undef ZN_V16
+#undef ZN_V4
+
+namespace {
+
+/* ---- Helpers ------------------------------------------------------------- */
+
+void trace(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
+{
+    sp_trace2(level, T_REGION_LIB_POWER_INIT, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
+}
+
+void trace_util(uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
+{
+    sp_trace2(kInfo, T_REGION_LIB_UTIL, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
+}
+
+bool valid_inst(int BMCInst)
+{
+    return BMCInst >= 0 && BMCInst < kInstCount;
+}
+
+/* Node instances are 1 to 16; larger numbers are taken as node numbers. */
+int node_of_inst(int BMCInst)
+{
+    return BMCInst > kChassisInst ? BMCInst : BMCInst - 1;
+}
+
+/* Common record read into a zeroed buffer: a missing component reads as
+ * not installed with no status bit set. */
+current_common_info_t read_common(Component* compo)
+{
+    current_common_info_t info;
+    memset(&info, 0, sizeof(info));
+    if (compo != nullptr) {
+        compo->getProperty(PROP_CURRENT_COMMON_INFO, &info, sizeof(info));
+    }
+    return info;
+}
+
+bool installed(Component* compo)
+{
+    return read_common(compo).isInstalled();
+}
+
+Component* child(Component* parent, int type, int no)
+{
+    return parent != nullptr ? parent->getComponent(type, no) : nullptr;
+}
+
+std::vector<Component*> children(Component* parent, int type)
+{
+    std::vector<Component*> list;
+    if (parent != nullptr) {
+        parent->getComponent(type, list);
+    }
+    return list;
+}
+
+void set_not_installed(int sensor, int BMCInst)
+{
+    znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), 0, BMCInst);
+}
+
+bool is_fru_type(INT8U type)
+{
+    return type == kTypeFru || type == kTypeFrue;
+}
+
+/* State offset of a discrete sensor: trailing zeros of its masked word. */
+int sensor_offset(int sensor, int BMCInst)
+{
+    INT16U word = 0;
+    znpdklib_getDiscreteStatusSensorStatus(sensor, &word, BMCInst);
+    return sputil_ntz16(static_cast<uint16_t>(word & 0x7FFF));
+}
+
+/* ---- Initial states -------------------------------------------------------- */
+
+/* Non-zero when a restart without AC loss leaves the states to recovery. */
+int is_init_state_acon()
+{
+    if (sp::util::file::FileCheck::exist("/var/nvrdisk/.bmcinit_acon_ready") &&
+        !sp::util::file::FileCheck::exist("/tmp/.boot/.acon")) {
+        return -1;
+    }
+    return 0;
+}
+
+/* A FRU sensor is in error unless it reads not installed, normal or clear. */
+int checkErrorStatus(INT8U SensorNum, int BMCInst)
+{
+    INT16U word = 0;
+    znpdklib_getDiscreteStatusSensorStatus(SensorNum, &word, BMCInst);
+    word &= 0x7FFF;
+    return (word == 0 || word == 1 || word == 2) ? 0 : 1;
+}
+
+int znpdk_SetAllStatusWoS(int BMCInst, INT8U SensorNum, INT16U SensorReading)
+{
+    if (isValidSensorBMCInst(SensorNum, BMCInst) != 1) {
+        return 0;
+    }
+    if (is_fru_type(GetInstSensorType(SensorNum, BMCInst)) && checkErrorStatus(SensorNum, BMCInst)) {
+        return 0;
+    }
+    int ret = 0;
+    for (int bit = 0; bit < 16; ++bit) {
+        if ((SensorReading & (1u << bit)) == 0) {
+            continue;
+        }
+        INT8U rc = znpdklib_exSetSensorWoS(SensorNum, static_cast<INT8U>(bit), BMCInst);
+        if (rc != 0) {
+            trace(kError, 0x05000000, "[SetAllStatusWoS]:SetSensorWoS snsno:%d offset:0x%x BMCInst:%d",
+                  SensorNum, bit, BMCInst);
+            ret = rc;
+        }
+    }
+    return ret;
+}
+
+/* Sends every FRU sensor whose OEMField is exactly `check` to not installed. */
+int Init_Sensor_notins(int BMCInst, unsigned char check)
+{
+    trace(kInfo, 0x05140000, "[INIT_SENSOR_CMU]:Init_Sensor_notins start.[BMCInst=%d]", BMCInst);
+    for (int s = 0; s < 256; ++s) {
+        INT8U sns = static_cast<INT8U>(s);
+        if (GetInstSensorOEM(sns, BMCInst) != check) {
+            continue;
+        }
+        INT8U type = GetInstSensorType(sns, BMCInst);
+        if (type == kTypeFru) {
+            trace(kDetail, 0x05140001,
+                  "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
+                  s, type, BMCInst);
+        } else if (type == kTypeFrue) {
+            trace(kDetail, 0x05140002,
+                  "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
+                  s, type, BMCInst);
+        } else {
+            continue;
+        }
+        set_not_installed(s, BMCInst);
+    }
+    trace(kInfo, 0x051400FF, "[INIT_SENSOR_CMU]:Init_Sensor_notins end.[BMCInst=%d]", BMCInst);
+    return 0;
+}
+
+/* CMU-level sensors, on the instance of the CMU's even node. */
+int Init_Sensor_CMUInst(int BMCInst)
+{
+    trace(kInfo, 0x05120000, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst start.[BMCInst=%d]", BMCInst);
+    set_not_installed(1, BMCInst);
+    int cmu = node_of_inst(BMCInst) / 2;
+    Component* cmuc = child(Component::getRoot(), COMPO_CMU, cmu);
+    if (installed(cmuc)) {
+        trace(kInfo, 0x05120011, "[INIT_SENSOR_CMU]:/CMU#%d installed.", cmu);
+        for (int j = 0; j < 3; ++j) {
+            if (installed(child(cmuc, COMPO_AOC, j))) {
+                continue;
+            }
+            set_not_installed(4 + j, BMCInst);
+            set_not_installed(46 + j, BMCInst);
+            for (int k = 0; k < 2; ++k) {
+                set_not_installed(49 + 2 * j + k, BMCInst);
+                set_not_installed(55 + 2 * j + k, BMCInst);
+            }
+            trace(kInfo, 0x05120013, "[INIT_SENSOR_CMU]:/CMU#%d/AOC#%d FRU/FRUE sensor set to not-install.",
+                  cmu, j);
+        }
+    } else {
+        trace(kInfo, 0x05120001, "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.", cmu);
+        Init_Sensor_notins(BMCInst, 2);
+        trace(kInfo, 0x05120002, "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.", cmu);
+    }
+    trace(kInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
+    return 0;
+}
+
+/* Sensors of the node unit itself. */
+int Init_Sensor_NODEInst(int BMCInst)
+{
+    trace(kInfo, 0x05130000, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst start.[BMCInst=%d]", BMCInst);
+    set_not_installed(0, BMCInst);
+    set_not_installed(2, BMCInst);
+    int node = node_of_inst(BMCInst);
+    Component* root = Component::getRoot();
+    Component* cmuc = child(root, COMPO_CMU, node / 2);
+    if (installed(child(root, COMPO_NODE, node))) {
+        trace(kInfo, 0x05130011, "[INIT_SENSOR_NODE]:NODE#%d installed.", node);
+        Component* cpu = child(cmuc, COMPO_CPU, node % 2);
+        for (int j = 0; j < 4; ++j) {
+            if (!installed(child(cpu, COMPO_MEM, j))) {
+                set_not_installed(36, BMCInst);
+            }
+        }
+    } else {
+        trace(kInfo, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.", node);
+        Init_Sensor_notins(BMCInst, 3);
+        trace(kInfo, 0x05130002, "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.", node);
+    }
+    trace(kInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
+    trace(kInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
+    return 0;
+}
+
+/* ---- Node error evaluation ----------------------------------------------- */
+
+struct max_frue_offset_t {
+    int sensor;
+    uint16_t offset;
+};
+
+int is_cmu_cmn_frue_sns(int BMCInst, int sensor)
+{
+    if (BMCInst == kChassisInst) {
+        return 0;
+    }
+    return (sensor == 12 || sensor == 13 || (sensor >= 40 && sensor <= 48) || sensor == 71) ? 1 : 0;
+}
+
+int is_router_frue_sns(int BMCInst, int sensor)
+{
+    return (BMCInst != kChassisInst && sensor == 35) ? 1 : 0;
+}
+
+bool not_scanned(int sensor)
+{
+    return (sensor >= 15 && sensor <= 34) || (sensor >= 49 && sensor <= 60);
+}
+
+const char kOwnNodeError[] =
+    "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node detect own node error. Node#%d sensor=%d offset=%d";
+const char kCmuCommonError[] =
+    "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node detect CMU common error. Node#%d sensor=%d offset=%d";
+
+/* Node summary state for the worst FRU error offset found. */
+int node_fru_error(const max_frue_offset_t& worst, int BMCInst)
+{
+    switch (worst.offset) {
+    case 4:
+        return 2;
+    case 5:
+        return 4;
+    case 6:
+        return 5;
+    case 7:
+        return 3;
+    case 8:
+        return is_router_frue_sns(BMCInst, worst.sensor) ? 8 : 5;
+    case 9:
+        return (is_router_frue_sns(BMCInst, worst.sensor) || is_cmu_cmn_frue_sns(BMCInst, worst.sensor)) ? 8
+                                                                                                         : 6;
+    default:
+        return 1;
+    }
+}
+
+/* ---- Escalation tables -------------------------------------------------- */
+
+constexpr int kTargets = MAX_CLEAR_SENSOR_TARGET;
+constexpr size_t kEscFileSize = 256 * kTargets * sizeof(packed_clear_sensor_list);
+
+std::string esc_file_path(int BMCInst)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/var/nvrdisk/current/sensor/esctable_inst%02d", BMCInst);
+    return getSPFilePath(path);
+}
+
+/* Byte-exact: entry (s, t) at ((s * 4) + t) * 4. */
+packed_clear_sensor_list esc_entry(const std::vector<uint8_t>& image, int sensor, int target)
+{
+    packed_clear_sensor_list e;
+    memcpy(&e, &image[(static_cast<size_t>(sensor) * kTargets + target) * sizeof(e)], sizeof(e));
+    return e;
+}
+
+/* Snapshot of the instance's sensor table, taken under its sensor mutex. */
+bool snapshot_sensors(int BMCInst, SensorSharedMem_T* snap)
+{
+    pthread_mutex_t* mutex = &g_BMCInfo[BMCInst].SensorSharedMemMutex;
+    if (OS_THREAD_MUTEX_ACQUIRE_LOCK(mutex) != 0) {
+        int err = errno;
+        IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error acquiring mutex in Thread ID %d Errno:%d\n",
+                             "znpdklib_init_sensor", __LINE__, static_cast<int>(getpid()), err);
+        return false;
+    }
+    memcpy(snap, &g_BMCInfo[BMCInst].SensorSharedMem, sizeof(*snap));
+    if (OS_THREAD_MUTEX_RELEASE_LOCK(mutex) != 0) {
+        IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error in releasing mutex in Thread ID %d\n",
+                             "znpdklib_init_sensor", __LINE__, static_cast<int>(getpid()));
+    }
+    return true;
+}
+
+void build_escalation(int BMCInst)
+{
+    uint32_t made[8] = {0};
+    trace(kInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
+    std::unique_ptr<SensorSharedMem_T> snap(new SensorSharedMem_T);
+    if (!snapshot_sensors(BMCInst, snap.get())) {
+        return;
+    }
+    std::vector<uint8_t> image(kEscFileSize, 0);
+    for (int s = 0; s < 256; ++s) {
+        const SensorInfo_T& info = snap->SensorInfo[s];
+        bool counts =
+            (BMCInst == kChassisInst && info.OEMField == 0) || (info.OEMField & (1u << (BMCInst % 2)));
+        if (!counts || info.SensorTypeCode != kTypeFrue) {
+            continue;
+        }
+        splog_clear_sensor_list list[kTargets];
+        memset(list, 0, sizeof(list));
+        znlib_log_get_clear_sensor_list(BMCInst, s, list);
+        for (int t = 0; t < kTargets; ++t) {
+            packed_clear_sensor_list e;
+            e.valid = static_cast<int8_t>(list[t].valid);
+            e.BMCInst = static_cast<int8_t>(list[t].BMCInst);
+            e.fru_sensor = static_cast<uint8_t>(list[t].fru_sensor);
+            e.frue_sensor = static_cast<uint8_t>(list[t].frue_sensor);
+            memcpy(&image[(static_cast<size_t>(s) * kTargets + t) * sizeof(e)], &e, sizeof(e));
+        }
+        made[s / 32] |= 1u << (31 - s % 32);
+    }
+    for (int half = 0; half < 2; ++half) {
+        const uint32_t* w = &made[half * 4];
+        trace(kInfo, 0x05400001, "[znpdklib_make_escalation_info]:create sensor list=%8.8x %8.8x %8.8x %8.8x",
+              static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]), static_cast<int>(w[3]));
+    }
+    int fd = open(esc_file_path(BMCInst).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        trace(kError, 0x05400002, "[znpdklib_make_escalation_info]:info file create failed. BMCInst=%d",
+              BMCInst);
+    } else {
+        ssize_t n = write(fd, image.data(), image.size());
+        (void)n;
+        close(fd);
+    }
+    trace(kInfo, 0x054000FF, "[znpdklib_make_escalation_info]:end. BMCInst=%d", BMCInst);
+}
+
+/* One instance's file; missing or short parts read as zeros. */
+std::vector<uint8_t> read_esc_file(int BMCInst)
+{
+    std::vector<uint8_t> image(kEscFileSize, 0);
+    int fd = open(esc_file_path(BMCInst).c_str(), O_RDONLY);
+    if (fd < 0) {
+        trace(kError, 0x05300001,
+              "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", BMCInst, errno);
+        return image;
+    }
+    size_t got = 0;
+    while (got < image.size()) {
+        ssize_t n = read(fd, image.data() + got, image.size() - got);
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<size_t>(n);
+    }
+    close(fd);
+    return image;
+}
+
+struct EscSearch {
+    const Esc_Sensor_t& query;
+    std::vector<Esc_Sensor_t> matched;
+    std::vector<Esc_Sensor_t> nodes;
+    std::vector<Esc_Sensor_t> chassis;
+    bool inst_found[kInstCount] = {};
+    bool chassis_found = false;
+
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q) {}
+
+    bool matches(const std::vector<uint8_t>& image, int s, int t) const
+    {
+        packed_clear_sensor_list e = esc_entry(image, s, t);
+        return e.valid != 0 && e.BMCInst == query.BMCInst && e.fru_sensor == query.Sensor_No;
+    }
+
+    /* Targets naming an instance outside 0..17 are not reported. */
+    void record(const std::vector<uint8_t>& image, int f, int s)
+    {
+        matched.push_back({0xFF, f, s});
+        for (int t = LOG_CLEAR_EVEN_NODE; t <= LOG_CLEAR_ODD_NODE; ++t) {
+            packed_clear_sensor_list e = esc_entry(image, s, t);
+            if (e.valid != 0 && valid_inst(e.BMCInst) && !inst_found[e.BMCInst]) {
+                nodes.push_back({t, e.BMCInst, e.fru_sensor});
+                inst_found[e.BMCInst] = true;
+            }
+        }
+        packed_clear_sensor_list e = esc_entry(image, s, LOG_CLEAR_BOB);
+        if (e.valid != 0 && valid_inst(e.BMCInst) && !chassis_found) {
+            chassis.push_back({LOG_CLEAR_BOB, e.BMCInst, e.fru_sensor});
+            chassis_found = true;
+        }
+    }
+
+    void search_file(int f)
+    {
+        std::vector<uint8_t> image = read_esc_file(f);
+        int spec = query.esc_spec;
+        for (int s = 0; s < 256; ++s) {
+            if (matches(image, s, spec)) {
+                record(image, f, s);
+            }
+            if ((spec == LOG_CLEAR_EVEN_NODE || spec == LOG_CLEAR_ODD_NODE) &&
+                matches(image, s, LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - spec)) {
+                record(image, f, s);
+            }
+        }
+    }
+};
+
+/* Caller-owned copy; never null unless malloc fails, also for no entries. */
+Esc_Sensor_t* copy_list(const std::vector<Esc_Sensor_t>& a, const std::vector<Esc_Sensor_t>& b, int* count)
+{
+    size_t n = a.size() + b.size();
+    Esc_Sensor_t* list = static_cast<Esc_Sensor_t*>(malloc((n > 0 ? n : 1) * sizeof(Esc_Sensor_t)));
+    if (list == nullptr) {
+        *count = 0;
+        return nullptr;
+    }
+    size_t i = 0;
+    for (const Esc_Sensor_t& e : a) {
+        list[i++] = e;
+    }
+    for (const Esc_Sensor_t& e : b) {
+        list[i++] = e;
+    }
+    *count = static_cast<int>(n);
+    return list;
+}
+
+} // namespace
+
+/* ---- Exported: initial states ------------------------------------------- */
+
+int znpdklib_Init_Sensor_Bob(void)
+{
+    trace(kInfo, 0x05010000, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob start.");
+    for (int s = 0; s < 256; ++s) {
+        if (BOB_SENSOR_INIT_VALUE[s] != 0) {
+            znpdk_SetAllStatusWoS(kChassisInst, static_cast<INT8U>(s), BOB_SENSOR_INIT_VALUE[s]);
+        }
+    }
+    trace(kInfo, 0x05010001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.");
+    trace(kInfo, 0x050100FF, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob end.");
+    return 0;
+}
+
+/* PSUs numbered outside 0..17 have no sensors and are skipped. */
+int znpdklib_Init_Sensor_PSU(void)
+{
+    trace(kInfo, 0x05020000, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.");
+    try {
+        for (Component* psu : children(Component::getRoot(), COMPO_PSU)) {
+            if (psu == nullptr || psu->getNo() < 0 || psu->getNo() > 17) {
+                continue;
+            }
+            int n = psu->getNo();
+            current_common_info_t info = read_common(psu);
+            if (!info.isInstalled()) {
+                trace(kInfo, 0x05020001, "[ZN_INIT_SENSOR_PSU]:/PSU#%d not install value set to sensor.", n);
+                set_not_installed(50 + n, kChassisInst);
+                set_not_installed(179 + n, kChassisInst);
+                continue;
+            }
+            uint32_t st = info.status;
+            INT8U status_sns = static_cast<INT8U>(111 + n);
+            znpdklib_SetSensorWoS(status_sns, 1, 0, kChassisInst);
+            if (st & 0x00000080u) {
+                znpdklib_SetSensorWoS(status_sns, 1, 3, kChassisInst);
+            }
+            if (st & 0x00000020u) {
+                znpdklib_SetSensorWoS(status_sns, 1, 2, kChassisInst);
+            }
+            if (st & 0x00000004u) {
+                bool rom = read_common(child(psu, COMPO_FRUROM, 90)).checkStatus(0x00000004u);
+                znpdklib_SetSensorWoS(status_sns, 1, rom ? 8 : 6, kChassisInst);
+            }
+            if (st & 0x0000D000u) {
+                znpdklib_SetSensorWoS(status_sns, 1, 1, kChassisInst);
+            }
+            if (st & 0x20000000u) {
+                znpdklib_SetSensorWoS(status_sns, 1, 10, kChassisInst);
+            }
+            trace(kInfo, 0x05020002, "[ZN_INIT_SENSOR_PSU]:/PSU#%d power supply sensor setting completed.",
+                  n);
+            int fru = 1;
+            int frue = 1;
+            if (st & 0x00001000u) {
+                fru = 7;
+                frue = 9;
+            } else if (st & 0x00008000u) {
+                fru = 6;
+                frue = 8;
+            } else if (st & 0x00004000u) {
+                fru = 4;
+                frue = 5;
+            }
+            znpdklib_exSetSensorWoS(static_cast<INT8U>(50 + n), static_cast<INT8U>(fru), kChassisInst);
+            trace(kInfo, 0x05020003,
+                  "[ZN_INIT_SENSOR_PSU]:/PSU#%d FRU/FRUE sensor setting completed.(FRU=%d. FRUE=%d)", n, fru,
+                  frue);
+            trace(kInfo, 0x05020004, "[ZN_INIT_SENSOR_PSU]:PSU redundant sensor not touched in initial.");
+        }
+    } catch (...) {
+    }
+    trace(kInfo, 0x050200FF, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
+    return 0;
+}
+
+/* FANUs outside 0..3 and fans outside 0..1 have no sensors and are skipped. */
+int znpdklib_Init_Sensor_FANU(void)
+{
+    trace(kInfo, 0x05158000, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.");
+    try {
+        for (Component* fanu : children(Component::getRoot(), COMPO_FANU)) {
+            if (fanu == nullptr || fanu->getNo() < 0 || fanu->getNo() > 3 || installed(fanu)) {
+                continue;
+            }
+            int n = fanu->getNo();
+            set_not_installed(201 + n, kChassisInst);
+            set_not_installed(205 + n, kChassisInst);
+            trace(kInfo, 0x05158001, "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d not install value set to sensor.",
+                  n);
+            for (Component* fan : children(fanu, COMPO_FAN)) {
+                if (fan == nullptr || fan->getNo() < 0 || fan->getNo() > 1 || installed(fan)) {
+                    continue;
+                }
+                int m = fan->getNo();
+                set_not_installed(209 + 2 * n + m, kChassisInst);
+                trace(kInfo, 0x05158002,
+                      "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d/FAN#%d not install value set to sensor.", n, m);
+            }
+        }
+    } catch (...) {
+    }
+    trace(kInfo, 0x051580FF, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
+    return 0;
+}
+
+int znpdklib_Init_Sensor_Maintenance(void)
+{
+    trace(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
+    setup_system_info_t setup;
+    memset(&setup, 0, sizeof(setup));
+    Component* root = Component::getRoot();
+    if (root != nullptr) {
+        root->getProperty(PROP_SETUP_INFO, &setup, sizeof(setup));
+    }
+    for (int i = 0; i <= 28; ++i) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
+    }
+    for (int j = 0; j < 4; ++j) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j], kChassisInst);
+    }
+    trace(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
+    return 0;
+}
+
+/* Node instances are 1 to 16; any other instance is left alone. */
+int znpdklib_Init_Sensor_Node(int BMCInst)
+{
+    if (BMCInst < 1 || BMCInst >= kChassisInst) {
+        return 0;
+    }
+    trace(kInfo, 0x05110000, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node start.[BMCInst=%d]", BMCInst);
+    for (int s = 0; s < 256; ++s) {
+        INT8U sns = static_cast<INT8U>(s);
+        if ((BMCInst == 3 || BMCInst == 11) && (GetInstSensorOEM(sns, BMCInst) & 0x04) != 0) {
+            continue;
+        }
+        if (NODE_SENSOR_INIT_VALUE[s] != 0) {
+            znpdk_SetAllStatusWoS(BMCInst, sns, NODE_SENSOR_INIT_VALUE[s]);
+        }
+    }
+    trace(kInfo, 0x05110001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]",
+          BMCInst);
+    int node = node_of_inst(BMCInst);
+    if (node % 2 == 0) {
+        trace(kInfo, 0x05110002, "[ZN_INIT_SENSOR_NODE]:initialize CMU section start.[BMCInst=%d]", BMCInst);
+        Init_Sensor_CMUInst(BMCInst);
+    }
+    trace(kInfo, 0x05110004, "[ZN_INIT_SENSOR_NODE]:initialize NDOE section start.[BMCInst=%d]", BMCInst);
+    Init_Sensor_NODEInst(BMCInst);
+    try {
+        Component* nodec = child(Component::getRoot(), COMPO_NODE, node);
+        std::vector<Component*> ssds = children(nodec, COMPO_SSD);
+        if (!ssds.empty() && !installed(ssds[0])) {
+            set_not_installed(145, BMCInst);
+            set_not_installed(146, BMCInst);
+            trace(kInfo, 0x05010005, "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.",
+                  node / 2, node % 2);
+        }
+        std::vector<Component*> cards = children(nodec, COMPO_PCIECARD);
+        if (!cards.empty() && !installed(cards[0])) {
+            set_not_installed(8, BMCInst);
+            set_not_installed(66, BMCInst);
+            trace(kInfo, 0x05010006,
+                  "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
+                  node % 2);
+        }
+    } catch (...) {
+    }
+    trace(kInfo, 0x051100FF, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node end.[BMCInst=%d]", BMCInst);
+    return 0;
+}
+
+int znpdklib_Init_Sensor_Giou(int BMCInst)
+{
+    (void)BMCInst;
+    return 0;
+}
+
+/* Instances outside 0..17 are ignored. */
+int ZNAPI_Sensor_Init(int BMCInst)
+{
+    if (!valid_inst(BMCInst)) {
+        return 0;
+    }
+    try {
+        if (is_init_state_acon() != 0) {
+            return 0;
+        }
+    } catch (...) {
+        return 0;
+    }
+    if (BMCInst == kChassisInst) {
+        znpdklib_Init_Sensor_Bob();
+        znpdklib_Init_Sensor_PSU();
+        znpdklib_Init_Sensor_FANU();
+        znpdklib_Init_Sensor_Maintenance();
+    } else {
+        znpdklib_Init_Sensor_Node(BMCInst);
+    }
+    znpdklib_make_escalation_info(BMCInst);
+    return 0;
+}
+
+/* ---- Exported: node error evaluation --------------------------------------- */
+
+/*
+ * Pairs are (BMCInst, BMCInst + 1); only first instances 0 to 15 are
+ * evaluated, so the chassis instance is never part of a pair.
+ */
+int znpdklib_Set_Sensor_Node(int BMCInst)
+{
+    trace_util(0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=%d", BMCInst);
+    if (BMCInst == kChassisInst) {
+        trace_util(0x05160001,
+                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node not support chassis instance . BMCInst=%d",
+                   BMCInst);
+        return -1;
+    }
+    if (BMCInst < 0 || BMCInst + 1 >= kChassisInst) {
+        return -1;
+    }
+    max_frue_offset_t worst[2] = {{-1, 1}, {-1, 1}};
+    for (int i = 0; i < 2; ++i) {
+        int bmc_inst = BMCInst + i;
+        for (int sensor = 0; sensor < 256; ++sensor) {
+            INT8U sns = static_cast<INT8U>(sensor);
+            if (isValidSensorBMCInst(sns, bmc_inst) != 1 || not_scanned(sensor)) {
+                continue;
+            }
+            GetSensorTypeRes_T res;
+            memset(&res, 0, sizeof(res));
+            INT8U req = sns;
+            GetSensorType(&req, 1, reinterpret_cast<INT8U*>(&res), bmc_inst);
+            if (res.CompletionCode != 0 || res.SensorType != kTypeFrue) {
+                continue;
+            }
+            int offset = sensor_offset(sensor, bmc_inst);
+            if (offset > worst[i].offset) {
+                trace_util(0x05160002, kOwnNodeError, node_of_inst(bmc_inst), sensor, offset);
+                worst[i] = {sensor, static_cast<uint16_t>(offset)};
+            }
+            int other_node = 1 - i;
+            if (is_cmu_cmn_frue_sns(bmc_inst, sensor) && offset > worst[other_node].offset) {
+                trace_util(0x05160003, kCmuCommonError, node_of_inst(bmc_inst), sensor, offset);
+                worst[other_node] = {sensor, static_cast<uint16_t>(offset)};
+            }
+        }
+    }
+    for (int i = 0; i < 2; ++i) {
+        int bmc_inst = BMCInst + i;
+        int eval = node_fru_error(worst[i], bmc_inst);
+        int cur = sensor_offset(10, bmc_inst);
+        int node = node_of_inst(bmc_inst);
+        trace_util(0x05160004,
+                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#%d cur_node_error=%d eval_node_error=%d",
+                   node, cur, eval);
+        if (cur != 0 && cur != eval) {
+            trace_util(
+                0x05160005,
+                "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(%d) to Node#%d FRU Error Status", eval,
+                node);
+            znpdklib_exSetSensorWoS(10, static_cast<INT8U>(eval), bmc_inst);
+        }
+    }
+    trace_util(0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=%d", BMCInst);
+    return 0;
+}
+
+/* ---- Exported: escalation tables -------------------------------------------- */
+
+/* Instances outside 0..17 have no sensor table: nothing is built. */
+void znpdklib_make_escalation_info(int BMCInst)
+{
+    if (!valid_inst(BMCInst)) {
+        return;
+    }
+    try {
+        build_escalation(BMCInst);
+    } catch (...) {
+    }
+}
+
+/*
+ * A null `out` is left alone. A null `in`, a target index outside 0..3 or a
+ * target instance outside 0..17 give an empty result (counts 0, lists
+ * allocated) without searching.
+ */
+void znpdklib_get_escalation_info(Esc_Sensor_t* in, Esc_Table_t* out)
+{
+    if (out == nullptr) {
+        return;
+    }
+    memset(out, 0, sizeof(*out));
+    std::vector<Esc_Sensor_t> none;
+    if (in == nullptr || in->esc_spec < 0 || in->esc_spec >= kTargets || !valid_inst(in->BMCInst)) {
+        out->frue_list = copy_list(none, none, &out->frue_count);
+        out->esc_list = copy_list(none, none, &out->esc_count);
+        return;
+    }
+    trace(kInfo, 0x05300000, "[znpdklib_get_escalation_info]:start. BMCInst=%d Sensor=%d", in->BMCInst,
+          in->Sensor_No);
+    try {
+        EscSearch search(*in);
+        for (int f = 1; f < kInstCount; ++f) {
+            search.search_file(f);
+        }
+        out->frue_list = copy_list(search.matched, none, &out->frue_count);
+        out->esc_list = copy_list(search.nodes, search.chassis, &out->esc_count);
+    } catch (...) {
+        free(out->frue_list);
+        free(out->esc_list);
+        memset(out, 0, sizeof(*out));
+    }
+    trace(kInfo, 0x053000FF, "[znpdklib_get_escalation_info]:end. BMCInst=%d Sensor=%d Sensors=%d Escs=%d",
+          in->BMCInst, in->Sensor_No, out->frue_count, out->esc_count);
+}
