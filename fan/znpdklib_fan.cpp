@@ -39,11 +39,37 @@ constexpr int kLvDetail = 0x0801;
 constexpr int kFanCount = 8;
 constexpr uint32_t kAllFans = 0xFF;
 
-/* Chassis sensors the fan code reads. */
+constexpr int kFanuCount = 4;
+constexpr int kFancCount = 4;
+
+/* Chassis sensors the fan code reads, and their bits. */
 constexpr int kSnsSystemPower = 0x00;
+constexpr int kSnsFanRedundancy = 0x82;
 constexpr int kSnsFrueFan0 = 0xD1;
+constexpr int kSnsFanuMainte0 = 0xDD;
 constexpr uint16_t kSysPowerOff = 0x0001;
 constexpr uint16_t kFrueUsableMask = 0x002E;
+constexpr uint16_t kMainteOn = 0x0002;
+constexpr uint16_t kRedLost = 0x0004;
+constexpr uint16_t kRedShortage = 0x0008;
+
+/* Full-speed reasons owned by the redundancy check. */
+constexpr uint64_t kReasonLost = 0x200000;
+constexpr uint64_t kReasonShortage = 0x400000;
+
+constexpr uint32_t kThresholdSpinup = 2000;
+constexpr uint32_t kThresholdNormal = 8000;
+constexpr uint32_t kThresholdMax = 12000;
+/* Bits of the common debug word. */
+constexpr uint32_t kDebugDummyData = 0x40;
+constexpr uint32_t kDebugSuspend = 0x80;
+
+constexpr char kResultsFmt[] = "check_fan_rotation():fan_check_result=%d %d %d %d %d %d %d %d";
+
+/* Lock order: chk_fan_rotation_mutex, chk_fan_redundacy_mutex, then one
+ * component write lock; neither is taken while a write lock is held. */
+pthread_mutex_t chk_fan_rotation_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t chk_fan_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* Trace helpers: values are passed as the platform's ints. */
 void tr(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
@@ -118,6 +144,46 @@ template <typename F, typename G> void modify_system(F&& change, G&& written)
 template <typename F> void modify_system(F&& change)
 {
     modify_system(change, [](const current_system_info_t&) {});
+}
+
+/* Replaces one field of the system record; `written` gets the old value
+ * after the write, with the lock still held. */
+template <typename T, typename G>
+void exchange_system_field(T current_system_info_t::*field, T value, G&& written)
+{
+    T old = T();
+    modify_system(
+        [&](current_system_info_t& info) {
+            old = info.*field;
+            info.*field = value;
+            return true;
+        },
+        [&](const current_system_info_t&) { written(old); });
+}
+
+struct StartTimes {
+    uint32_t times[kFanCount];
+};
+
+/* Runs `per_fan` on each fan of the set in one read-modify-write of the
+ * system record (written also for an empty set); answers the start times
+ * as written. */
+template <typename F> StartTimes for_fans_in_set(uint32_t fan_target, F&& per_fan)
+{
+    StartTimes written = {};
+    modify_system(
+        [&](current_system_info_t& info) {
+            for (int i = 0; i < kFanCount; ++i) {
+                if (in_set(fan_target, i)) {
+                    per_fan(info, i);
+                }
+            }
+            return true;
+        },
+        [&](const current_system_info_t& info) {
+            memcpy(written.times, info.fan_start_time, sizeof(written.times));
+        });
+    return written;
 }
 
 void trace8(uint32_t id, const char* fmt, const uint32_t v[kFanCount], int level = kLvInfo)
@@ -208,65 +274,43 @@ void znpdklib_set_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_
     tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
        static_cast<int>(fan_target));
     const uint32_t timer = now_seconds();
-    uint32_t written[kFanCount] = {};
-    modify_system(
-        [&](current_system_info_t& info) {
-            for (int i = 0; i < kFanCount; ++i) {
-                if (!in_set(fan_target, i)) {
-                    continue;
-                }
-                const uint32_t old_time = info.fan_start_time[i];
-                const uint8_t old_result = info.fan_check_result[i];
-                info.fan_start_time[i] = timer;
-                if (fan_start_time != nullptr) {
-                    fan_start_time[i] = timer;
-                }
-                info.fan_check_result[i] = 0;
-                sp_trace26(kLvInfo, kRegion, kModule, 0x800C0002,
-                           "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d "
-                           "fan_check_result:%d=>%d",
-                           fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer),
-                           old_result, 0);
-            }
-            return true;
-        },
-        [&](const current_system_info_t& info) { memcpy(written, info.fan_start_time, sizeof(written)); });
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        const uint32_t old_time = info.fan_start_time[i];
+        const uint8_t old_result = info.fan_check_result[i];
+        info.fan_start_time[i] = timer;
+        if (fan_start_time != nullptr) {
+            fan_start_time[i] = timer;
+        }
+        info.fan_check_result[i] = 0;
+        sp_trace26(
+            kLvInfo, kRegion, kModule, 0x800C0002,
+            "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
+            fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
+    });
     trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-           written);
+           written.times);
 }
 
 void znpdklib_clear_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
     tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
        static_cast<int>(fan_target));
-    uint32_t written[kFanCount] = {};
-    modify_system(
-        [&](current_system_info_t& info) {
-            for (int i = 0; i < kFanCount; ++i) {
-                if (!in_set(fan_target, i)) {
-                    continue;
-                }
-                if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
-                    /* Another check restamped this fan: its time is not ours. */
-                    tr(kLvInfo, 0x80100003,
-                       "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear "
-                       "fan_start_time_param=%d "
-                       "fan_start_time_db=%d",
-                       fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
-                       static_cast<int>(info.fan_start_time[i]));
-                    continue;
-                }
-                const uint32_t old_time = info.fan_start_time[i];
-                info.fan_start_time[i] = 0;
-                tr(kLvInfo, 0x80100002,
-                   "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d", fanu_of(i),
-                   fan_of(i), static_cast<int>(old_time), 0);
-            }
-            return true;
-        },
-        [&](const current_system_info_t& info) { memcpy(written, info.fan_start_time, sizeof(written)); });
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
+            /* Another check restamped this fan: its time is not ours. */
+            tr(kLvInfo, 0x80100003,
+               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
+               fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
+               static_cast<int>(info.fan_start_time[i]));
+            return;
+        }
+        const uint32_t old_time = info.fan_start_time[i];
+        info.fan_start_time[i] = 0;
+        tr(kLvInfo, 0x80100002, "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d",
+           fanu_of(i), fan_of(i), static_cast<int>(old_time), 0);
+    });
     trace8(0x8010FFFF, "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-           written);
+           written.times);
 }
 
 bool znpdklib_is_check_fan_executing(void)
@@ -291,15 +335,9 @@ void znpdklib_set_check_fan_start_time_by_attach(uint32_t* fan_start_time)
        fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
     if (fan_start_time != nullptr) {
         const uint32_t timer = now_seconds();
-        uint32_t old_time = 0;
-        modify_system(
-            [&](current_system_info_t& info) {
-                old_time = info.fan_start_time_by_attach;
-                info.fan_start_time_by_attach = timer;
+        exchange_system_field(
+            &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
                 *fan_start_time = timer;
-                return true;
-            },
-            [&](const current_system_info_t&) {
                 tr(kLvInfo, 0x80130002,
                    "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
                    static_cast<int>(old_time), static_cast<int>(timer));
@@ -350,17 +388,9 @@ bool znpdklib_is_check_fan_executing_by_attach(void)
 void znpdklib_set_fan_check_phase(uint8_t phase)
 {
     tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
-    uint8_t old_phase = 0;
-    modify_system(
-        [&](current_system_info_t& info) {
-            old_phase = info.fan_check_phase;
-            info.fan_check_phase = phase;
-            return true;
-        },
-        [&](const current_system_info_t&) {
-            tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase,
-               phase);
-        });
+    exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
+        tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase, phase);
+    });
     tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
 }
 
@@ -473,11 +503,9 @@ int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
     if (new_reason != 0) {
         const uint32_t fan_target = usable_fan_target(
             0x8003000A,
-            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x "
-            "fan_target=0x%08x",
+            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
             0x8003000B,
-            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x "
-            "fan_target=0x%08x");
+            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
         znpdklib_create_fan_rotation_check_thread(1, fan_target);
     }
     tr(kLvInfo, 0x8003FFFF, "znpdklib_change_fan_speed():end.");
@@ -491,16 +519,16 @@ int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 namespace
 {
 
-pthread_mutex_t chk_fan_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-constexpr int kSnsFanRedundancy = 0x82;
-constexpr int kSnsFanuMainte0 = 0xDD;
-constexpr int kFanuCount = 4;
-constexpr uint16_t kMainteOn = 0x0002;
-constexpr uint16_t kRedLost = 0x0004;
-constexpr uint16_t kRedShortage = 0x0008;
-constexpr uint64_t kReasonLost = 0x200000;
-constexpr uint64_t kReasonShortage = 0x400000;
+/* Registers a redundancy transition and moves the redundancy sensor. */
+void log_transition(const char* ras_code, uint32_t id, const char* fmt, INT8U offset)
+{
+    splog_info loginfo;
+    splog_linkup_info loglink;
+    make_ras(&loginfo, &loglink, ras_code);
+    sp_trace4(kLvInfo, kRegion, kModule, id, fmt, loginfo.ras_code);
+    znpdklib_log_save_sel_error_log(&loginfo, &loglink);
+    znpdklib_exSetSensorWoS(kSnsFanRedundancy, offset, kChassisInst);
+}
 
 /* The evaluation behind both exported checks; fanc_err may be null. */
 int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no)
@@ -520,8 +548,7 @@ int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no
     const uint32_t debug_flag_bmcinit = debug_word(setup, DBGW_BMCFW_MODULE_BMCINIT);
     if ((debug_flag_common0 & 0x2) != 0 || (debug_flag_bmcinit & 0x10000) != 0) {
         tr(kLvInfo, 0x8006000C,
-           "check_fan_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x "
-           "debug_flag_bmcinit=0x%08x",
+           "check_fan_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
            static_cast<int>(debug_flag_common0), static_cast<int>(debug_flag_bmcinit));
         return 0;
     }
@@ -557,9 +584,7 @@ int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no
         } else if (mode == 3 && unit == chk_fanu_no) {
             ++okfan;
             tr(kLvInfo, 0x80060005,
-               "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d maintenance "
-               "check "
-               "target",
+               "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d maintenance check target",
                unit, fan_of(i), frue, chk_fanu_no);
         } else {
             tr(kLvInfo, 0x80060006, "check_fan_redundancy():/FANU#%d/FAN#%d NG. frue_sns=0x%04x", unit,
@@ -576,26 +601,18 @@ int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no
            redundancy_sns, result);
 
         if (logregist != 0) {
-            splog_info loginfo;
-            splog_linkup_info loglink;
             if (result == 0) {
                 if (mode == 2 && tmp_okfan == 0 && !znpdklib_is_check_fan_executing_by_attach() &&
                     (redundancy_sns & (kRedLost | kRedShortage)) != 0) {
-                    make_ras(&loginfo, &loglink, "BFW_CFG_FAN_H2");
-                    sp_trace4(kLvInfo, kRegion, kModule, 0x80060008,
-                              "check_fan_redundancy():recover fan redundancy. ras_code=%s", loginfo.ras_code);
-                    znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-                    znpdklib_exSetSensorWoS(kSnsFanRedundancy, 1, kChassisInst);
+                    log_transition("BFW_CFG_FAN_H2", 0x80060008,
+                                   "check_fan_redundancy():recover fan redundancy. ras_code=%s", 1);
                     znpdklib_redundancy_recover(1);
                     reset_reason = kReasonLost | kReasonShortage;
                 }
             } else if (result == 1) {
                 if ((redundancy_sns & kRedLost) == 0) {
-                    make_ras(&loginfo, &loglink, "BFW_CFG_FAN_H0");
-                    sp_trace4(kLvInfo, kRegion, kModule, 0x80060009,
-                              "check_fan_redundancy():fan redundancy lost. ras_code=%s", loginfo.ras_code);
-                    znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-                    znpdklib_exSetSensorWoS(kSnsFanRedundancy, 2, kChassisInst);
+                    log_transition("BFW_CFG_FAN_H0", 0x80060009,
+                                   "check_fan_redundancy():fan redundancy lost. ras_code=%s", 2);
                     set_reason = kReasonLost;
                     if ((redundancy_sns & kRedShortage) != 0) {
                         tr(kLvInfo, 0x8006000D, "check_fan_redundancy():fan redundancy shortage to lost");
@@ -603,11 +620,8 @@ int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no
                     }
                 }
             } else if ((redundancy_sns & kRedShortage) == 0) {
-                make_ras(&loginfo, &loglink, "BFW_CFG_FAN_H1");
-                sp_trace4(kLvInfo, kRegion, kModule, 0x8006000A,
-                          "check_fan_redundancy():fan redundancy shortage. ras_code=%s", loginfo.ras_code);
-                znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-                znpdklib_exSetSensorWoS(kSnsFanRedundancy, 3, kChassisInst);
+                log_transition("BFW_CFG_FAN_H1", 0x8006000A,
+                               "check_fan_redundancy():fan redundancy shortage. ras_code=%s", 3);
                 set_reason = kReasonShortage;
             }
         }
@@ -672,16 +686,6 @@ int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no)
 
 namespace
 {
-
-pthread_mutex_t chk_fan_rotation_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-constexpr uint32_t kThresholdSpinup = 2000;
-constexpr uint32_t kThresholdNormal = 8000;
-constexpr uint32_t kThresholdMax = 12000;
-constexpr uint32_t kDebugDummyData = 0x40;
-constexpr uint32_t kDebugSuspend = 0x80;
-constexpr int kFancCount = 4;
-constexpr char kResultsFmt[] = "check_fan_rotation():fan_check_result=%d %d %d %d %d %d %d %d";
 
 void trace8u8(uint32_t id, const char* fmt, const uint8_t v[kFanCount])
 {
@@ -780,8 +784,7 @@ int check_fan_rotation_err_registable(uint8_t fanno, uint32_t threshold)
         read_system(&info);
         if (info.fanfull_reason == 0) {
             tr(kLvInfo, 0x800F0004,
-               "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d "
-               "frue_sns=0x%04x",
+               "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d frue_sns=0x%04x",
                fanno, static_cast<int>(threshold), frue);
             return 0;
         }
@@ -840,8 +843,7 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
         if ((mainte_sns & kMainteOn) != 0 && (frue_sns & 0x0001) != 0) {
             ++mainte_uninstall_fan;
             tr(kLvInfo, 0x80090008,
-               "check_fan_rotation():/FANU#%d/FAN#%d maintenace and unsitall. mainte_sns=0x%04x "
-               "frue_sns=0x%04x",
+               "check_fan_rotation():/FANU#%d/FAN#%d maintenace and unsitall. mainte_sns=0x%04x frue_sns=0x%04x",
                fanu_of(i), fan_of(i), mainte_sns, frue_sns);
         }
     }
@@ -883,16 +885,14 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
                 target &= ~(1u << i);
                 sp_trace25(
                     kLvInfo, kRegion, kModule, 0x8009000D,
-                    "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d "
-                    "fan_start_time_db=%d target=0x%02x",
+                    "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d fan_start_time_db=%d target=0x%02x",
                     fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
                     static_cast<int>(cinfo_time_check.fan_start_time[i]), static_cast<int>(target));
             } else if (data[i] >= threshold) {
                 target &= ~(1u << i);
                 sp_trace25(
                     kLvInfo, kRegion, kModule, 0x80090006,
-                    "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d "
-                    "target=0x%02x",
+                    "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d target=0x%02x",
                     fanu_of(i), fan_of(i), static_cast<int>(data[i]), static_cast<int>(threshold),
                     static_cast<int>(target));
             } else if (timer - cinfo.fan_start_time[i] >= max_time) {
@@ -900,8 +900,7 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
                 target &= ~(1u << i);
                 sp_trace27(
                     kLvInfo, kRegion, kModule, 0x80090007,
-                    "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d "
-                    "target=0x%02x",
+                    "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d target=0x%02x",
                     fanu_of(i), fan_of(i), static_cast<int>(data[i]),
                     static_cast<int>(cinfo.fan_start_time[i]), static_cast<int>(timer),
                     static_cast<int>(max_time), static_cast<int>(target));
@@ -968,11 +967,9 @@ int znpdklib_check_fan_spinup(void)
     tr(kLvInfo, 0x80070001, "znpdklib_check_fan_spinup():start");
     const uint32_t fan_target = usable_fan_target(
         0x80070002,
-        "znpdklib_check_fan_spinup():/FANU#%d/FAN#%d is spinup check target. frue_sns=0x%04x "
-        "fan_target=0x%08x",
+        "znpdklib_check_fan_spinup():/FANU#%d/FAN#%d is spinup check target. frue_sns=0x%04x fan_target=0x%08x",
         0x80070003,
-        "znpdklib_check_fan_spinup():/FANU#%d/FAN#%d is not spinup check target. frue_sns=0x%04x "
-        "fan_target=0x%08x");
+        "znpdklib_check_fan_spinup():/FANU#%d/FAN#%d is not spinup check target. frue_sns=0x%04x fan_target=0x%08x");
     znpdklib_set_check_fan_start_time(fan_target, nullptr);
     const int rtn = check_fan_rotation(fan_target, nullptr, 10, kThresholdSpinup);
     if (rtn < 0) {
@@ -1012,14 +1009,12 @@ int znpdklib_check_fan_rotation(void)
                 is_usable_fan(static_cast<uint8_t>(i), &frue)) {
                 fan_target |= 1u << i;
                 tr(kLvInfo, 0x80080005,
-                   "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d "
-                   "frue_sns=0x%04x",
+                   "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d frue_sns=0x%04x",
                    fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
             } else {
                 sp_trace25(
                     kLvInfo, kRegion, kModule, 0x80080006,
-                    "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d "
-                    "fan_check_result=%d frue_sns=0x%04x",
+                    "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d fan_check_result=%d frue_sns=0x%04x",
                     fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), info.fan_check_result[i],
                     frue);
             }
@@ -1047,12 +1042,9 @@ int znpdklib_check_fan_rotation(void)
             } else {
                 fan_target = usable_fan_target(
                     0x80080008,
-                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is max speed check target. "
-                    "frue_sns=0x%04x "
-                    "fan_target=0x%08x",
+                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
                     0x80080009,
-                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is not max speed check target. "
-                    "frue_sns=0x%04x fan_target=0x%08x");
+                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
                 rtn = max_speed_check(fan_target);
             }
         }
@@ -1078,6 +1070,17 @@ uint32_t take_thread_arg(void* pArg)
         free(pArg);
     }
     return fan_target;
+}
+
+/* A thread's verdict: any non-zero result is an error. */
+void trace_outcome(uint32_t fan_target, int rtn, uint32_t id_error, const char* fmt_error,
+                   uint32_t id_complete, const char* fmt_complete)
+{
+    if (rtn != 0) {
+        tr(kLvInfo, id_error, fmt_error, static_cast<int>(fan_target), rtn);
+    } else {
+        tr(kLvInfo, id_complete, fmt_complete, static_cast<int>(fan_target), rtn);
+    }
 }
 
 void* Fan_Max_Rotate_Check_Thread(void* pArg)
@@ -1106,15 +1109,10 @@ void* Fan_Max_Rotate_Check_Thread(void* pArg)
             }
         }
         znpdklib_clear_check_fan_start_time(fan_target, fan_start_time);
-        if (rtn != 0) {
-            tr(kLvInfo, 0x800D0004,
-               "[Fan_Max_Rotate_Check_Thread] rotation check error. fan_target=0x%08x rtn=%d",
-               static_cast<int>(fan_target), rtn);
-        } else {
-            tr(kLvInfo, 0x800D0005,
-               "[Fan_Max_Rotate_Check_Thread] rotation check complete. fan_target=0x%08x rtn=%d",
-               static_cast<int>(fan_target), rtn);
-        }
+        trace_outcome(fan_target, rtn, 0x800D0004,
+                      "[Fan_Max_Rotate_Check_Thread] rotation check error. fan_target=0x%08x rtn=%d",
+                      0x800D0005,
+                      "[Fan_Max_Rotate_Check_Thread] rotation check complete. fan_target=0x%08x rtn=%d");
         tr(kLvInfo, 0x800DFFFF, "[Fan_Max_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
            static_cast<int>(fan_target), rtn);
     }
@@ -1140,14 +1138,10 @@ void* Fan_Rotate_Check_Thread(void* pArg)
         rtn = check_fan_rotation(fan_target, fan_start_time, 15, threshold);
         znpdklib_clear_check_fan_start_time_by_attach(fan_start_time_by_attach);
         znpdklib_clear_check_fan_start_time(fan_target, fan_start_time);
-        if (rtn != 0) {
-            tr(kLvInfo, 0x80120002,
-               "[Fan_Rotate_Check_Thread] rotation check error. fan_target=0x%08x rtn=%d",
-               static_cast<int>(fan_target), rtn);
-        } else {
-            tr(kLvInfo, 0x80120003,
-               "[Fan_Rotate_Check_Thread] rotation check complete. fan_target=0x%08x rtn=%d",
-               static_cast<int>(fan_target), rtn);
+        trace_outcome(fan_target, rtn, 0x80120002,
+                      "[Fan_Rotate_Check_Thread] rotation check error. fan_target=0x%08x rtn=%d", 0x80120003,
+                      "[Fan_Rotate_Check_Thread] rotation check complete. fan_target=0x%08x rtn=%d");
+        if (rtn == 0) {
             int fanc_err = 0;
             znpdklib_check_fan_redundancy(2, &fanc_err);
         }

@@ -8,7 +8,8 @@
 #include "support.h"
 #include "znpdk_sim/fan.h"
 
-namespace fant {
+namespace fant
+{
 
 constexpr int kRoot = 1;
 constexpr uint8_t kRedSns = 0x82;
