@@ -23,8 +23,7 @@
 #include "sputil.h"
 #include "znlib.h"
 
-namespace
-{
+namespace {
 
 using sp::sysobj::Component;
 
@@ -516,8 +515,7 @@ int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 
 /* ---- Fan redundancy check ------------------------------------------------ */
 
-namespace
-{
+namespace {
 
 /* Registers a redundancy transition and moves the redundancy sensor. */
 void log_transition(const char* ras_code, uint32_t id, const char* fmt, INT8U offset)
@@ -684,8 +682,7 @@ int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no)
 
 /* ---- Fan rotation check -------------------------------------------------- */
 
-namespace
-{
+namespace {
 
 void trace8u8(uint32_t id, const char* fmt, const uint8_t v[kFanCount])
 {
@@ -1058,8 +1055,7 @@ int znpdklib_check_fan_rotation(void)
 
 /* ---- Fan rotation check threads ------------------------------------------ */
 
-namespace
-{
+namespace {
 
 /* Takes over the argument block: it belongs to the thread from creation on. */
 uint32_t take_thread_arg(void* pArg)

@@ -10,10 +10,8 @@
 #include "znpdk_sim/detail.h"
 #include "znpdk_sim/sim.h"
 
-namespace zsim
-{
-namespace
-{
+namespace zsim {
+namespace {
 
 constexpr int kFans = 8;
 constexpr uint32_t kNoLimit = 0xFFFFFFFFu;

@@ -8,8 +8,7 @@
 #include "support.h"
 #include "znpdk_sim/fan.h"
 
-namespace fant
-{
+namespace fant {
 
 constexpr int kRoot = 1;
 constexpr uint8_t kRedSns = 0x82;

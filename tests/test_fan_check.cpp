@@ -6,8 +6,7 @@
 
 using namespace fant;
 
-class FanCheckTest : public SimTest
-{
+class FanCheckTest : public SimTest {
   protected:
     void SetUp() override
     {

@@ -25,8 +25,7 @@
 
 #include <string>
 
-namespace zsim
-{
+namespace zsim {
 
 constexpr uint32_t kFanNormalSpeed = 9000;
 constexpr uint32_t kFanFullSpeed = 13000;
