@@ -407,7 +407,7 @@ TEST_F(Sim, SensorReadingAndSel)
 
 TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
 {
-    zsim::detail::set_builtin_hap("BOB_R_BOBC_FANC", "",
+    zsim::detail::set_builtin_hap("SIM_T_DISPATCH", "",
                                   [](const zsim::HapCall&, uint32_t* d, splog_info*, splog_linkup_info*) {
                                       if (d != nullptr) {
                                           d[0] = 111;
@@ -416,9 +416,9 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
                                   });
     uint32_t para[4] = {0xA00, 0xA00, 0xA00, 0xF};
     uint32_t data[2] = {0, 0};
-    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "READ_FANSPEED", para, data), 0);
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH", "READ_FANSPEED", para, data), 0);
     EXPECT_EQ(data[0], 111u);
-    zsim::script_hap("BOB_R_BOBC_FANC", "READ_FANSPEED",
+    zsim::script_hap("SIM_T_DISPATCH", "READ_FANSPEED",
                      [](const zsim::HapCall& c, uint32_t*, splog_info* li, splog_linkup_info*) {
                          if (li != nullptr) {
                              strcpy(li->ras_code, "X");
@@ -428,10 +428,11 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
     splog_info li;
     splog_linkup_info ll;
     memset(&li, 0, sizeof(li));
-    EXPECT_EQ(znlib_hce_exechap_noerrlogregist_withlinklog("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC",
+    EXPECT_EQ(znlib_hce_exechap_noerrlogregist_withlinklog("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH",
                                                            "READ_FANSPEED", para, data, &li, &ll),
               -5);
     EXPECT_STREQ(li.ras_code, "X");
+<<<<<<< HEAD
     ll.log_id = 77;
     zsim::advance(3);
     EXPECT_EQ(znpdklib_log_save_sel_error_log(&li, &ll), 0);
@@ -441,9 +442,12 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
     EXPECT_EQ(logs[0].link.log_id, 77u);
     EXPECT_EQ(logs[0].time, 1767225603u);
     EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "SET", nullptr, data), 0);
+=======
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH", "SET", nullptr, data), 0);
+>>>>>>> refs/heads/fan
     zsim::clear_hap_scripts();
     data[0] = 0;
-    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "READ_FANSPEED", para, data), 0);
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH", "READ_FANSPEED", para, data), 0);
     EXPECT_EQ(data[0], 111u);
     EXPECT_EQ(znlib_hce_exechap("T", "BOB_R_BOBC_PSUC", "READ", para, nullptr), 0);
     EXPECT_EQ(znlib_hce_exechap("T", "OTHER", "M", para, nullptr), 0);
