@@ -1,0 +1,491 @@
+/* The simulated platform itself, without the library. */
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "mbc_driver.h"
+#include "sp_trace.h"
+#include "sputil.h"
+#include "znpdk_sim/detail.h"
+#include "znpdk_sim/sim.h"
+#include "znpdklib_types.h"
+
+using sp::sysobj::Component;
+
+namespace
+{
+
+struct RootHolder {
+    std::string path;
+    RootHolder()
+    {
+        char tmpl[] = "/tmp/znpdk-simtest-XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~RootHolder()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
+    }
+};
+
+const std::string& make_root()
+{
+    static RootHolder holder;
+    return holder.path;
+}
+
+class Sim : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        zsim::init(make_root());
+        zsim::build_default_machine();
+    }
+};
+
+void real_pause_ms(long ms)
+{
+    struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
+    nanosleep(&ts, nullptr);
+}
+
+} // namespace
+
+TEST_F(Sim, ClockRunsVirtuallyForEveryCaller)
+{
+    ASSERT_EQ(time(nullptr), 1767225600);
+    /* The same clock through the global symbol, as another shared object binds it. */
+    auto other_time = reinterpret_cast<time_t (*)(time_t*)>(dlsym(RTLD_DEFAULT, "time"));
+    ASSERT_NE(other_time, nullptr);
+    time_t stored = 0;
+    EXPECT_EQ(other_time(&stored), 1767225600);
+    EXPECT_EQ(stored, 1767225600);
+
+    EXPECT_EQ(sleep(5), 0u);
+    EXPECT_EQ(zsim::now(), 1767225605u);
+    struct timeval tv = {3, 500000};
+    EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &tv), 0);
+    EXPECT_EQ(zsim::now(), 1767225609u); /* a started second counts whole */
+    EXPECT_EQ(tv.tv_sec, 0);
+    EXPECT_EQ(tv.tv_usec, 0);
+
+    /* A sleeper moves the clock to its own wake time, never backwards. */
+    zsim::set_time(1000);
+    std::thread a([] { sleep(10); });
+    std::thread b([] { sleep(3); });
+    a.join();
+    b.join();
+    EXPECT_GE(zsim::now(), 1010u);
+    EXPECT_LE(zsim::now(), 1013u);
+}
+
+TEST_F(Sim, SelectInterruptedLeavesRemainingTime)
+{
+    zsim::inject_select_eintr(2, 1);
+    struct timeval tv = {5, 0};
+    uint32_t start = zsim::now();
+    errno = 0;
+    EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &tv), -1);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(tv.tv_sec, 3);
+    EXPECT_EQ(zsim::now(), start + 2);
+    EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &tv), 0); /* only one interruption */
+    EXPECT_EQ(zsim::now(), start + 5);
+
+    /* An interruption later than the timeout does not happen. */
+    zsim::inject_select_eintr(9, 1);
+    tv = {1, 0};
+    EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &tv), 0);
+
+    /* Descriptors go to the real select: a pipe with data is readable at once. */
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    fd_set rd;
+    FD_ZERO(&rd);
+    FD_SET(fds[0], &rd);
+    tv = {100, 0};
+    uint32_t before = zsim::now();
+    EXPECT_EQ(select(fds[0] + 1, &rd, nullptr, nullptr, &tv), 1);
+    EXPECT_EQ(zsim::now(), before);
+    close(fds[0]);
+    close(fds[1]);
+}
+
+TEST_F(Sim, PathsResolveStepByStep)
+{
+    struct {
+        const char* path;
+        int type;
+        int no;
+    } good[] = {
+        {"/SYSTEM#0", COMPO_SYSTEM, 0},          {"/SYSTEM#0/IORC#0/PSUC#0", COMPO_PSUC, 0},
+        {"/SYSTEM#0/CMUC#3", COMPO_CMUC, 3},     {"/SYSTEM#0/CMU#1/NODE#3", COMPO_NODE, 3},
+        {"/SYSTEM#0/NODE#15", COMPO_NODE, 15},   {"/SYSTEM#0/PSU#17/FRUROM#90", COMPO_FRUROM, 90},
+        {"/SYSTEM#0/ROUTER#0", COMPO_ROUTER, 0}, {"/SYSTEM#0/CMU#7/CPU#1/MEM#3", COMPO_MEM, 3},
+    };
+    for (const auto& g : good) {
+        sp::sysobj::TreePath tp(g.path);
+        Component* c = tp.getComponent();
+        ASSERT_NE(c, nullptr) << g.path;
+        EXPECT_EQ(c->getType(), g.type) << g.path;
+        EXPECT_EQ(c->getNo(), g.no) << g.path;
+    }
+    const char* bad[] = {"",
+                         "/",
+                         "SYSTEM#0",
+                         "/SYSTEM#1",
+                         "/SYSTEM#0/",
+                         "/SYSTEM#0//PSU#1",
+                         "/SYSTEM#0/PSU1",
+                         "/SYSTEM#0/PSU#x",
+                         "/SYSTEM#0/PSU#-1",
+                         "/SYSTEM#0/PSU#18",
+                         "/SYSTEM#0/XYZ#0",
+                         "/SYSTEM#0/MEM#0",
+                         "/SYSTEM#0/PSU#1 "};
+    for (const char* p : bad) {
+        EXPECT_EQ(sp::sysobj::TreePath(p).getComponent(), nullptr) << p;
+    }
+    EXPECT_EQ(zsim::path_of(zsim::find_path("/SYSTEM#0/CMU#7/CPU#1/MEM#3")), "/SYSTEM#0/CMU#7/CPU#1/MEM#3");
+}
+
+TEST_F(Sim, TreeQueriesAndParents)
+{
+    Component* root = Component::getRoot();
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->getComponentId(), 1);
+
+    Component* cmuc = root->getComponent(COMPO_CMUC, 3);
+    ASSERT_NE(cmuc, nullptr);
+    EXPECT_EQ(cmuc, zsim::component(cmuc->getComponentId())); /* one handle per object */
+    std::vector<Component*> nodes;
+    cmuc->getParents(COMPO_NODE, nodes);
+    ASSERT_EQ(nodes.size(), 2u);
+    EXPECT_EQ(nodes[0]->getNo(), 6);
+    EXPECT_EQ(nodes[1]->getNo(), 7);
+    EXPECT_EQ(cmuc->getParent()->getType(), COMPO_CMU);
+    EXPECT_EQ(cmuc->getParent()->getNo(), 3);
+
+    std::vector<Component*> list;
+    root->getComponent(COMPO_CMUC, list);
+    root->getComponent(COMPO_NODE, list);
+    ASSERT_EQ(list.size(), 24u);
+    EXPECT_EQ(list[7]->getType(), COMPO_CMUC);
+    EXPECT_EQ(list[8]->getType(), COMPO_NODE);
+    EXPECT_EQ(list[8]->getNo(), 0);
+
+    Component* fanu = root->getComponent(COMPO_FANU, 1);
+    std::vector<Component*> children;
+    fanu->getComponent(children, false);
+    ASSERT_EQ(children.size(), 2u);
+    EXPECT_EQ(children[0]->getType(), COMPO_FAN);
+    EXPECT_EQ(children[1]->getNo(), 1);
+
+    /* Searches look at any depth below, and only below. */
+    Component* cmu2 = root->getComponent(COMPO_CMU, 2);
+    Component* mem = cmu2->getComponent(COMPO_MEM, 3);
+    ASSERT_NE(mem, nullptr);
+    EXPECT_EQ(mem->getParent()->getParent(), cmu2);
+    EXPECT_EQ(fanu->getComponent(COMPO_MEM, 3), nullptr);
+    EXPECT_EQ(root->getComponent(COMPO_PSU, 18), nullptr);
+
+    zsim::remove_component(cmu2->getComponentId());
+    EXPECT_EQ(root->getComponent(COMPO_CMU, 2), nullptr);
+    EXPECT_EQ(root->getComponent(COMPO_NODE, 4), nullptr);
+    EXPECT_EQ(zsim::find_path("/SYSTEM#0/NODE#4"), -1);
+}
+
+TEST_F(Sim, RecordsCopyAndZeroFill)
+{
+    Component* psu = Component::getRoot()->getComponent(COMPO_PSU, 4);
+    int oid = psu->getComponentId();
+    current_common_info_t common;
+    memset(&common, 0xAB, sizeof(common));
+    ASSERT_EQ(psu->getProperty(PROP_CURRENT_COMMON_INFO, &common, sizeof(common)), 0);
+    EXPECT_EQ(common.status, COMMON_STATUS_INSTALLED);
+    EXPECT_EQ(common.emergency_outage, 0);
+
+    const uint8_t bytes[4] = {1, 2, 3, 4};
+    EXPECT_EQ(psu->setProperty(PROP_FRU_INFO, bytes, 4), 0);
+    uint8_t buf[8];
+    memset(buf, 0xEE, sizeof(buf));
+    psu->getProperty(PROP_FRU_INFO, buf, sizeof(buf));
+    const uint8_t expect_long[8] = {1, 2, 3, 4, 0, 0, 0, 0};
+    EXPECT_EQ(memcmp(buf, expect_long, 8), 0);
+    memset(buf, 0xEE, sizeof(buf));
+    psu->getProperty(PROP_FRU_INFO, buf, 2);
+    EXPECT_EQ(buf[1], 2);
+    EXPECT_EQ(buf[2], 0xEE); /* nothing past the length given */
+
+    memset(buf, 0xEE, sizeof(buf));
+    EXPECT_EQ(psu->getProperty(PROP_SETUP_RCM_INFO, buf, sizeof(buf)), -1);
+    EXPECT_EQ(memcmp(buf, "\0\0\0\0\0\0\0\0", 8), 0);
+    EXPECT_EQ(psu->setProperty(PROP_FRU_INFO, bytes, 2049), -1);
+    EXPECT_EQ(zsim::property_reads(oid), 4);
+    EXPECT_EQ(zsim::property_writes(oid), 1);
+
+    auto sys = zsim::get<current_system_info_t>(1, PROP_CURRENT_INFO);
+    EXPECT_EQ(sys.available_psu_slots, 17);
+    EXPECT_EQ(sys.psu_redandancy_check_enable, 1);
+    current_router_hard_info_t router;
+    ASSERT_EQ(znlib_DBGetProperty("/SYSTEM#0/ROUTER#15", PROP_CURRENT_HARD_INFO, sizeof(router), &router), 0);
+    EXPECT_EQ(router.quordata.phyPort[9].online, 1);
+    EXPECT_EQ(znlib_DBGetProperty("/SYSTEM#0/ROUTER#16", PROP_CURRENT_HARD_INFO, sizeof(router), &router),
+              -1);
+    zsim::fail_db_get_property("/SYSTEM#0", 5);
+    EXPECT_EQ(znlib_DBGetProperty("/SYSTEM#0", PROP_SETUP_INFO, 4, buf), 5);
+}
+
+TEST_F(Sim, WriteLockExcludesOtherProcesses)
+{
+    Component* psu = Component::getRoot()->getComponent(COMPO_PSU, 0);
+    uint32_t mark = 1;
+    psu->writeLock();
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        Component* c = Component::getRoot()->getComponent(COMPO_PSU, 0);
+        Component::WriteLock lock(c);
+        uint32_t v = 0;
+        c->getProperty(PROP_FRU_INFO, &v, sizeof(v));
+        v = v * 10 + 2; /* must see the parent's write */
+        c->setProperty(PROP_FRU_INFO, &v, sizeof(v));
+        _exit(0);
+    }
+    ASSERT_GT(pid, 0);
+    real_pause_ms(200);
+    EXPECT_TRUE(zsim::record(psu->getComponentId(), PROP_FRU_INFO).empty()); /* child still waits */
+    psu->setProperty(PROP_FRU_INFO, &mark, sizeof(mark));
+    psu->writeUnlock();
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(zsim::get<uint32_t>(psu->getComponentId(), PROP_FRU_INFO), 12u);
+    EXPECT_TRUE(zsim::lock_violations().empty());
+
+    /* Nesting and stray unlocks are reported, and do not hang. */
+    Component* bobc = Component::getRoot()->getComponent(COMPO_BOBC, 0);
+    psu->writeLock();
+    bobc->writeLock();
+    bobc->writeUnlock();
+    psu->writeUnlock();
+    psu->writeUnlock();
+    auto v = zsim::lock_violations();
+    ASSERT_EQ(v.size(), 2u);
+    EXPECT_NE(v[0].find("/SYSTEM#0/BOBC#0"), std::string::npos);
+    EXPECT_NE(v[1].find("does not hold"), std::string::npos);
+}
+
+TEST_F(Sim, BoardRegistersWithInjectedFailures)
+{
+    uint32_t value = 0x12345678;
+    mbc_reg_rw rw;
+    memset(&rw, 0, sizeof(rw));
+    rw.cabinet = MBC_CABINET_BASE;
+    rw.address = 0x030400C4;
+    rw.size = 4;
+    rw.data = &value;
+    ASSERT_EQ(ioctl(global_sbcfd_env, MBC_IOCTL_SP_BOARD_W, &rw), 0);
+    EXPECT_EQ(zsim::reg(0, 0x030400C4), 0x12345678u);
+
+    zsim::fail_reg_read(EIO, 1);
+    value = 0;
+    errno = 0;
+    EXPECT_EQ(ioctl(global_sbcfd_env, MBC_IOCTL_SP_BOARD_R, &rw), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(value, 0u);
+    EXPECT_EQ(ioctl(global_sbcfd_env, MBC_IOCTL_SP_BOARD_R, &rw), 0);
+    EXPECT_EQ(value, 0x12345678u);
+
+    zsim::fail_reg_write(EBUSY, 1);
+    value = 7;
+    EXPECT_EQ(ioctl(global_sbcfd_env, MBC_IOCTL_SP_BOARD_W, &rw), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(zsim::reg(0, 0x030400C4), 0x12345678u);
+
+    auto acc = zsim::reg_accesses();
+    ASSERT_EQ(acc.size(), 2u); /* failed accesses are not recorded */
+    EXPECT_TRUE(acc[0].write);
+    EXPECT_FALSE(acc[1].write);
+    EXPECT_EQ(acc[1].value, 0x12345678u);
+
+    rw.cabinet = MBC_MAX_CABINET;
+    EXPECT_EQ(ioctl(global_sbcfd_env, MBC_IOCTL_SP_BOARD_R, &rw), -1);
+    EXPECT_EQ(errno, EINVAL);
+    /* Any other descriptor reaches the real driver. */
+    int fd = open("/dev/null", O_RDONLY);
+    EXPECT_EQ(ioctl(fd, MBC_IOCTL_SP_BOARD_R, &rw), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    close(fd);
+}
+
+TEST_F(Sim, TraceLinesAreFormatted)
+{
+    std::vector<std::string> seen;
+    zsim::set_trace_sink([&](const zsim::TraceLine& t) { seen.push_back(t.variant + ":" + t.text); });
+    zsim::advance(7);
+    sp_trace2(0x8001, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x05410301, "a=%d b=0x%04x", 3, 0x2A, 0, 0);
+    sp_trace4(0x8002, T_REGION_LIB_UTIL, SP_MID_BASE_UTIL, 0x05410601, "path=%s", "/SYSTEM#0/X#1");
+    sp_trace28(1, 40, 30, 0x8010FFFF, "%d/%d/%d/%d/%d/%d/%d/%d", 1, 2, 3, 4, 5, 6, 7, 8);
+    IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]x", "znpdklib_sensor", 12);
+    zsim::set_trace_sink(nullptr);
+
+    auto lines = zsim::traces();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0].text, "a=3 b=0x002a");
+    EXPECT_EQ(lines[0].level, 0x8001);
+    EXPECT_EQ(lines[0].region, T_REGION_POWER_MON);
+    EXPECT_EQ(lines[0].id, 0x05410301u);
+    EXPECT_EQ(lines[0].time, 1767225607u);
+    EXPECT_EQ(lines[1].variant, "sp_trace4");
+    EXPECT_EQ(lines[1].text, "path=/SYSTEM#0/X#1");
+    EXPECT_EQ(lines[2].text, "1/2/3/4/5/6/7/8");
+    EXPECT_TRUE(lines[3].debug);
+    EXPECT_EQ(lines[3].level, 130);
+    EXPECT_EQ(lines[3].text, "[znpdklib_sensor:12]x");
+    EXPECT_EQ(seen.size(), 4u);
+    EXPECT_EQ(seen[3], "dbg:[znpdklib_sensor:12]x");
+    EXPECT_EQ(zsim::traces_with_id(0x8010FFFF).size(), 1u);
+}
+
+TEST_F(Sim, SensorReadingAndSel)
+{
+    uint8_t req = 0x81;
+    uint8_t res[5];
+    zsim::set_sensor_reading(17, 0x81, 0x0304);
+    ASSERT_EQ(GetSensorReading(&req, 1, res, 17), 5);
+    const uint8_t expect[5] = {0x00, 0x00, 0xC0, 0x04, 0x83};
+    EXPECT_EQ(memcmp(res, expect, 5), 0);
+    req = 0xF0;
+    GetSensorReading(&req, 1, res, 17);
+    EXPECT_EQ(res[0], CC_SDR_REC_NOT_PRESENT);
+    EXPECT_EQ(GetSensorInfo(0x81, 1, 17), nullptr);
+    EXPECT_EQ(GetSensorInfo(0x81, 0, 18), nullptr);
+    EXPECT_EQ(zsim::sensor(5, 10).SensorTypeCode, 0xC2);
+    EXPECT_EQ(zsim::sensor(5, 46).OEMField, 0x02);
+
+    SELEventRecord_T rec;
+    memset(&rec, 0, sizeof(rec));
+    rec.SensorNum = 0x81;
+    AddSELRes_T out;
+    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
+    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
+    EXPECT_EQ(static_cast<int>(out.CompletionCode), 0);
+    EXPECT_EQ(static_cast<int>(out.RecID), 2);
+    zsim::fail_sel_add(true, 0xC5);
+    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
+    EXPECT_EQ(static_cast<int>(out.CompletionCode), 0xC5);
+    EXPECT_EQ(static_cast<int>(out.RecID), 0);
+    EXPECT_EQ(zsim::sel(17).size(), 2u);
+    EXPECT_TRUE(zsim::sel(16).empty());
+
+    zsim::fail_sensor_mutex_lock(4, EDEADLK);
+    errno = 0;
+    EXPECT_EQ(OS_THREAD_MUTEX_ACQUIRE_LOCK(&g_BMCInfo[4].SensorSharedMemMutex), EDEADLK);
+    EXPECT_EQ(errno, EDEADLK);
+    EXPECT_EQ(OS_THREAD_MUTEX_ACQUIRE_LOCK(&g_BMCInfo[3].SensorSharedMemMutex), 0);
+    EXPECT_EQ(OS_THREAD_MUTEX_RELEASE_LOCK(&g_BMCInfo[3].SensorSharedMemMutex), 0);
+}
+
+TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
+{
+    zsim::detail::set_builtin_hap("BOB_R_BOBC_FANC", "",
+                                  [](const zsim::HapCall&, uint32_t* d, splog_info*, splog_linkup_info*) {
+                                      if (d != nullptr) {
+                                          d[0] = 111;
+                                      }
+                                      return 0;
+                                  });
+    uint32_t para[4] = {0xA00, 0xA00, 0xA00, 0xF};
+    uint32_t data[2] = {0, 0};
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "READ_FANSPEED", para, data), 0);
+    EXPECT_EQ(data[0], 111u);
+    zsim::script_hap("BOB_R_BOBC_FANC", "READ_FANSPEED",
+                     [](const zsim::HapCall& c, uint32_t*, splog_info* li, splog_linkup_info*) {
+                         if (li != nullptr) {
+                             strcpy(li->ras_code, "X");
+                         }
+                         return c.with_log ? -5 : -6;
+                     });
+    splog_info li;
+    splog_linkup_info ll;
+    memset(&li, 0, sizeof(li));
+    EXPECT_EQ(znlib_hce_exechap_noerrlogregist_withlinklog("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC",
+                                                           "READ_FANSPEED", para, data, &li, &ll),
+              -5);
+    EXPECT_STREQ(li.ras_code, "X");
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "SET", nullptr, data), 0);
+    zsim::clear_hap_scripts();
+    data[0] = 0;
+    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "READ_FANSPEED", para, data), 0);
+    EXPECT_EQ(data[0], 111u);
+    EXPECT_EQ(znlib_hce_exechap("T", "BOB_R_BOBC_PSUC", "READ", para, nullptr), 0);
+    EXPECT_EQ(znlib_hce_exechap("T", "OTHER", "M", para, nullptr), 0);
+
+    auto calls = zsim::hap_calls();
+    ASSERT_EQ(calls.size(), 6u);
+    EXPECT_EQ(calls[0].para, std::vector<uint32_t>({0xA00}));
+    EXPECT_TRUE(calls[1].with_log);
+    EXPECT_TRUE(calls[2].para.empty());
+    EXPECT_EQ(calls[4].para, std::vector<uint32_t>({0xA00, 0xA00, 0xA00, 0xF}));
+    EXPECT_EQ(calls[5].para.size(), 1u);
+}
+
+TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
+{
+    uint32_t info = 0xFFFFFFFF;
+    EXPECT_EQ(znlib_psu_ctlinfo(13, &info), 0);
+    EXPECT_EQ(info, 0x200u);
+    EXPECT_EQ(znlib_psu_ctlinfo(18, &info), -1);
+    zsim::set_psu_ctlinfo(2, 256, 0xFF00);
+    EXPECT_EQ(znlib_psu_ctlinfo(2, &info), 256);
+    EXPECT_EQ(znlib_led_read(COMPO_SYSTEM, 0, 1, 0), 1);
+    EXPECT_EQ(znlib_led_control(COMPO_SYSTEM, 0, 1, 3), 0);
+    EXPECT_EQ(zsim::led(COMPO_SYSTEM, 0, 1), 3);
+    zsim::fail_led_read(true, 0);
+    EXPECT_EQ(znlib_led_read(COMPO_SYSTEM, 0, 1, 0), 0);
+    EXPECT_EQ(znlib_getLogic2PhysicPortNo(4, 7), 7);
+    zsim::set_port_map(4, 7, 2);
+    EXPECT_EQ(znlib_getLogic2PhysicPortNo(4, 7), 2);
+
+    splog_clear_sensor_list l[4];
+    EXPECT_EQ(znlib_log_get_clear_sensor_list(17, 179, l), 0);
+    EXPECT_EQ(l[LOG_CLEAR_PARENT].fru_sensor, 35);
+    EXPECT_EQ(l[LOG_CLEAR_BOB].fru_sensor, 33);
+    EXPECT_EQ(l[LOG_CLEAR_EVEN_NODE].valid, 0);
+    znlib_log_get_clear_sensor_list(17, 100, l);
+    EXPECT_EQ(l[LOG_CLEAR_PARENT].valid, 0);
+    EXPECT_EQ(zsim::clear_sensor_list_calls(), 2);
+
+    sem_t* s = _znlib_sem_open("/filelock_snsdata17", 0);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 0);
+    EXPECT_EQ(_znlib_sem_unlock(s, "/filelock_snsdata17", 0), 0);
+    zsim::fail_sem_lock(11);
+    EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 11);
+    EXPECT_EQ(znlib_sem_close(s), 0);
+    zsim::fail_sem_open(true);
+    EXPECT_EQ(_znlib_sem_open("/filelock_snsdata17", 0), nullptr);
+
+    EXPECT_EQ(sputil_ntz16(0), 16);
+    EXPECT_EQ(sputil_ntz16(0x8000), 15);
+    EXPECT_EQ(getSPFilePath("/tmp/x"), make_root() + "/tmp/x");
+    EXPECT_TRUE(sp::util::file::FileCheck::exist("/tmp/.boot"));
+    EXPECT_FALSE(sp::util::file::FileCheck::exist("/tmp/.boot/.acon"));
+    EXPECT_EQ(zsim::library_threads_running(), 0);
+}
