@@ -6,12 +6,14 @@
 #include <map>
 
 #include "fields.h"
+#include "ipmi_stack.h"
 #include "znlib.h"
 #include "znpdklib_types.h"
 
 using namespace zcmd;
 
-namespace {
+namespace
+{
 
 /* Bytes of a type covered by its leaf fields (array elements expanded). */
 void cover(const Type& t, size_t base, std::vector<int>& hits)
@@ -35,7 +37,10 @@ void cover(const Type& t, size_t base, std::vector<int>& hits)
     }
 }
 
-json parse(const char* text) { return json::parse(text); }
+json parse(const char* text)
+{
+    return json::parse(text);
+}
 
 } // namespace
 
@@ -84,13 +89,15 @@ TEST(SimFields, PathsLandWhereTheCompilerPutsTheFields)
         size_t size;
     };
     const Case cases[] = {
-        {"current_psuc_info_t", "psuc.bob[2].FRUStatus", offsetof(current_psuc_info_t, psuc.bob[2].FRUStatus), 4},
-        {"current_psuc_info_t", "psuc.common.ACOKSts", offsetof(current_psuc_info_t, psuc.common.ACOKSts), 4},
-        {"setup_system_info_t", "debug_flags.debug_flag[8]", offsetof(setup_system_info_t, debug_flags.debug_flag[8]),
+        {"current_psuc_info_t", "psuc.bob[2].FRUStatus", offsetof(current_psuc_info_t, psuc.bob[2].FRUStatus),
          4},
+        {"current_psuc_info_t", "psuc.common.ACOKSts", offsetof(current_psuc_info_t, psuc.common.ACOKSts), 4},
+        {"setup_system_info_t", "debug_flags.debug_flag[8]",
+         offsetof(setup_system_info_t, debug_flags.debug_flag[8]), 4},
         {"setup_system_info_t", "quorSpace[1].Z", offsetof(setup_system_info_t, quorSpace[1].Z), 1},
         {"setup_system_info_t", "ntp_server_ip[2][3]", offsetof(setup_system_info_t, ntp_server_ip[2][3]), 1},
-        {"setup_system_info_t", "cdu_info[1].password", offsetof(setup_system_info_t, cdu_info[1].password), 32},
+        {"setup_system_info_t", "cdu_info[1].password", offsetof(setup_system_info_t, cdu_info[1].password),
+         32},
         {"current_router_hard_info_t", "quordata.phyPort[9].online",
          offsetof(current_router_hard_info_t, quordata.phyPort[9].online), 1},
         {"current_system_info_t", "fan_start_time[7]", offsetof(current_system_info_t, fan_start_time[7]), 4},
@@ -188,7 +195,8 @@ TEST(SimFields, BadValuesNameTheirPlace)
         {"current_common_info_t", R"({"status": {"x": 1}})", "/status"},
         {"current_common_info_t", R"({"statu": 1})", "/statu"},
         {"current_common_info_t", R"({"hex": "00 11", "status": 1})", "/hex"},
-        {"current_common_info_t", R"({"hex": "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 00"})",
+        {"current_common_info_t",
+         R"({"hex": "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 00"})",
          "/hex"},
         {"Esc_Table_t", R"({"frue_list": 5})", "/frue_list"},
     };

@@ -7,14 +7,18 @@
 
 #include "ipmi_stack.h"
 #include "znlib.h"
+#include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
-namespace {
+namespace
+{
 
-class Registry {
-public:
+class Registry
+{
+  public:
     Registry();
     const Type* get(const std::string& name) const
     {
@@ -30,7 +34,7 @@ public:
         return out;
     }
 
-private:
+  private:
     const Type* scalar(const std::string& name, size_t size, Scalar s)
     {
         Type t;
@@ -58,7 +62,14 @@ private:
     std::map<std::string, const Type*> by_name_;
 };
 
-#define F(S, f, T, ...) Member{#f, offsetof(S, f), T, {__VA_ARGS__}}
+#define F(S, f, T, ...)                                                                                      \
+    Member                                                                                                   \
+    {                                                                                                        \
+#f, offsetof(S, f), T,                                                                               \
+        {                                                                                                    \
+            __VA_ARGS__                                                                                      \
+        }                                                                                                    \
+    }
 
 Registry::Registry()
 {
@@ -74,8 +85,8 @@ Registry::Registry()
     using CC = current_common_info_t;
     record("current_common_info_t", sizeof(CC),
            {F(CC, status, u32), F(CC, remcs_status, u32), F(CC, remcs_time, u32), F(CC, physicalNo, u16),
-            F(CC, emergency_outage, u8), F(CC, reserve1, u8, 1), F(CC, sequence, u32), F(CC, control_no, u8, 2),
-            F(CC, fanc_error_level, u8), F(CC, reserve2, u8, 9)});
+            F(CC, emergency_outage, u8), F(CC, reserve1, u8, 1), F(CC, sequence, u32),
+            F(CC, control_no, u8, 2), F(CC, fanc_error_level, u8), F(CC, reserve2, u8, 9)});
 
     using SI = current_system_info_t;
     record("current_system_info_t", sizeof(SI),
@@ -118,8 +129,8 @@ Registry::Registry()
 
     const Type* dbg = record("debug_flags_t", sizeof(debug_flags_t), {F(debug_flags_t, debug_flag, u32, 64)});
     const Type* qpos = record("quor_position_t", sizeof(quor_position_t),
-                              {F(quor_position_t, X, i8), F(quor_position_t, Y, i8), F(quor_position_t, Z, i8),
-                               F(quor_position_t, B, i8)});
+                              {F(quor_position_t, X, i8), F(quor_position_t, Y, i8),
+                               F(quor_position_t, Z, i8), F(quor_position_t, B, i8)});
     const Type* cdu = record("CDU_information_t", sizeof(CDU_information_t),
                              {F(CDU_information_t, cdu_ip, u8, 4), F(CDU_information_t, password, u8, 32)});
     using SU = setup_system_info_t;
@@ -152,38 +163,40 @@ Registry::Registry()
             F(SU, reserve3, u8, 128)});
 
     using PB = psuc_bob_t;
-    const Type* pbob = record("psuc_bob_t", sizeof(PB),
-                              {F(PB, PresentInt, u32), F(PB, ACOKInt, u32), F(PB, PWOKInt, u32),
-                               F(PB, PSONInt, u32), F(PB, PresentMask, u32), F(PB, ACOKMask, u32),
-                               F(PB, PWOKMask, u32), F(PB, PSONMask, u32), F(PB, CheckEnabe, u32),
-                               F(PB, FRUStatus, u32), F(PB, PSONCntl, u32), F(PB, PSONAndCntl, u32),
-                               F(PB, PWOKCompareEnable, u32)});
+    const Type* pbob =
+        record("psuc_bob_t", sizeof(PB),
+               {F(PB, PresentInt, u32), F(PB, ACOKInt, u32), F(PB, PWOKInt, u32), F(PB, PSONInt, u32),
+                F(PB, PresentMask, u32), F(PB, ACOKMask, u32), F(PB, PWOKMask, u32), F(PB, PSONMask, u32),
+                F(PB, CheckEnabe, u32), F(PB, FRUStatus, u32), F(PB, PSONCntl, u32), F(PB, PSONAndCntl, u32),
+                F(PB, PWOKCompareEnable, u32)});
     using PC = psuc_common_t;
-    const Type* pcom = record("psuc_common_t", sizeof(PC),
-                              {F(PC, PresentSts, u32), F(PC, ACOKSts, u32), F(PC, PWOKSts, u32),
-                               F(PC, PSONSts, u32), F(PC, PWOKCompare, u32), F(PC, PWOKFilter, u32),
-                               F(PC, Version, u32), F(PC, BobId, u32)});
+    const Type* pcom =
+        record("psuc_common_t", sizeof(PC),
+               {F(PC, PresentSts, u32), F(PC, ACOKSts, u32), F(PC, PWOKSts, u32), F(PC, PSONSts, u32),
+                F(PC, PWOKCompare, u32), F(PC, PWOKFilter, u32), F(PC, Version, u32), F(PC, BobId, u32)});
     const Type* pall =
         record("psuc_all_t", sizeof(psuc_all_t), {F(psuc_all_t, bob, pbob, 3), F(psuc_all_t, common, pcom)});
     record("current_psuc_info_t", sizeof(current_psuc_info_t),
            {F(current_psuc_info_t, psuc, pall), F(current_psuc_info_t, rsv, u8, 68)});
 
     using QP = quor_port_info_t;
-    const Type* qport = record("quor_port_info_t", sizeof(QP),
-                               {F(QP, X, i8), F(QP, Y, i8), F(QP, Z, i8), F(QP, A, i8), F(QP, B, i8),
-                                F(QP, C, i8), F(QP, online, u8), F(QP, reserve0, u8), F(QP, id, u8),
-                                F(QP, reserve1, u8, 7)});
+    const Type* qport =
+        record("quor_port_info_t", sizeof(QP),
+               {F(QP, X, i8), F(QP, Y, i8), F(QP, Z, i8), F(QP, A, i8), F(QP, B, i8), F(QP, C, i8),
+                F(QP, online, u8), F(QP, reserve0, u8), F(QP, id, u8), F(QP, reserve1, u8, 7)});
     using QN = quor_node_config_t;
     const Type* qnode = record("quor_node_config_t", sizeof(QN),
                                {F(QN, selfId, qport), F(QN, phyPort, qport, 10), F(QN, bootId, qport, 1),
                                 F(QN, portConfig, u32), F(QN, reserve1, u8, 4), F(QN, serdesCharTbl, u64)});
     using RH = current_router_hard_info_t;
-    record("current_router_hard_info_t", sizeof(RH),
-           {F(RH, quordata, qnode), F(RH, reserve0, u8, 8), F(RH, reserve1, u8, 40), F(RH, reserve2, u8, 256)});
+    record(
+        "current_router_hard_info_t", sizeof(RH),
+        {F(RH, quordata, qnode), F(RH, reserve0, u8, 8), F(RH, reserve1, u8, 40), F(RH, reserve2, u8, 256)});
 
     using JF = Corvo_Job_regist_flag_t;
-    const Type* job = record("Corvo_Job_regist_flag_t", sizeof(JF),
-                             {F(JF, BMCInst, u8), F(JF, regist_method, u8), F(JF, regist_mode, u8), F(JF, rsv, u8, 1)});
+    const Type* job =
+        record("Corvo_Job_regist_flag_t", sizeof(JF),
+               {F(JF, BMCInst, u8), F(JF, regist_method, u8), F(JF, regist_mode, u8), F(JF, rsv, u8, 1)});
     using VS = Various_sharemem_t;
     record("Various_sharemem_t", sizeof(VS),
            {F(VS, job_in_sequence, u64), F(VS, hjob_regist_flag, job, 2, 18), F(VS, rsv, u8, 872)});
@@ -204,35 +217,40 @@ Registry::Registry()
     record("packed_clear_sensor_list", sizeof(PK),
            {F(PK, valid, i8), F(PK, BMCInst, i8), F(PK, fru_sensor, u8), F(PK, frue_sensor, u8)});
 
-    const Type* latch = record("splog_latch_code", sizeof(splog_latch_code), {F(splog_latch_code, latch_code, u32)});
+    const Type* latch =
+        record("splog_latch_code", sizeof(splog_latch_code), {F(splog_latch_code, latch_code, u32)});
     using LI = splog_info;
     record("splog_info", sizeof(LI),
            {F(LI, ras_code, chr, 16), F(LI, BMCInst, u8), F(LI, direction, u8), F(LI, rsv, u8, 2),
-            F(LI, part1_pos, u8, 6), F(LI, part2_pos, u8, 6), F(LI, latch_code, latch, 8), F(LI, detail, u8, 16)});
+            F(LI, part1_pos, u8, 6), F(LI, part2_pos, u8, 6), F(LI, latch_code, latch, 8),
+            F(LI, detail, u8, 16)});
     const Type* tstamp = record("splog_time_stamp", sizeof(splog_time_stamp),
                                 {F(splog_time_stamp, tv_sec, i32), F(splog_time_stamp, tv_usec, i32)});
     using LL = splog_linkup_info;
     record("splog_linkup_info", sizeof(LL),
-           {F(LL, time, tstamp), F(LL, log_id, u32), F(LL, num, i32), F(LL, BMCInst, i32), F(LL, link_type, u64)});
+           {F(LL, time, tstamp), F(LL, log_id, u32), F(LL, num, i32), F(LL, BMCInst, i32),
+            F(LL, link_type, u64)});
     using CL = splog_clear_sensor_list;
     record("splog_clear_sensor_list", sizeof(CL),
            {F(CL, valid, i32), F(CL, BMCInst, i32), F(CL, fru_sensor, i32), F(CL, frue_sensor, i32)});
 
-    const Type* selhdr = record("SELRecHdr_T", sizeof(SELRecHdr_T),
-                                {F(SELRecHdr_T, ID, u16), F(SELRecHdr_T, Type, u8), F(SELRecHdr_T, TimeStamp, u32)});
+    const Type* selhdr =
+        record("SELRecHdr_T", sizeof(SELRecHdr_T),
+               {F(SELRecHdr_T, ID, u16), F(SELRecHdr_T, Type, u8), F(SELRecHdr_T, TimeStamp, u32)});
     using SE = SELEventRecord_T;
     record("SELEventRecord_T", sizeof(SE),
-           {F(SE, hdr, selhdr), F(SE, GenID, u8, 2), F(SE, EvMRev, u8), F(SE, SensorType, u8), F(SE, SensorNum, u8),
-            F(SE, EvtDirType, u8), F(SE, EvtData1, u8), F(SE, EvtData2, u8), F(SE, EvtData3, u8)});
+           {F(SE, hdr, selhdr), F(SE, GenID, u8, 2), F(SE, EvMRev, u8), F(SE, SensorType, u8),
+            F(SE, SensorNum, u8), F(SE, EvtDirType, u8), F(SE, EvtData1, u8), F(SE, EvtData2, u8),
+            F(SE, EvtData3, u8)});
     using GR = GetSensorReadingRes_T;
     record("GetSensorReadingRes_T", sizeof(GR),
-           {F(GR, CompletionCode, u8), F(GR, SensorReading, u8), F(GR, Flags, u8), F(GR, ComparisonStatus, u8),
-            F(GR, OptionalStatus, u8)});
+           {F(GR, CompletionCode, u8), F(GR, SensorReading, u8), F(GR, Flags, u8),
+            F(GR, ComparisonStatus, u8), F(GR, OptionalStatus, u8)});
     using SN = SensorInfo_T;
     record("SensorInfo_T", sizeof(SN),
-           {F(SN, SensorReading, u16), F(SN, PreviousState, u16), F(SN, SensorNumber, u8), F(SN, SensorTypeCode, u8),
-            F(SN, EventTypeCode, u8), F(SN, SensorOwnerLun, u8), F(SN, OEMField, u8), F(SN, EventFlags, u8),
-            F(SN, EventLevel, u8), F(SN, Reserved, u8)});
+           {F(SN, SensorReading, u16), F(SN, PreviousState, u16), F(SN, SensorNumber, u8),
+            F(SN, SensorTypeCode, u8), F(SN, EventTypeCode, u8), F(SN, SensorOwnerLun, u8),
+            F(SN, OEMField, u8), F(SN, EventFlags, u8), F(SN, EventLevel, u8), F(SN, Reserved, u8)});
     (void)u16;
     (void)i32;
 }
@@ -273,8 +291,8 @@ Ref resolve_from(Ref r, const std::string& path)
                 throw std::invalid_argument("\"" + path.substr(0, i) + "\" is not an array");
             }
             if (idx >= r.dims[0]) {
-                throw std::invalid_argument("index " + idx_text + " is outside \"" + path.substr(0, i) + "\" (0 to " +
-                                            std::to_string(r.dims[0] - 1) + ")");
+                throw std::invalid_argument("index " + idx_text + " is outside \"" + path.substr(0, i) +
+                                            "\" (0 to " + std::to_string(r.dims[0] - 1) + ")");
             }
             r.offset += idx * r.type->size * product(r.dims, 1);
             r.dims.erase(r.dims.begin());
@@ -290,11 +308,12 @@ Ref resolve_from(Ref r, const std::string& path)
             throw std::invalid_argument("empty field name in \"" + path + "\"");
         }
         if (!r.dims.empty()) {
-            throw std::invalid_argument("\"" + path.substr(0, i) + "\" is an array: give an index before \"" + name +
-                                        "\"");
+            throw std::invalid_argument("\"" + path.substr(0, i) + "\" is an array: give an index before \"" +
+                                        name + "\"");
         }
         if (!r.type->is_struct) {
-            throw std::invalid_argument("\"" + path.substr(0, i) + "\" has no fields (it is a " + r.type->name + ")");
+            throw std::invalid_argument("\"" + path.substr(0, i) + "\" has no fields (it is a " +
+                                        r.type->name + ")");
         }
         const Member* m = nullptr;
         for (const Member& cand : r.type->members) {
@@ -397,18 +416,31 @@ void scalar_from_json(uint8_t* p, const Type& t, const Node& v)
     }
 }
 
-bool is_text(const Ref& r) { return r.dims.size() == 1 && !r.type->is_struct && r.type->scalar == Scalar::Char; }
+bool is_text(const Ref& r)
+{
+    return r.dims.size() == 1 && !r.type->is_struct && r.type->scalar == Scalar::Char;
+}
 bool is_bytes(const Ref& r)
 {
-    return r.dims.size() == 1 && !r.type->is_struct && (r.type->scalar == Scalar::U8 || r.type->scalar == Scalar::I8);
+    return r.dims.size() == 1 && !r.type->is_struct &&
+           (r.type->scalar == Scalar::U8 || r.type->scalar == Scalar::I8);
 }
 
 } // namespace
 
-size_t Ref::size() const { return type->size * product(dims, 0); }
+size_t Ref::size() const
+{
+    return type->size * product(dims, 0);
+}
 
-const Type* find_type(const std::string& name) { return registry().get(name); }
-std::vector<const Type*> all_types() { return registry().all(); }
+const Type* find_type(const std::string& name)
+{
+    return registry().get(name);
+}
+std::vector<const Type*> all_types()
+{
+    return registry().all();
+}
 
 Ref whole(const Type& t)
 {
@@ -417,7 +449,10 @@ Ref whole(const Type& t)
     return r;
 }
 
-Ref resolve(const Type& root, const std::string& path) { return resolve_from(whole(root), path); }
+Ref resolve(const Type& root, const std::string& path)
+{
+    return resolve_from(whole(root), path);
+}
 
 json to_json(const uint8_t* base, const Ref& r)
 {
@@ -489,7 +524,8 @@ void from_json(uint8_t* base, const Ref& r, const Node& v)
     }
     if (!r.dims.empty()) {
         if (!v->is_array()) {
-            v.fail("expected a list (the field is an array of " + std::to_string(r.dims[0]) + "), got " + v->dump());
+            v.fail("expected a list (the field is an array of " + std::to_string(r.dims[0]) + "), got " +
+                   v->dump());
         }
         if (v->size() > r.dims[0]) {
             v.fail("list longer than the field (" + std::to_string(r.dims[0]) + " elements)");
@@ -525,7 +561,8 @@ void fill(uint8_t* base, const Type& t, const Node& v)
     from_json(base, whole(t), v);
 }
 
-namespace {
+namespace
+{
 /* Offsets are those of the first element of every array on the way. */
 void describe_into(const Type& t, const std::string& prefix, size_t base, std::vector<std::string>& out)
 {
@@ -548,6 +585,32 @@ std::vector<std::string> describe(const Type& t)
     std::vector<std::string> out;
     describe_into(t, "", 0, out);
     return out;
+}
+
+bool constant_value(const std::string& name, int64_t& v)
+{
+    static const std::map<std::string, int64_t> props = {
+        {"PROP_SETUP_INFO", PROP_SETUP_INFO},
+        {"PROP_CURRENT_COMMON_INFO", PROP_CURRENT_COMMON_INFO},
+        {"PROP_CURRENT_INFO", PROP_CURRENT_INFO},
+        {"PROP_CURRENT_HARD_INFO", PROP_CURRENT_HARD_INFO},
+        {"DBGW_BMCFW_MODULE_COMMON0", 0},
+        {"DBGW_BMCFW_MODULE_BMCINIT", 8},
+        {"MBC_CABINET_BASE", 0},
+        {"MBC_CABINET_GPIO", 1},
+    };
+    auto it = props.find(name);
+    if (it != props.end()) {
+        v = it->second;
+        return true;
+    }
+    std::string type = name.compare(0, 6, "COMPO_") == 0 ? name.substr(6) : name;
+    int t = zsim::type_from_name(type);
+    if (t > 0) {
+        v = t;
+        return true;
+    }
+    return false;
 }
 
 const std::vector<RecordKind>& record_kinds()

@@ -11,12 +11,13 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
-namespace {
+namespace
+{
 
-template <typename T>
-CType ctype_of()
+template <typename T> CType ctype_of()
 {
     CType c;
     if constexpr (std::is_void_v<T>) {
@@ -38,8 +39,7 @@ CType ctype_of()
     return c;
 }
 
-template <typename T>
-T pass(const Slot& s)
+template <typename T> T pass(const Slot& s)
 {
     if constexpr (std::is_pointer_v<T>) {
         return static_cast<T>(s.ptr);
@@ -50,8 +50,7 @@ T pass(const Slot& s)
     }
 }
 
-template <typename R>
-json result_json(R r)
+template <typename R> json result_json(R r)
 {
     if constexpr (std::is_same_v<R, bool>) {
         return r;
@@ -93,15 +92,42 @@ Function make_fn(const char* name, const char* family, R (*)(A...), std::vector<
  * library at run time. */
 #define FN(name, family, ...) make_fn(#name, family, static_cast<decltype(&name)>(nullptr), {__VA_ARGS__})
 
-Param u8(const char* n) { return {n, PK::U8}; }
-Param i32(const char* n) { return {n, PK::I32}; }
-Param u32(const char* n) { return {n, PK::U32}; }
-Param u64(const char* n) { return {n, PK::U64}; }
-Param ref(const char* n, PK k) { return {n, k}; }
-Param arr(const char* n, PK k, size_t count) { return {n, k, count}; }
-Param st(const char* n, const char* type) { return {n, PK::Struct, 0, find_type(type)}; }
-Param compo(const char* n) { return {n, PK::Component}; }
-Param text(const char* n) { return {n, PK::Path}; }
+Param u8(const char* n)
+{
+    return {n, PK::U8};
+}
+Param i32(const char* n)
+{
+    return {n, PK::I32};
+}
+Param u32(const char* n)
+{
+    return {n, PK::U32};
+}
+Param u64(const char* n)
+{
+    return {n, PK::U64};
+}
+Param ref(const char* n, PK k)
+{
+    return {n, k};
+}
+Param arr(const char* n, PK k, size_t count)
+{
+    return {n, k, count};
+}
+Param st(const char* n, const char* type)
+{
+    return {n, PK::Struct, 0, find_type(type)};
+}
+Param compo(const char* n)
+{
+    return {n, PK::Component};
+}
+Param text(const char* n)
+{
+    return {n, PK::Path};
+}
 
 std::vector<Function> build_table()
 {
@@ -130,9 +156,10 @@ std::vector<Function> build_table()
         FN(ZNAPI_SetSensorWoS, S, u8("SensorNum"), i32("dir"), u8("offset"), i32("BMCInst")),
         FN(ZNAPI_SaveSensorTypeSEL, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"),
            u8("eventData3"), i32("BMCInst"), ref("recordId", u16r)),
-        FN(ZNAPI_SetSensorWS, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"), u8("eventData3"),
-           i32("BMCInst"), ref("recordID", u16r)),
-        FN(ZNAPI_GetSensorReading, S, i32("sensor"), st("SensorRead", "GetSensorReadingRes_T"), i32("BMCInst")),
+        FN(ZNAPI_SetSensorWS, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"),
+           u8("eventData3"), i32("BMCInst"), ref("recordID", u16r)),
+        FN(ZNAPI_GetSensorReading, S, i32("sensor"), st("SensorRead", "GetSensorReadingRes_T"),
+           i32("BMCInst")),
         FN(znpdklib_SetSensorWoS, S, u8("SensorNum"), u8("dir"), u8("offset"), i32("BMCInst")),
         FN(znpdklib_SetSensorWS, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"),
            u8("eventData3"), i32("BMCInst"), ref("recordID", u16r)),
@@ -173,7 +200,8 @@ std::vector<Function> build_table()
         FN(znpdklib_getConnectedInternalPortNo, T, i32("routerno"), arr("portno", PK::I32Arr, 10)),
         FN(znpdklib_isSmallScaleSystemConfiguration, T),
         FN(znpdklib_checkWaitEnableLogicalPort, Q, i32("routerno"), ref("waitLogicalPort", PK::U32Ref)),
-        FN(znpdklib_checkWaitEnableInternalLogicalPort, Q, i32("routerno"), ref("waitLogicalPort", PK::U32Ref)),
+        FN(znpdklib_checkWaitEnableInternalLogicalPort, Q, i32("routerno"),
+           ref("waitLogicalPort", PK::U32Ref)),
         FN(znpdklib_updateQuorPortStatus, Q, i32("routerno")),
         FN(znpdklib_checkBeaconErrorPort, Q, i32("routerno")),
         FN(znpdklib_clearQuorPortErrorStatus, Q, i32("routerno"), i32("lportno")),
@@ -274,7 +302,8 @@ size_t buffer_size(const Param& p, const ArgSpec& a)
 ArgSpec parse_arg(const Function& f, size_t index, const Node& v)
 {
     const Param& p = f.params[index];
-    const std::string what = f.name + " argument " + std::to_string(index) + " (" + p.name + ", " + kind_name(p.kind) + ")";
+    const std::string what =
+        f.name + " argument " + std::to_string(index) + " (" + p.name + ", " + kind_name(p.kind) + ")";
     ArgSpec a;
     auto whatc = what.c_str();
     switch (p.kind) {
@@ -494,7 +523,8 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
     }
     if (args.j == nullptr || args->is_null()) {
         if (!f.params.empty()) {
-            args.fail(f.name + " takes " + std::to_string(f.params.size()) + " arguments (" + names + "), none given");
+            args.fail(f.name + " takes " + std::to_string(f.params.size()) + " arguments (" + names +
+                      "), none given");
         }
         return specs;
     }
@@ -513,7 +543,8 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
         ObjReader r(args);
         for (size_t i = 0; i < f.params.size(); ++i) {
             if (!r.has(f.params[i].name)) {
-                args.fail(f.name + " argument \"" + f.params[i].name + "\" is missing (it takes " + names + ")");
+                args.fail(f.name + " argument \"" + f.params[i].name + "\" is missing (it takes " + names +
+                          ")");
             }
             specs.push_back(parse_arg(f, i, r.at(f.params[i].name)));
         }

@@ -7,7 +7,8 @@
 #include <cstdlib>
 #include <regex>
 
-namespace zcmd {
+namespace zcmd
+{
 
 std::string ptr_add(const std::string& ptr, const std::string& token)
 {
@@ -24,11 +25,20 @@ std::string ptr_add(const std::string& ptr, const std::string& token)
     return out;
 }
 
-std::string ptr_add(const std::string& ptr, size_t index) { return ptr + "/" + std::to_string(index); }
+std::string ptr_add(const std::string& ptr, size_t index)
+{
+    return ptr + "/" + std::to_string(index);
+}
 
-Node Node::at(size_t i) const { return Node{&(*j)[i], ptr_add(ptr, i)}; }
+Node Node::at(size_t i) const
+{
+    return Node{&(*j)[i], ptr_add(ptr, i)};
+}
 
-void Node::fail(const std::string& what) const { throw ScenarioError(ptr.empty() ? "/" : ptr, what); }
+void Node::fail(const std::string& what) const
+{
+    throw ScenarioError(ptr.empty() ? "/" : ptr, what);
+}
 
 ObjReader::ObjReader(const Node& n) : node_(n)
 {
@@ -37,7 +47,10 @@ ObjReader::ObjReader(const Node& n) : node_(n)
     }
 }
 
-bool ObjReader::has(const std::string& key) const { return node_->contains(key); }
+bool ObjReader::has(const std::string& key) const
+{
+    return node_->contains(key);
+}
 
 Node ObjReader::at(const std::string& key)
 {
@@ -65,7 +78,8 @@ void ObjReader::finish() const
     }
 }
 
-namespace {
+namespace
+{
 /* Splits an optional sign and radix prefix off integer text. */
 bool split_number(const std::string& s, bool& neg, int& base, std::string& digits)
 {
@@ -93,7 +107,10 @@ bool split_number(const std::string& s, bool& neg, int& base, std::string& digit
         return false;
     }
     for (char c : digits) {
-        int d = (c >= '0' && c <= '9') ? c - '0' : (c >= 'a' && c <= 'f') ? c - 'a' + 10 : (c >= 'A' && c <= 'F') ? c - 'A' + 10 : 99;
+        int d = (c >= '0' && c <= '9')   ? c - '0'
+                : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                : (c >= 'A' && c <= 'F') ? c - 'A' + 10
+                                         : 99;
         if (d >= base) {
             return false;
         }
@@ -132,12 +149,6 @@ bool parse_int_text(const std::string& s, int64_t& v)
     return true;
 }
 
-namespace {
-bool (*g_constant_names)(const std::string&, int64_t&) = nullptr;
-}
-
-void set_constant_names(bool (*lookup)(const std::string& name, int64_t& value)) { g_constant_names = lookup; }
-
 int64_t get_int(const Node& n, int64_t min, int64_t max, const char* what)
 {
     int64_t v = 0;
@@ -150,8 +161,7 @@ int64_t get_int(const Node& n, int64_t min, int64_t max, const char* what)
             ok = true;
         }
     } else if (n->is_string()) {
-        ok = parse_int_text(n->get<std::string>(), v) ||
-             (g_constant_names != nullptr && g_constant_names(n->get<std::string>(), v));
+        ok = parse_int_text(n->get<std::string>(), v) || constant_value(n->get<std::string>(), v);
     }
     if (!ok || v < min || v > max) {
         n.fail(std::string("expected ") + what + " (an integer from " + std::to_string(min) + " to " +
@@ -171,7 +181,8 @@ uint64_t get_uint(const Node& n, uint64_t max, const char* what)
         ok = parse_uint_text(n->get<std::string>(), v);
     }
     if (!ok || v > max) {
-        n.fail(std::string("expected ") + what + " (an integer from 0 to " + hex(max, 0) + "), got " + n->dump());
+        n.fail(std::string("expected ") + what + " (an integer from 0 to " + hex(max, 0) + "), got " +
+               n->dump());
     }
     return v;
 }
@@ -254,7 +265,8 @@ std::string text_position(const std::string& text, size_t byte)
     return "line " + std::to_string(line) + ", column " + std::to_string(col);
 }
 
-namespace {
+namespace
+{
 
 /* Walks a member path such as "a.b[2][1]" through seen JSON. */
 const json* walk(const json& seen, const std::string& path)
@@ -351,8 +363,8 @@ uint64_t as_bits(const json& j)
     return big ? u : static_cast<uint64_t>(v);
 }
 
-const std::set<std::string> kMatcherKeys = {"contains", "matches", "mask", "value", "any_bits",
-                                            "no_bits",  "not",     "one_of", "min",  "max"};
+const std::set<std::string> kMatcherKeys = {"contains", "matches", "mask",   "value", "any_bits",
+                                            "no_bits",  "not",     "one_of", "min",   "max"};
 
 bool is_matcher(const json& e)
 {
@@ -378,7 +390,8 @@ std::string show(const json& j)
 
 std::string differ(const std::string& path, const json& expected, const json& seen)
 {
-    return (path.empty() ? std::string() : path + ": ") + "expected " + show(expected) + ", seen " + show(seen);
+    return (path.empty() ? std::string() : path + ": ") + "expected " + show(expected) + ", seen " +
+           show(seen);
 }
 
 std::string match_scalar_matcher(const json& e, const json& seen, const std::string& path)
@@ -390,7 +403,8 @@ std::string match_scalar_matcher(const json& e, const json& seen, const std::str
         if (k == "contains") {
             ok = seen.is_string() && seen.get<std::string>().find(v.get<std::string>()) != std::string::npos;
         } else if (k == "matches") {
-            ok = seen.is_string() && std::regex_search(seen.get<std::string>(), std::regex(v.get<std::string>()));
+            ok = seen.is_string() &&
+                 std::regex_search(seen.get<std::string>(), std::regex(v.get<std::string>()));
         } else if (k == "mask") {
             ok = (as_bits(seen) & as_bits(v)) == as_bits(e.value("value", json(0)));
         } else if (k == "value") {
@@ -451,8 +465,8 @@ std::string match(const json& expected, const json& seen, const std::string& pat
             return differ(path, expected, seen);
         }
         if (expected.size() != seen.size()) {
-            return differ(path, expected, seen) + " (" + std::to_string(expected.size()) + " elements expected, " +
-                   std::to_string(seen.size()) + " seen)";
+            return differ(path, expected, seen) + " (" + std::to_string(expected.size()) +
+                   " elements expected, " + std::to_string(seen.size()) + " seen)";
         }
         for (size_t i = 0; i < expected.size(); ++i) {
             std::string d = match(expected[i], seen[i], path + "[" + std::to_string(i) + "]");
@@ -484,8 +498,19 @@ std::string match(const json& expected, const json& seen, const std::string& pat
     return differ(path, expected, seen);
 }
 
-void check_matcher(const Node& e)
+void check_matcher(const Node& e, bool scalar)
 {
+    if (scalar && (e->is_array() || (e->is_object() && !is_matcher(*e)))) {
+        for (auto it = e->is_object() ? e->begin() : e->end(); it != e->end(); ++it) {
+            if (!kMatcherKeys.count(it.key())) {
+                Node{&it.value(), ptr_add(e.ptr, it.key())}.fail(
+                    "unknown matcher \"" + it.key() +
+                    "\" (a single value is matched by a value or by contains, matches, mask/value, any_bits, "
+                    "no_bits, not, one_of, min, max)");
+            }
+        }
+        e.fail("expected a single value or a matcher, got " + e->dump());
+    }
     if (e->is_array()) {
         for (size_t i = 0; i < e->size(); ++i) {
             check_matcher(e.at(i));

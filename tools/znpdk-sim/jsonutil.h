@@ -11,19 +11,22 @@
 #include <string>
 #include <vector>
 
-namespace zcmd {
+namespace zcmd
+{
 
 using json = nlohmann::json;
 
 /* A mistake in a scenario file: `where` is the JSON pointer of the value. */
-class ScenarioError : public std::runtime_error {
-public:
-    ScenarioError(std::string where, const std::string& what) : std::runtime_error(what), where_(std::move(where))
+class ScenarioError : public std::runtime_error
+{
+  public:
+    ScenarioError(std::string where, const std::string& what)
+        : std::runtime_error(what), where_(std::move(where))
     {
     }
     const std::string& where() const { return where_; }
 
-private:
+  private:
     std::string where_;
 };
 
@@ -43,8 +46,9 @@ std::string ptr_add(const std::string& ptr, const std::string& token);
 std::string ptr_add(const std::string& ptr, size_t index);
 
 /* Reads the members of one object; finish() refuses members nobody asked for. */
-class ObjReader {
-public:
+class ObjReader
+{
+  public:
     explicit ObjReader(const Node& n);
     bool has(const std::string& key) const;
     Node at(const std::string& key);
@@ -53,7 +57,7 @@ public:
     void finish() const;
     const Node& node() const { return node_; }
 
-private:
+  private:
     Node node_;
     std::set<std::string> used_;
 };
@@ -66,8 +70,8 @@ bool get_bool(const Node& n, const char* what);
 /* Parses an integer written as text; false when the text is not one. */
 bool parse_int_text(const std::string& s, int64_t& v);
 bool parse_uint_text(const std::string& s, uint64_t& v);
-/* Names that integers may be given by ("COMPO_NODE", ...); consulted by get_int. */
-void set_constant_names(bool (*lookup)(const std::string& name, int64_t& value));
+/* Names that integers may be given by ("COMPO_NODE", "PROP_SETUP_INFO", ...). */
+bool constant_value(const std::string& name, int64_t& value);
 /* "0a 1b ..." or "0x0a1b..." as bytes; false when not hex. */
 bool parse_hex_bytes(const std::string& s, std::vector<uint8_t>& out);
 std::string hex_bytes(const uint8_t* p, size_t n);
@@ -87,8 +91,9 @@ std::string text_position(const std::string& text, size_t byte);
  * {"min": a, "max": b}. Returns "" on a match, else what differs.
  */
 std::string match(const json& expected, const json& seen, const std::string& path = "");
-/* Checks that an expected value only uses forms match() understands. */
-void check_matcher(const Node& expected);
+/* Checks that an expected value only uses forms match() understands;
+ * with `scalar` the value stands for a single number or text. */
+void check_matcher(const Node& expected, bool scalar = false);
 
 } // namespace zcmd
 

@@ -17,7 +17,8 @@
 #include "scenario.h"
 #include "znpdk_sim/sim.h"
 
-namespace {
+namespace
+{
 
 using namespace zcmd;
 
@@ -118,8 +119,8 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
         try {
             Scenario s = load_scenario(text, file == "-demo-" ? "(built-in)" : file);
             if (check_only) {
-                std::printf("%s: %s, %zu set-up steps, %zu steps\n", file.c_str(), s.name.c_str(), s.setup.size(),
-                            s.steps.size());
+                std::printf("%s: %s, %zu set-up steps, %zu steps\n", file.c_str(), s.name.c_str(),
+                            s.setup.size(), s.steps.size());
             } else {
                 rc = run_isolated(s, o);
             }
@@ -156,8 +157,8 @@ int list_fields(const std::string& name)
     if (name.empty()) {
         std::printf("records (\"record\" in scenarios):\n");
         for (const RecordKind& k : record_kinds()) {
-            std::printf("  %-8s key %d, %s (%zu bytes), on %s\n", k.name, k.key, k.type->name.c_str(), k.type->size,
-                        k.holder);
+            std::printf("  %-8s key %d, %s (%zu bytes), on %s\n", k.name, k.key, k.type->name.c_str(),
+                        k.type->size, k.holder);
         }
         std::printf("\nstructure types:\n");
         for (const Type* t : all_types()) {

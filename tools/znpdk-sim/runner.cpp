@@ -14,9 +14,11 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
-namespace {
+namespace
+{
 
 constexpr int kInstances = 18;
 constexpr int kLedSystem = 1; /* the chassis alarm LED of SYSTEM#0 */
@@ -64,7 +66,10 @@ std::string full_path(const std::string& path)
     return path.compare(0, 9, "/SYSTEM#0") == 0 ? path : "/SYSTEM#0" + path;
 }
 
-int component_id(const std::string& path) { return zsim::find_path(full_path(path)); }
+int component_id(const std::string& path)
+{
+    return zsim::find_path(full_path(path));
+}
 
 std::string instance_name(int inst)
 {
@@ -79,7 +84,10 @@ std::string instance_name(int inst)
 
 Runner::Runner(const Scenario& s, const Options& o) : opts_(o), t0_(s.start_time) {}
 
-uint32_t Runner::now() const { return zsim::now() - t0_; }
+uint32_t Runner::now() const
+{
+    return zsim::now() - t0_;
+}
 
 void Runner::fail(StepReport& r, const std::string& where, const std::string& what) const
 {
@@ -120,7 +128,8 @@ std::vector<json> Runner::ras_items(bool since_start) const
     std::vector<json> out;
     for (size_t i = from; i < all.size(); ++i) {
         json j = to_json(reinterpret_cast<const uint8_t*>(&all[i].info), whole(*find_type("splog_info")));
-        j["link"] = to_json(reinterpret_cast<const uint8_t*>(&all[i].link), whole(*find_type("splog_linkup_info")));
+        j["link"] =
+            to_json(reinterpret_cast<const uint8_t*>(&all[i].link), whole(*find_type("splog_linkup_info")));
         j["time"] = all[i].time - t0_;
         out.push_back(j);
     }
@@ -170,7 +179,8 @@ std::vector<json> Runner::reg_items(bool writes, bool since_start) const
     std::vector<json> out;
     for (size_t i = from; i < all.size(); ++i) {
         if (all[i].write == writes) {
-            out.push_back({{"cabinet", all[i].cabinet}, {"address", all[i].address}, {"value", all[i].value}});
+            out.push_back(
+                {{"cabinet", all[i].cabinet}, {"address", all[i].address}, {"value", all[i].value}});
         }
     }
     return out;
@@ -208,13 +218,14 @@ void Runner::diff(const Snapshot& a, const Snapshot& b, StepReport& r) const
             if (a.present[k] == b.present[k] && a.reading[k] == b.reading[k]) {
                 continue;
             }
-            std::string name = b.present[k] || a.present[k] ? zsim::sensor_name(i, static_cast<uint8_t>(n)) : "";
+            std::string name =
+                b.present[k] || a.present[k] ? zsim::sensor_name(i, static_cast<uint8_t>(n)) : "";
             Event e;
             e.t = r.t_end;
             e.order = kSensor;
             e.kind = "sensor";
             e.data = {{"inst", i}, {"num", n}, {"name", name}, {"old", a.reading[k]}, {"new", b.reading[k]}};
-            std::string what = !b.present[k]  ? "removed"
+            std::string what = !b.present[k]   ? "removed"
                                : !a.present[k] ? "defined, " + state_text(b.reading[k])
                                                : state_text(a.reading[k]) + " -> " + state_text(b.reading[k]);
             e.text = "sensor " + sensor_label(i, n) + (name.empty() ? "" : " " + name) + ": " + what;
@@ -236,7 +247,11 @@ void Runner::diff(const Snapshot& a, const Snapshot& b, StepReport& r) const
         e.t = r.t_end;
         e.order = kLed;
         e.kind = "led";
-        e.data = {{"type", COMPO_SYSTEM}, {"no", 0}, {"led", kLedSystem}, {"old", a.alarm_led}, {"new", b.alarm_led}};
+        e.data = {{"type", COMPO_SYSTEM},
+                  {"no", 0},
+                  {"led", kLedSystem},
+                  {"old", a.alarm_led},
+                  {"new", b.alarm_led}};
         auto name = [](int s) {
             return std::to_string(s) + (s == 1 ? " (off)" : s == 2 ? " (EPO)" : s == 3 ? " (error)" : "");
         };
@@ -269,10 +284,11 @@ void Runner::collect_logs(StepReport& r) const
             e.data["inst"] = i;
             std::string name = zsim::sensor_name(i, s.SensorNum);
             char buf[160];
-            std::snprintf(buf, sizeof buf, "SEL %d #%u: sensor 0x%02x%s%s type 0x%02x %s offset %d (data %02x %02x %02x)",
-                          i, s.hdr.ID, s.SensorNum, name.empty() ? "" : " ", name.c_str(), s.SensorType,
-                          (s.EvtDirType & 0x80) ? "deassert" : "assert", s.EvtData1 & 0x0F, s.EvtData1, s.EvtData2,
-                          s.EvtData3);
+            std::snprintf(buf, sizeof buf,
+                          "SEL %d #%u: sensor 0x%02x%s%s type 0x%02x %s offset %d (data %02x %02x %02x)", i,
+                          s.hdr.ID, s.SensorNum, name.empty() ? "" : " ", name.c_str(), s.SensorType,
+                          (s.EvtDirType & 0x80) ? "deassert" : "assert", s.EvtData1 & 0x0F, s.EvtData1,
+                          s.EvtData2, s.EvtData3);
             e.text = buf;
             r.events.push_back(e);
         }
@@ -287,8 +303,8 @@ void Runner::collect_logs(StepReport& r) const
         e.data = to_json(reinterpret_cast<const uint8_t*>(&li), whole(*find_type("splog_info")));
         e.data["link"] =
             to_json(reinterpret_cast<const uint8_t*>(&ras[k].link), whole(*find_type("splog_linkup_info")));
-        e.text = "RAS log " + std::string(li.ras_code, strnlen(li.ras_code, sizeof li.ras_code)) + " instance " +
-                 std::to_string(li.BMCInst);
+        e.text = "RAS log " + std::string(li.ras_code, strnlen(li.ras_code, sizeof li.ras_code)) +
+                 " instance " + std::to_string(li.BMCInst);
         bool pos = false;
         for (uint8_t b : li.part1_pos) {
             pos = pos || b != 0;
@@ -336,7 +352,8 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     }
 }
 
-namespace {
+namespace
+{
 
 void print_events(const StepReport& r, bool verbose)
 {
@@ -349,9 +366,7 @@ void print_events(const StepReport& r, bool verbose)
             per_inst[e.data["inst"].get<int>()]++;
         }
     }
-    auto collapsed = [&](int inst) {
-        return !verbose && (r.report == "summary" || per_inst[inst] > 12);
-    };
+    auto collapsed = [&](int inst) { return !verbose && (r.report == "summary" || per_inst[inst] > 12); };
     std::map<int, bool> said;
     for (const Event& e : r.events) {
         if (e.kind == "sensor") {
@@ -359,8 +374,8 @@ void print_events(const StepReport& r, bool verbose)
             if (collapsed(inst)) {
                 if (!said[inst]) {
                     said[inst] = true;
-                    std::printf("   t=%-5u instance %s: %d sensors changed\n", e.t, instance_name(inst).c_str(),
-                                per_inst[inst]);
+                    std::printf("   t=%-5u instance %s: %d sensors changed\n", e.t,
+                                instance_name(inst).c_str(), per_inst[inst]);
                 }
                 continue;
             }
@@ -397,7 +412,8 @@ void Runner::print_step(const StepReport& r) const
     std::fflush(stdout);
 }
 
-namespace {
+namespace
+{
 
 json step_json(const StepReport& r)
 {
@@ -489,12 +505,8 @@ int Runner::run(const Scenario& s)
     failed += static_cast<int>(end.failures.size());
     int passed = checks - failed < 0 ? 0 : checks - failed;
     if (opts_.json) {
-        json out = {{"scenario", s.name},
-                    {"file", s.file},
-                    {"description", s.description},
-                    {"steps", steps},
-                    {"expectations", checks},
-                    {"passed", passed},
+        json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
+                    {"steps", steps},     {"expectations", checks}, {"passed", passed},
                     {"failed", failed}};
         json f = json::array();
         for (const Failure& x : setup_report.failures) {
@@ -535,8 +547,8 @@ int run_scenario(const Scenario& s, const Options& o)
         bool as_json = o.json;
         zsim::set_trace_sink([t0, as_json](const zsim::TraceLine& t) {
             FILE* out = as_json ? stderr : stdout;
-            std::fprintf(out, "   trace t=%-4u %s 0x%08x L%04x R%d %s %s\n", t.time - t0, t.variant.c_str(), t.id,
-                         t.level, t.region, t.debug ? "(debug)" : "", t.text.c_str());
+            std::fprintf(out, "   trace t=%-4u %s 0x%08x L%04x R%d %s %s\n", t.time - t0, t.variant.c_str(),
+                         t.id, t.level, t.region, t.debug ? "(debug)" : "", t.text.c_str());
         });
     }
     int failed = run.run(s);

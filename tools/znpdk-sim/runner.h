@@ -9,7 +9,8 @@
 
 #include "scenario.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
 /* What the machine looked like, for reporting what changed. */
 struct Snapshot {
@@ -29,8 +30,9 @@ struct Marks {
     size_t regs = 0;
 };
 
-class Runner {
-public:
+class Runner
+{
+  public:
     Runner(const Scenario& s, const Options& o);
 
     /* Seconds since the scenario started (virtual clock). */
@@ -53,7 +55,7 @@ public:
     void fail(StepReport& r, const std::string& where, const std::string& what) const;
     int run(const Scenario& s);
 
-private:
+  private:
     void run_step(const Step& st, StepReport& r, bool quiet);
     Marks marks_now() const;
     Snapshot snapshot() const;

@@ -14,41 +14,30 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
-namespace {
+namespace
+{
 
 const char* const kSaveFile = "/var/nvrdisk/current/sensor/snsdata";
 
-bool constant_name(const std::string& name, int64_t& v)
+int inst_of(const Node& n)
 {
-    static const std::map<std::string, int64_t> props = {
-        {"PROP_SETUP_INFO", PROP_SETUP_INFO},         {"PROP_CURRENT_COMMON_INFO", PROP_CURRENT_COMMON_INFO},
-        {"PROP_CURRENT_INFO", PROP_CURRENT_INFO},     {"PROP_CURRENT_HARD_INFO", PROP_CURRENT_HARD_INFO},
-        {"DBGW_BMCFW_MODULE_COMMON0", 0},             {"DBGW_BMCFW_MODULE_BMCINIT", 8},
-        {"MBC_CABINET_BASE", 0},                      {"MBC_CABINET_GPIO", 1},
-    };
-    auto it = props.find(name);
-    if (it != props.end()) {
-        v = it->second;
-        return true;
-    }
-    std::string type = name.compare(0, 6, "COMPO_") == 0 ? name.substr(6) : name;
-    int t = zsim::type_from_name(type);
-    if (t > 0) {
-        v = t;
-        return true;
-    }
-    return false;
+    return static_cast<int>(get_int(n, 0, 17, "a BMC instance"));
 }
-
-int inst_of(const Node& n) { return static_cast<int>(get_int(n, 0, 17, "a BMC instance")); }
-uint8_t u8_of(const Node& n, const char* what) { return static_cast<uint8_t>(get_int(n, 0, 255, what)); }
+uint8_t u8_of(const Node& n, const char* what)
+{
+    return static_cast<uint8_t>(get_int(n, 0, 255, what));
+}
 uint32_t u32_of(const Node& n, const char* what)
 {
     return static_cast<uint32_t>(get_int(n, INT32_MIN, UINT32_MAX, what));
 }
-int i32_of(const Node& n, const char* what) { return static_cast<int>(get_int(n, INT32_MIN, INT32_MAX, what)); }
+int i32_of(const Node& n, const char* what)
+{
+    return static_cast<int>(get_int(n, INT32_MIN, INT32_MAX, what));
+}
 
 /* A component path checked for its form ("/SYSTEM#0/TYPE#n/..." or without the root). */
 std::string path_of(const Node& n)
@@ -229,7 +218,9 @@ HapAnswer parse_answer(const Node& n, const std::string& procedure, const std::s
             v.fail("result fields by name exist only for BOB_R_BOBC_PSUC (a psuc_all_t); use \"data\"");
         }
         std::vector<uint8_t> bytes(sizeof(psuc_all_t), 0);
-        std::memcpy(bytes.data(), a.data.data(), std::min(bytes.size(), a.data.size() * 4));
+        if (!a.data.empty()) {
+            std::memcpy(bytes.data(), a.data.data(), std::min(bytes.size(), a.data.size() * 4));
+        }
         fill(bytes.data(), *find_type("psuc_all_t"), v);
         a.data.assign(sizeof(psuc_all_t) / 4, 0);
         std::memcpy(a.data.data(), bytes.data(), bytes.size());
@@ -494,7 +485,8 @@ Action act_sensor(const Node& v, Step& st)
     st.text = "sensor " + std::to_string(inst) + "/" + hex(num, 2) + " reads " + hex(reading, 4);
     return [=](Runner& run, StepReport& rep) {
         if (!zsim::sensor_present(inst, num)) {
-            run.fail(rep, rep.where, "instance " + std::to_string(inst) + " has no sensor " + std::to_string(num));
+            run.fail(rep, rep.where,
+                     "instance " + std::to_string(inst) + " has no sensor " + std::to_string(num));
             return;
         }
         zsim::set_sensor_reading(inst, num, reading);
@@ -544,7 +536,8 @@ Action act_file(const Node& v, Step& st)
         remove = get_bool(rm, "true");
     }
     r.finish();
-    st.text = remove ? "file " + path + " removed" : "file " + path + " written (" + std::to_string(bytes.size()) + " bytes)";
+    st.text = remove ? "file " + path + " removed"
+                     : "file " + path + " written (" + std::to_string(bytes.size()) + " bytes)";
     return [=](Runner&, StepReport&) {
         if (remove) {
             zsim::remove_file(path);
@@ -580,10 +573,11 @@ Action act_hap(const Node& v, Step& st)
     st.text = "procedure " + procedure + (mode.empty() ? "" : " " + mode) + " scripted";
     return [=](Runner& run, StepReport&) {
         script->t0 = run.t0();
-        zsim::script_hap(procedure, mode,
-                         [script](const zsim::HapCall& call, uint32_t* data, splog_info* li, splog_linkup_info* ll) {
-                             return answer_call(*script, call, data, li, ll);
-                         });
+        zsim::script_hap(
+            procedure, mode,
+            [script](const zsim::HapCall& call, uint32_t* data, splog_info* li, splog_linkup_info* ll) {
+                return answer_call(*script, call, data, li, ll);
+            });
     };
 }
 
@@ -595,8 +589,8 @@ Action act_led(const Node& v, Step& st)
     int led = i32_of(r.at("led"), "an LED number");
     int state = i32_of(r.at("state"), "an LED state");
     r.finish();
-    st.text = "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" + std::to_string(no) + " set to " +
-              std::to_string(state);
+    st.text = "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" + std::to_string(no) +
+              " set to " + std::to_string(state);
     return [=](Runner&, StepReport&) { zsim::set_led(type, no, led, state); };
 }
 
@@ -621,7 +615,8 @@ Action act_psu_ctlinfo(const Node& v, Step& st)
         info = u32_of(n, "the control information word");
     }
     r.finish();
-    st.text = "PSU#" + std::to_string(psu) + " control information " + std::to_string(ret) + "/" + hex(info, 4);
+    st.text =
+        "PSU#" + std::to_string(psu) + " control information " + std::to_string(ret) + "/" + hex(info, 4);
     return [=](Runner&, StepReport&) { zsim::set_psu_ctlinfo(psu, ret, info); };
 }
 
@@ -671,7 +666,8 @@ Action act_inject(const Node& v, Step& st)
 {
     ObjReader r(v);
     if (v->size() != 1) {
-        v.fail("give one failure to inject: sel_add, sensor_mutex_lock, sensor_mutex_unlock, sem_open, sem_lock, "
+        v.fail("give one failure to inject: sel_add, sensor_mutex_lock, sensor_mutex_unlock, sem_open, "
+               "sem_lock, "
                "db_get_property, led_read, led_control, reg_read, reg_write or select_eintr");
     }
     std::string kind = v->begin().key();
@@ -718,7 +714,9 @@ Action act_inject(const Node& v, Step& st)
         }
         o.finish();
         bool read = kind == "led_read";
-        a = [=](Runner&, StepReport&) { read ? zsim::fail_led_read(on, ret) : zsim::fail_led_control(on, ret); };
+        a = [=](Runner&, StepReport&) {
+            read ? zsim::fail_led_read(on, ret) : zsim::fail_led_control(on, ret);
+        };
     } else if (kind == "reg_read" || kind == "reg_write") {
         ObjReader o(n);
         int err = i32_of(o.at("errno"), "an errno value");
@@ -728,7 +726,9 @@ Action act_inject(const Node& v, Step& st)
         }
         o.finish();
         bool read = kind == "reg_read";
-        a = [=](Runner&, StepReport&) { read ? zsim::fail_reg_read(err, count) : zsim::fail_reg_write(err, count); };
+        a = [=](Runner&, StepReport&) {
+            read ? zsim::fail_reg_read(err, count) : zsim::fail_reg_write(err, count);
+        };
     } else if (kind == "select_eintr") {
         ObjReader o(n);
         uint32_t after = static_cast<uint32_t>(get_int(o.at("after"), 0, 1000000, "seconds"));
@@ -804,12 +804,12 @@ void parse_list_members(ObjReader& r, ListSpec& l)
         if (n.j == nullptr) {
             continue;
         }
-        check_matcher(n);
+        check_matcher(n, std::strcmp(key, "count") == 0);
         if (std::strcmp(key, "count") != 0 && !n->is_array()) {
             n.fail(std::string("expected a list for \"") + key + "\"");
         }
         (std::strcmp(key, "count") == 0      ? l.count
-         : std::strcmp(key, "records") == 0 ? l.records
+         : std::strcmp(key, "records") == 0  ? l.records
          : std::strcmp(key, "contains") == 0 ? l.contains
                                              : l.absent) = *n;
     }
@@ -830,7 +830,8 @@ ListSpec parse_list(const Node& n)
     return l;
 }
 
-int check_list(Runner& run, StepReport& rep, const ListSpec& l, const std::vector<json>& items, const char* what)
+int check_list(Runner& run, StepReport& rep, const ListSpec& l, const std::vector<json>& items,
+               const char* what)
 {
     int checks = 0;
     auto listing = [&]() {
@@ -847,8 +848,8 @@ int check_list(Runner& run, StepReport& rep, const ListSpec& l, const std::vecto
         ++checks;
         if (!match(l.count, json(items.size())).empty()) {
             run.fail(rep, l.where + "/count",
-                     std::string(what) + ": expected " + l.count.dump() + ", seen " + std::to_string(items.size()) +
-                         listing());
+                     std::string(what) + ": expected " + l.count.dump() + ", seen " +
+                         std::to_string(items.size()) + listing());
         }
     }
     if (!l.records.is_null()) {
@@ -861,8 +862,8 @@ int check_list(Runner& run, StepReport& rep, const ListSpec& l, const std::vecto
             for (size_t i = 0; i < items.size(); ++i) {
                 std::string d = match(l.records[i], items[i]);
                 if (!d.empty()) {
-                    run.fail(rep, l.where + "/records/" + std::to_string(i), std::string(what) + " " +
-                                                                                 std::to_string(i) + ": " + d);
+                    run.fail(rep, l.where + "/records/" + std::to_string(i),
+                             std::string(what) + " " + std::to_string(i) + ": " + d);
                 }
             }
         }
@@ -909,7 +910,7 @@ void chk_ret(const Node& v, std::vector<Check>& checks, const Step& st)
     if (st.kind != "call") {
         v.fail("\"ret\" belongs to the expectations of a call");
     }
-    check_matcher(v);
+    check_matcher(v, true);
     json e = *v;
     std::string where = v.ptr;
     checks.push_back([=](Runner& run, StepReport& rep) {
@@ -934,7 +935,8 @@ void chk_out(const Node& v, std::vector<Check>& checks, const Step& st)
         for (auto it = e.begin(); it != e.end(); ++it) {
             ++rep.checks;
             if (!run.last_out.contains(it.key())) {
-                run.fail(rep, ptr_add(where, it.key()), "no value of " + it.key() + " was read back (null pointer?)");
+                run.fail(rep, ptr_add(where, it.key()),
+                         "no value of " + it.key() + " was read back (null pointer?)");
                 continue;
             }
             std::string d = match(it.value(), run.last_out[it.key()], it.key());
@@ -960,11 +962,11 @@ void chk_sensors(const Node& v, std::vector<Check>& checks, const Step&)
         uint8_t num = u8_of(r.at("num"), "a sensor number");
         json state, reading, present;
         if (Node s = r.opt("state"); s.j) {
-            check_matcher(s);
+            check_matcher(s, true);
             state = *s;
         }
         if (Node s = r.opt("reading"); s.j) {
-            check_matcher(s);
+            check_matcher(s, true);
             reading = *s;
         }
         if (Node s = r.opt("present"); s.j) {
@@ -1012,7 +1014,7 @@ void chk_saved_sensors(const Node& v, std::vector<Check>& checks, const Step&)
         json e = json::object();
         for (const char* k : {"reading", "flags", "level"}) {
             if (Node s = r.opt(k); s.j) {
-                check_matcher(s);
+                check_matcher(s, true);
                 e[k] = *s;
             }
         }
@@ -1023,8 +1025,9 @@ void chk_saved_sensors(const Node& v, std::vector<Check>& checks, const Step&)
             std::vector<uint8_t> f = zsim::read_file(kSaveFile);
             size_t at = static_cast<size_t>(inst) * 1024 + num * 4u;
             if (f.size() < at + 4) {
-                run.fail(rep, where, std::string("the save file ") + kSaveFile + " has " + std::to_string(f.size()) +
-                                         " bytes");
+                run.fail(rep, where,
+                         std::string("the save file ") + kSaveFile + " has " + std::to_string(f.size()) +
+                             " bytes");
                 return;
             }
             json seen = {{"reading", f[at] | (f[at + 1] << 8)}, {"flags", f[at + 2]}, {"level", f[at + 3]}};
@@ -1123,11 +1126,11 @@ void chk_files(const Node& v, std::vector<Check>& checks, const Step&)
             exists = get_bool(s, "true or false");
         }
         if (Node s = r.opt("size"); s.j) {
-            check_matcher(s);
+            check_matcher(s, true);
             size = *s;
         }
         if (Node s = r.opt("text"); s.j) {
-            check_matcher(s);
+            check_matcher(s, true);
             text = *s;
         }
         if (Node s = r.opt("hex"); s.j) {
@@ -1166,10 +1169,12 @@ void chk_files(const Node& v, std::vector<Check>& checks, const Step&)
                 d = match(text, json(std::string(f.begin(), f.end())), "text");
             }
             if (d.empty() && has_bytes) {
-                if (f.size() < at + bytes.size() || std::memcmp(f.data() + at, bytes.data(), bytes.size()) != 0) {
+                if (f.size() < at + bytes.size() ||
+                    std::memcmp(f.data() + at, bytes.data(), bytes.size()) != 0) {
                     size_t n2 = f.size() > at ? std::min(bytes.size(), f.size() - at) : 0;
-                    d = "bytes at " + std::to_string(at) + ": expected " + hex_bytes(bytes.data(), bytes.size()) +
-                        ", seen " + (n2 ? hex_bytes(f.data() + at, n2) : std::string("(end of file)"));
+                    d = "bytes at " + std::to_string(at) + ": expected " +
+                        hex_bytes(bytes.data(), bytes.size()) + ", seen " +
+                        (n2 ? hex_bytes(f.data() + at, n2) : std::string("(end of file)"));
                 }
             }
             if (!d.empty()) {
@@ -1191,7 +1196,7 @@ void chk_leds(const Node& v, std::vector<Check>& checks, const Step&)
         int no = i32_of(r.at("no"), "a component number");
         int led = i32_of(r.at("led"), "an LED number");
         Node s = r.at("state");
-        check_matcher(s);
+        check_matcher(s, true);
         json e = *s;
         r.finish();
         std::string where = n.ptr;
@@ -1200,7 +1205,8 @@ void chk_leds(const Node& v, std::vector<Check>& checks, const Step&)
             std::string d = match(e, json(zsim::led(type, no, led)), "state");
             if (!d.empty()) {
                 run.fail(rep, where,
-                         "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" + std::to_string(no) + " " + d);
+                         "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" +
+                             std::to_string(no) + " " + d);
             }
         });
     }
@@ -1217,7 +1223,7 @@ void chk_regs(const Node& v, std::vector<Check>& checks, const Step&)
         uint32_t cabinet = u32_of(r.at("cabinet"), "a cabinet");
         uint32_t address = u32_of(r.at("address"), "a register address");
         Node s = r.at("value");
-        check_matcher(s);
+        check_matcher(s, true);
         json e = *s;
         r.finish();
         std::string where = n.ptr;
@@ -1232,10 +1238,9 @@ void chk_regs(const Node& v, std::vector<Check>& checks, const Step&)
 }
 
 /* A number compared with one that the simulated platform counts. */
-template <typename F>
-void counter(const Node& v, std::vector<Check>& checks, const char* what, F seen)
+template <typename F> void counter(const Node& v, std::vector<Check>& checks, const char* what, F seen)
 {
-    check_matcher(v);
+    check_matcher(v, true);
     json e = *v;
     std::string where = v.ptr;
     checks.push_back([=](Runner& run, StepReport& rep) {
@@ -1268,11 +1273,11 @@ void chk_lock_violations(const Node& v, std::vector<Check>& c, const Step&)
     counter(v, c, "write-lock violations", [](Runner&) { return json(zsim::lock_violations().size()); });
 }
 
-template <typename F>
-void list_check(const Node& v, std::vector<Check>& checks, const char* what, F items)
+template <typename F> void list_check(const Node& v, std::vector<Check>& checks, const char* what, F items)
 {
     ListSpec l = parse_list(v);
-    checks.push_back([=](Runner& run, StepReport& rep) { rep.checks += check_list(run, rep, l, items(run, l), what); });
+    checks.push_back(
+        [=](Runner& run, StepReport& rep) { rep.checks += check_list(run, rep, l, items(run, l), what); });
 }
 
 void chk_sel(const Node& v, std::vector<Check>& checks, const Step&)
@@ -1304,19 +1309,23 @@ void chk_ras(const Node& v, std::vector<Check>& c, const Step&)
 }
 void chk_traces(const Node& v, std::vector<Check>& c, const Step&)
 {
-    list_check(v, c, "trace lines", [](Runner& r, const ListSpec& l) { return r.trace_items(l.since_start); });
+    list_check(v, c, "trace lines",
+               [](Runner& r, const ListSpec& l) { return r.trace_items(l.since_start); });
 }
 void chk_haps(const Node& v, std::vector<Check>& c, const Step&)
 {
-    list_check(v, c, "procedure calls", [](Runner& r, const ListSpec& l) { return r.hap_items(l.since_start); });
+    list_check(v, c, "procedure calls",
+               [](Runner& r, const ListSpec& l) { return r.hap_items(l.since_start); });
 }
 void chk_reg_writes(const Node& v, std::vector<Check>& c, const Step&)
 {
-    list_check(v, c, "register writes", [](Runner& r, const ListSpec& l) { return r.reg_items(true, l.since_start); });
+    list_check(v, c, "register writes",
+               [](Runner& r, const ListSpec& l) { return r.reg_items(true, l.since_start); });
 }
 void chk_reg_reads(const Node& v, std::vector<Check>& c, const Step&)
 {
-    list_check(v, c, "register reads", [](Runner& r, const ListSpec& l) { return r.reg_items(false, l.since_start); });
+    list_check(v, c, "register reads",
+               [](Runner& r, const ListSpec& l) { return r.reg_items(false, l.since_start); });
 }
 
 const std::map<std::string, CheckParser>& check_parsers()
@@ -1422,7 +1431,7 @@ Step parse_step(const Node& n, bool in_setup)
                     keys += (keys.empty() ? "" : ", ") + kv.first;
                 }
                 Node{&it.value(), ptr_add(e.ptr, it.key())}.fail("unknown expectation \"" + it.key() +
-                                                                  "\" (expectations: " + keys + ")");
+                                                                 "\" (expectations: " + keys + ")");
             }
             p->second(er.at(it.key()), st.checks, st);
         }
@@ -1448,15 +1457,13 @@ std::vector<Step> parse_steps(const Node& n, bool in_setup)
 
 Scenario load_scenario(const std::string& text, const std::string& file)
 {
-    set_constant_names(constant_name);
     json doc;
     try {
         doc = json::parse(text);
     } catch (const json::parse_error& e) {
         std::string msg = e.what();
         size_t cut = msg.find("syntax error");
-        throw ScenarioError(text_position(text, e.byte),
-                            cut == std::string::npos ? msg : msg.substr(cut));
+        throw ScenarioError(text_position(text, e.byte), cut == std::string::npos ? msg : msg.substr(cut));
     }
     Scenario s;
     s.file = file;

@@ -10,7 +10,8 @@
 
 #include "jsonutil.h"
 
-namespace zcmd {
+namespace zcmd
+{
 
 struct Options {
     bool json = false;
