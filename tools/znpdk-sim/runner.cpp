@@ -59,6 +59,46 @@ json sel_json(const SELEventRecord_T& rec)
     return to_json(reinterpret_cast<const uint8_t*>(&rec), whole(*find_type("SELEventRecord_T")));
 }
 
+/* A value for people: zero members left out, large numbers in hex. */
+json display(const json& j)
+{
+    if (j.is_object()) {
+        json out = json::object();
+        for (auto it = j.begin(); it != j.end(); ++it) {
+            json v = display(it.value());
+            if (!v.is_null()) {
+                out[it.key()] = v;
+            }
+        }
+        return out.empty() ? json() : out;
+    }
+    if (j.is_array()) {
+        json out = json::array();
+        bool any = false;
+        for (const json& e : j) {
+            json v = display(e);
+            any = any || !v.is_null();
+            out.push_back(v.is_null() ? json(0) : v);
+        }
+        return any ? out : json();
+    }
+    if (j.is_number_integer()) {
+        if (j.is_number_unsigned() && j.get<uint64_t>() == 0) {
+            return json();
+        }
+        if (j.is_number_unsigned() && j.get<uint64_t>() > 255) {
+            return hex(j.get<uint64_t>(), 0);
+        }
+        if (!j.is_number_unsigned() && j.get<int64_t>() == 0) {
+            return json();
+        }
+    }
+    if (j.is_string() && j.get<std::string>().empty()) {
+        return json();
+    }
+    return j;
+}
+
 } // namespace
 
 std::string full_path(const std::string& path)
@@ -395,7 +435,12 @@ void Runner::print_step(const StepReport& r) const
     if (r.has_call) {
         head += " = " + (r.ret.is_null() ? std::string("(void)") : r.ret.dump());
         if (!r.out.empty()) {
-            std::string out = r.out.dump();
+            json shown = json::object();
+            for (auto it = r.out.begin(); it != r.out.end(); ++it) {
+                json v = display(it.value());
+                shown[it.key()] = v.is_null() ? json(0) : v;
+            }
+            std::string out = shown.dump();
             head += "  out " + (out.size() > 240 ? out.substr(0, 237) + "..." : out);
         }
     }
