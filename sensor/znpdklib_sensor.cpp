@@ -26,8 +26,7 @@ __attribute__((visibility("default"))) int g_FileTransMonitor;
 #define SNS_DBG(fmt, ...)                                                                                    \
     IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, fmt, "znpdklib_sensor", __LINE__, ##__VA_ARGS__)
 
-namespace
-{
+namespace {
 
 constexpr int kInstances = BMC_INSTANCE_COUNT;
 constexpr int kChassisInst = 17;
@@ -368,9 +367,9 @@ INT8U znpdklib_exSetSensorWoS(INT8U SensorNum, INT8U offset, int BMCInst)
             return ZNAPI_SetSensorWoS(SensorNum, 1, offset, BMCInst);
         },
         [&] {
-            SNS_DBG("[%s:%d]znpdklib_exSetSensorWoS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d "
-                    "ret:%d",
-                    SensorNum, BMCInst, -1);
+            SNS_DBG(
+                "[%s:%d]znpdklib_exSetSensorWoS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d",
+                SensorNum, BMCInst, -1);
         });
 }
 
@@ -401,9 +400,9 @@ INT8U znpdklib_exSetSensorWS(INT8U SensorNum, INT8U eventData1, INT8U eventData2
             return ZNAPI_SetSensorWS(SensorNum, 1, eventData1, eventData2, eventData3, BMCInst, recordID);
         },
         [&] {
-            SNS_DBG("[%s:%d]znpdklib_exSetSensorWS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d "
-                    "ret:%d",
-                    SensorNum, BMCInst, -1);
+            SNS_DBG(
+                "[%s:%d]znpdklib_exSetSensorWS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d",
+                SensorNum, BMCInst, -1);
         });
 }
 

@@ -29,7 +29,8 @@ inline std::vector<std::string> dbg()
 }
 
 /* Sensor `num` of `inst` with flags 0x5A, level 0xA5 and owner LUN 7. */
-inline void def(int inst, uint8_t num, uint16_t reading, uint8_t evt = 0x6F, uint8_t oem = 0, uint8_t type = 7)
+inline void def(int inst, uint8_t num, uint16_t reading, uint8_t evt = 0x6F, uint8_t oem = 0,
+                uint8_t type = 7)
 {
     zsim::SensorDef d;
     d.inst = inst;

@@ -13,12 +13,9 @@ using sensortest::kSave;
 using sensortest::saved;
 using Lines = std::vector<std::string>;
 
-namespace
-{
+namespace {
 
-class Sensor : public EmptySimTest
-{
-};
+class Sensor : public EmptySimTest {};
 
 std::vector<uint8_t> sel_bytes(int inst)
 {

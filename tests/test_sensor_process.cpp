@@ -15,8 +15,7 @@ using sensortest::def;
 using sensortest::kSave;
 using Bytes = std::vector<uint8_t>;
 
-namespace
-{
+namespace {
 
 struct TempRoot {
     std::string path;
