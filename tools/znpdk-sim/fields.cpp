@@ -10,14 +10,11 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
-namespace
-{
+namespace {
 
-class Registry
-{
+class Registry {
   public:
     Registry();
     const Type* get(const std::string& name) const
@@ -561,8 +558,7 @@ void fill(uint8_t* base, const Type& t, const Node& v)
     from_json(base, whole(t), v);
 }
 
-namespace
-{
+namespace {
 /* Offsets are those of the first element of every array on the way. */
 void describe_into(const Type& t, const std::string& prefix, size_t base, std::vector<std::string>& out)
 {

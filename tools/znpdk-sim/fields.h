@@ -11,8 +11,7 @@
 
 #include "jsonutil.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
 enum class Scalar { U8, I8, U16, I16, U32, I32, U64, Char, Pointer };
 

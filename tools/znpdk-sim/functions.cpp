@@ -11,11 +11,9 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
-namespace
-{
+namespace {
 
 template <typename T> CType ctype_of()
 {

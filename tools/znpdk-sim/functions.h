@@ -12,8 +12,7 @@
 #include "fields.h"
 #include "jsonutil.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
 /* How a parameter is given in a scenario and read back. */
 enum class PK {

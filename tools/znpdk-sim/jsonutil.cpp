@@ -7,8 +7,7 @@
 #include <cstdlib>
 #include <regex>
 
-namespace zcmd
-{
+namespace zcmd {
 
 std::string ptr_add(const std::string& ptr, const std::string& token)
 {
@@ -78,8 +77,7 @@ void ObjReader::finish() const
     }
 }
 
-namespace
-{
+namespace {
 /* Splits an optional sign and radix prefix off integer text. */
 bool split_number(const std::string& s, bool& neg, int& base, std::string& digits)
 {
@@ -265,8 +263,7 @@ std::string text_position(const std::string& text, size_t byte)
     return "line " + std::to_string(line) + ", column " + std::to_string(col);
 }
 
-namespace
-{
+namespace {
 
 /* Walks a member path such as "a.b[2][1]" through seen JSON. */
 const json* walk(const json& seen, const std::string& path)

@@ -11,14 +11,12 @@
 #include <string>
 #include <vector>
 
-namespace zcmd
-{
+namespace zcmd {
 
 using json = nlohmann::json;
 
 /* A mistake in a scenario file: `where` is the JSON pointer of the value. */
-class ScenarioError : public std::runtime_error
-{
+class ScenarioError : public std::runtime_error {
   public:
     ScenarioError(std::string where, const std::string& what)
         : std::runtime_error(what), where_(std::move(where))
@@ -46,8 +44,7 @@ std::string ptr_add(const std::string& ptr, const std::string& token);
 std::string ptr_add(const std::string& ptr, size_t index);
 
 /* Reads the members of one object; finish() refuses members nobody asked for. */
-class ObjReader
-{
+class ObjReader {
   public:
     explicit ObjReader(const Node& n);
     bool has(const std::string& key) const;

@@ -17,8 +17,7 @@
 #include "scenario.h"
 #include "znpdk_sim/sim.h"
 
-namespace
-{
+namespace {
 
 using namespace zcmd;
 

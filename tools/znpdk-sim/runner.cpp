@@ -14,11 +14,9 @@
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
-namespace
-{
+namespace {
 
 constexpr int kInstances = 18;
 constexpr int kLedSystem = 1; /* the chassis alarm LED of SYSTEM#0 */
@@ -392,8 +390,7 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     }
 }
 
-namespace
-{
+namespace {
 
 void print_events(const StepReport& r, bool verbose)
 {
@@ -457,8 +454,7 @@ void Runner::print_step(const StepReport& r) const
     std::fflush(stdout);
 }
 
-namespace
-{
+namespace {
 
 json step_json(const StepReport& r)
 {

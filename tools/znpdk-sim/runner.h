@@ -9,8 +9,7 @@
 
 #include "scenario.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
 /* What the machine looked like, for reporting what changed. */
 struct Snapshot {
@@ -30,8 +29,7 @@ struct Marks {
     size_t regs = 0;
 };
 
-class Runner
-{
+class Runner {
   public:
     Runner(const Scenario& s, const Options& o);
 

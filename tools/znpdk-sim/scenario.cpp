@@ -11,14 +11,13 @@
 #include "fields.h"
 #include "functions.h"
 #include "runner.h"
+#include "znpdk_sim/quor.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
-namespace
-{
+namespace {
 
 const char* const kSaveFile = "/var/nvrdisk/current/sensor/snsdata";
 
@@ -745,6 +744,82 @@ Action act_inject(const Node& v, Step& st)
     return a;
 }
 
+/* ---- Hardware models ------------------------------------------------------ */
+
+Action act_router(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    int router = static_cast<int>(get_int(r.at("router"), 0, 15, "a router number"));
+    std::vector<Action> parts;
+    std::string text = "ROUTER#" + std::to_string(router) + ":";
+    if (Node n = r.opt("online_mask"); n.j) {
+        uint32_t mask = static_cast<uint32_t>(get_int(n, 0, 0x3FF, "a mask of online physical ports"));
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_router_online_mask(router, mask); });
+        text += " online ports " + hex(mask, 3);
+    }
+    if (Node n = r.opt("port_online"); n.j) {
+        ObjReader o(n);
+        int pport = static_cast<int>(get_int(o.at("pport"), 0, 9, "a physical port"));
+        uint8_t online = u8_of(o.at("online"), "the online byte (1 = online)");
+        o.finish();
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_router_port_online(router, pport, online); });
+        text += " port " + std::to_string(pport) + " online=" + std::to_string(online);
+    }
+    if (Node n = r.opt("port_config"); n.j) {
+        uint32_t cfg = u32_of(n, "the portConfig word");
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_router_port_config(router, cfg); });
+        text += " portConfig " + hex(cfg, 2);
+    }
+    if (Node n = r.opt("link_status"); n.j) {
+        if (!n->is_object()) {
+            n.fail("expected the link status words by physical port, such as {\"2\": \"0x4\"}");
+        }
+        ObjReader o(n);
+        for (auto it = n->begin(); it != n->end(); ++it) {
+            Node w = o.at(it.key());
+            uint64_t port = 0;
+            if (!parse_uint_text(it.key(), port) || port > 9) {
+                w.fail("\"" + it.key() + "\" is not a physical port (0 to 9)");
+            }
+            uint32_t status = u32_of(w, "a link status word");
+            parts.push_back(
+                [=](Runner&, StepReport&) { zsim::set_link_status(router, static_cast<int>(port), status); });
+            text += " link " + it.key() + "=" + hex(status, 2);
+        }
+    }
+    if (Node n = r.opt("link_check_result"); n.j) {
+        int code = i32_of(n, "a result code");
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_link_check_result(router, code); });
+        text += " link check answers " + std::to_string(code);
+    }
+    if (Node n = r.opt("link_up_result"); n.j) {
+        int code = i32_of(n, "a result code");
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_link_up_result(router, code); });
+        text += " link-up answers " + std::to_string(code);
+    }
+    r.finish();
+    if (parts.empty()) {
+        v.fail("say what changes: online_mask, port_online, port_config, link_status, link_check_result or "
+               "link_up_result");
+    }
+    st.text = text;
+    return [parts](Runner& run, StepReport& rep) {
+        for (const Action& a : parts) {
+            a(run, rep);
+        }
+    };
+}
+
+Action act_quor_space(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    int8_t z0 = static_cast<int8_t>(get_int(r.at("z0"), -128, 127, "quorSpace[0].Z"));
+    int8_t z1 = static_cast<int8_t>(get_int(r.at("z1"), -128, 127, "quorSpace[1].Z"));
+    r.finish();
+    st.text = "interconnect space Z " + std::to_string(z0) + " to " + std::to_string(z1);
+    return [=](Runner&, StepReport&) { zsim::set_quor_space_z(z0, z1); };
+}
+
 const std::map<std::string, ActionParser>& action_parsers()
 {
     static const std::map<std::string, ActionParser> p = {
@@ -770,6 +845,8 @@ const std::map<std::string, ActionParser>& action_parsers()
         {"clear_sensor_list", act_clear_sensor_list},
         {"slave_addr", act_slave_addr},
         {"inject", act_inject},
+        {"router", act_router},
+        {"quor_space", act_quor_space},
     };
     return p;
 }
@@ -1328,6 +1405,23 @@ void chk_reg_reads(const Node& v, std::vector<Check>& c, const Step&)
                [](Runner& r, const ListSpec& l) { return r.reg_items(false, l.since_start); });
 }
 
+void chk_link_ups(const Node& v, std::vector<Check>& checks, const Step&)
+{
+    ObjReader r(v);
+    int router = static_cast<int>(get_int(r.at("router"), 0, 15, "a router number"));
+    ListSpec l;
+    parse_list_members(r, l);
+    r.finish();
+    std::string what = "link-up calls on ROUTER#" + std::to_string(router);
+    checks.push_back([=](Runner& run, StepReport& rep) {
+        std::vector<json> items;
+        for (const zsim::LinkUpCall& c : zsim::link_up_calls(router)) {
+            items.push_back({{"target", c.target}, {"option", c.option}});
+        }
+        rep.checks += check_list(run, rep, l, items, what.c_str());
+    });
+}
+
 const std::map<std::string, CheckParser>& check_parsers()
 {
     static const std::map<std::string, CheckParser> p = {
@@ -1351,6 +1445,7 @@ const std::map<std::string, CheckParser>& check_parsers()
         {"time", chk_time},
         {"clear_sensor_list_calls", chk_csl_calls},
         {"lock_violations", chk_lock_violations},
+        {"link_up_calls", chk_link_ups},
     };
     return p;
 }

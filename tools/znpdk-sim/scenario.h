@@ -10,8 +10,7 @@
 
 #include "jsonutil.h"
 
-namespace zcmd
-{
+namespace zcmd {
 
 struct Options {
     bool json = false;
