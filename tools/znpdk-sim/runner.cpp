@@ -403,7 +403,9 @@ void print_events(const StepReport& r, bool verbose)
             per_inst[e.data["inst"].get<int>()]++;
         }
     }
-    auto collapsed = [&](int inst) { return !verbose && (r.report == "summary" || per_inst[inst] > 12); };
+    auto collapsed = [&](int inst) {
+        return !verbose && (r.report == "summary" || (r.report == "auto" && per_inst[inst] > 12));
+    };
     std::map<int, bool> said;
     for (const Event& e : r.events) {
         if (e.kind == "sensor") {

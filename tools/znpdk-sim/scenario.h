@@ -38,7 +38,7 @@ struct StepReport {
     std::string where;
     std::string label;
     std::string text; /* what the step did */
-    std::string report = "full";
+    std::string report = "auto";
     uint32_t t_start = 0;
     uint32_t t_end = 0;
     bool has_call = false;
@@ -59,7 +59,7 @@ struct Step {
     std::string label;
     std::string kind;
     std::string text;
-    std::string report = "full";
+    std::string report = "auto";
     bool background = false;
     Action action;
     std::vector<Check> checks;
