@@ -12,6 +12,15 @@
 #include "functions.h"
 #include "runner.h"
 #include "znpdk_sim/quor.h"
+/* The PSU and fan models come with their branches; their actions exist when they do. */
+#if __has_include("znpdk_sim/psu.h")
+#include "znpdk_sim/psu.h"
+#define ZNPDK_SIM_HAS_PSU_MODEL 1
+#endif
+#if __has_include("znpdk_sim/fan.h")
+#include "znpdk_sim/fan.h"
+#define ZNPDK_SIM_HAS_FAN_MODEL 1
+#endif
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
@@ -746,6 +755,16 @@ Action act_inject(const Node& v, Step& st)
 
 /* ---- Hardware models ------------------------------------------------------ */
 
+/* Runs the parts of a model action in order. */
+Action sequence(std::vector<Action> parts)
+{
+    return [parts](Runner& run, StepReport& rep) {
+        for (const Action& a : parts) {
+            a(run, rep);
+        }
+    };
+}
+
 Action act_router(const Node& v, Step& st)
 {
     ObjReader r(v);
@@ -803,11 +822,7 @@ Action act_router(const Node& v, Step& st)
                "link_up_result");
     }
     st.text = text;
-    return [parts](Runner& run, StepReport& rep) {
-        for (const Action& a : parts) {
-            a(run, rep);
-        }
-    };
+    return sequence(parts);
 }
 
 Action act_quor_space(const Node& v, Step& st)
@@ -819,6 +834,145 @@ Action act_quor_space(const Node& v, Step& st)
     st.text = "interconnect space Z " + std::to_string(z0) + " to " + std::to_string(z1);
     return [=](Runner&, StepReport&) { zsim::set_quor_space_z(z0, z1); };
 }
+
+#ifdef ZNPDK_SIM_HAS_PSU_MODEL
+Action act_psu(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    std::vector<Action> parts;
+    std::string text;
+    if (Node f = r.opt("fail_read"); f.j) {
+        ObjReader o(f);
+        int code = i32_of(o.at("code"), "a result code");
+        int count = 1;
+        if (Node c = o.opt("count"); c.j) {
+            count = i32_of(c, "a number of reads (-1 = every read)");
+        }
+        o.finish();
+        parts.push_back([=](Runner&, StepReport&) { zsim::fail_psuc_read(code, count); });
+        text = "PSU controller reads fail with " + std::to_string(code);
+    }
+    if (Node n = r.opt("psu"); n.j) {
+        int psu = static_cast<int>(get_int(n, 0, 17, "a PSU number"));
+        text = "PSU#" + std::to_string(psu) + ":";
+        for (const char* bit : {"present", "acok", "pson"}) {
+            if (Node b = r.opt(bit); b.j) {
+                bool on = get_bool(b, "true or false");
+                std::string k = bit;
+                parts.push_back([=](Runner&, StepReport&) {
+                    k == "present" ? zsim::set_psu_present(psu, on)
+                    : k == "acok"  ? zsim::set_psu_acok(psu, on)
+                                   : zsim::set_psu_pson(psu, on);
+                });
+                text += " " + k + (on ? " on" : " off");
+            }
+        }
+        if (Node f = r.opt("fru_status"); f.j) {
+            uint32_t fs = static_cast<uint32_t>(get_int(f, 0, 15, "a FRU status nibble"));
+            parts.push_back([=](Runner&, StepReport&) { zsim::set_psu_fru_status(psu, fs); });
+            text += " FRU status " + hex(fs, 1);
+        }
+    }
+    if (Node h = r.opt("healthy"); h.j) {
+        get_bool(h, "true");
+        parts.push_back([](Runner&, StepReport&) { zsim::reset_psuc_image(); });
+        text = "every PSU healthy again";
+    }
+    r.finish();
+    if (parts.empty()) {
+        v.fail(
+            "say what changes: \"psu\" with present, acok, pson, fru_status; \"fail_read\"; or \"healthy\"");
+    }
+    st.text = text;
+    return sequence(parts);
+}
+#endif
+
+#ifdef ZNPDK_SIM_HAS_FAN_MODEL
+Action act_fan(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    std::vector<Action> parts;
+    std::string text;
+    if (Node n = r.opt("fan"); n.j) {
+        int fan = static_cast<int>(get_int(n, 0, 7, "a fan index (FANU = index / 2, FAN = index % 2)"));
+        text = "fan " + std::to_string(fan) + " (/FANU#" + std::to_string(fan / 2) + "/FAN#" +
+               std::to_string(fan % 2) + "):";
+        if (Node b = r.opt("stall"); b.j) {
+            get_bool(b, "true");
+            parts.push_back([=](Runner&, StepReport&) { zsim::fan_stall(fan); });
+            text += " stalls";
+        }
+        if (Node b = r.opt("slow"); b.j) {
+            uint32_t speed = u32_of(b, "the highest speed the fan reaches");
+            parts.push_back([=](Runner&, StepReport&) { zsim::fan_slow(fan, speed); });
+            text += " turns at most " + std::to_string(speed);
+        }
+        if (Node b = r.opt("spin_up"); b.j) {
+            uint32_t secs = u32_of(b, "seconds to settle");
+            parts.push_back([=](Runner&, StepReport&) { zsim::fan_spin_up(fan, secs); });
+            text += " settles in " + std::to_string(secs) + " s";
+        }
+        if (Node b = r.opt("replace"); b.j) {
+            get_bool(b, "true");
+            parts.push_back([=](Runner&, StepReport&) { zsim::fan_replace(fan); });
+            text += " replaced by a new fan";
+        }
+    }
+    if (Node b = r.opt("power_on"); b.j) {
+        get_bool(b, "true");
+        parts.push_back([](Runner&, StepReport&) { zsim::fan_power_on(); });
+        text += (text.empty() ? "" : ", ") + std::string("fans powered on");
+    }
+    if (Node b = r.opt("fanc_error"); b.j) {
+        uint32_t w = u32_of(b, "the FANC error word");
+        parts.push_back([=](Runner&, StepReport&) { zsim::set_fanc_error(w); });
+        text += (text.empty() ? "" : ", ") + std::string("FANC error word ") + hex(w, 2);
+    }
+    if (Node f = r.opt("fail_read"); f.j) {
+        ObjReader o(f);
+        int ret = i32_of(o.at("ret"), "a result code");
+        uint32_t err = 0;
+        if (Node e = o.opt("fanc_error"); e.j) {
+            err = u32_of(e, "the FANC error word");
+        }
+        int count = 1;
+        if (Node c = o.opt("count"); c.j) {
+            count = static_cast<int>(get_int(c, 1, 1000000, "a number of reads"));
+        }
+        o.finish();
+        parts.push_back([=](Runner&, StepReport&) { zsim::fail_fan_read(ret, err, count); });
+        text += (text.empty() ? "" : ", ") + std::string("fan speed reads fail with ") + std::to_string(ret);
+    }
+    if (Node f = r.opt("fail_speed_change"); f.j) {
+        ObjReader o(f);
+        std::string mode = get_string(o.at("mode"), "MAX_FANSPEED or RESTORE_FANSPEED");
+        if (mode != "MAX_FANSPEED" && mode != "RESTORE_FANSPEED") {
+            o.at("mode").fail("expected \"MAX_FANSPEED\" or \"RESTORE_FANSPEED\"");
+        }
+        int ret = i32_of(o.at("ret"), "a result code");
+        uint32_t data = 0;
+        if (Node d = o.opt("data"); d.j) {
+            data = u32_of(d, "the result word");
+        }
+        int count = 1;
+        if (Node c = o.opt("count"); c.j) {
+            count = static_cast<int>(get_int(c, 1, 1000000, "a number of calls"));
+        }
+        o.finish();
+        parts.push_back([=](Runner&, StepReport&) { zsim::fail_fan_speed_change(mode, ret, data, count); });
+        text += (text.empty() ? "" : ", ") + mode + " fails with " + std::to_string(ret);
+    }
+    r.finish();
+    if (parts.empty()) {
+        v.fail(
+            "say what changes: \"fan\" with stall, slow, spin_up or replace; power_on; fanc_error; fail_read; "
+            "fail_speed_change");
+    }
+    st.text = text;
+    return sequence(parts);
+}
+#endif
 
 const std::map<std::string, ActionParser>& action_parsers()
 {
@@ -847,6 +1001,12 @@ const std::map<std::string, ActionParser>& action_parsers()
         {"inject", act_inject},
         {"router", act_router},
         {"quor_space", act_quor_space},
+#ifdef ZNPDK_SIM_HAS_PSU_MODEL
+        {"psu", act_psu},
+#endif
+#ifdef ZNPDK_SIM_HAS_FAN_MODEL
+        {"fan", act_fan},
+#endif
     };
     return p;
 }
@@ -1422,6 +1582,40 @@ void chk_link_ups(const Node& v, std::vector<Check>& checks, const Step&)
     });
 }
 
+#ifdef ZNPDK_SIM_HAS_FAN_MODEL
+void chk_fans(const Node& v, std::vector<Check>& checks, const Step&)
+{
+    ObjReader r(v);
+    json speeds, full;
+    if (Node n = r.opt("speeds"); n.j) {
+        if (!n->is_array()) {
+            n.fail("expected the speeds of fan index 0 to 7 as a list");
+        }
+        check_matcher(n);
+        speeds = *n;
+    }
+    if (Node n = r.opt("full_speed"); n.j) {
+        full = get_bool(n, "true or false");
+    }
+    r.finish();
+    std::string where = v.ptr;
+    checks.push_back([=](Runner& run, StepReport& rep) {
+        ++rep.checks;
+        json seen = json::array();
+        for (int i = 0; i < 8; ++i) {
+            seen.push_back(zsim::fan_speed(i));
+        }
+        std::string d = speeds.is_null() ? "" : match(speeds, seen, "speeds");
+        if (d.empty() && !full.is_null()) {
+            d = match(full, json(zsim::fan_full_speed()), "full_speed");
+        }
+        if (!d.empty()) {
+            run.fail(rep, where, "fans " + d);
+        }
+    });
+}
+#endif
+
 const std::map<std::string, CheckParser>& check_parsers()
 {
     static const std::map<std::string, CheckParser> p = {
@@ -1446,6 +1640,9 @@ const std::map<std::string, CheckParser>& check_parsers()
         {"clear_sensor_list_calls", chk_csl_calls},
         {"lock_violations", chk_lock_violations},
         {"link_up_calls", chk_link_ups},
+#ifdef ZNPDK_SIM_HAS_FAN_MODEL
+        {"fans", chk_fans},
+#endif
     };
     return p;
 }
