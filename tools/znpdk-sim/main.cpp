@@ -41,7 +41,8 @@ const char* const kUsage =
     "  --keep-root DIR      run in DIR and keep the machine's files there\n"
     "\n"
     "exit status: 0 all expectations held, 1 some failed, 2 a scenario could not be read,\n"
-    "3 a run crashed. The scenario format is described in docs/scenarios.md.\n";
+    "3 a run crashed, 4 a scenario calls functions the library does not export (not run).\n"
+    "The scenario format is described in docs/scenarios.md.\n";
 
 bool read_file(const std::string& path, std::string& text)
 {
@@ -82,6 +83,12 @@ int run_isolated(const Scenario& s, const Options& o)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 3;
 }
 
+/* A scenario that did not run matters less than one that failed. */
+int severity(int rc)
+{
+    return rc == kExitMissingFunctions ? 1 : rc == 0 ? 0 : rc + 1;
+}
+
 void report_error(const std::string& file, const ScenarioError& e, bool as_json)
 {
     if (as_json) {
@@ -112,7 +119,7 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
             if (o.json && !check_only) {
                 std::cout << json({{"file", file}, {"error", {{"message", "cannot read the file"}}}}).dump(2);
             }
-            worst = std::max(worst, 2);
+            worst = severity(2) > severity(worst) ? 2 : worst;
             continue;
         }
         try {
@@ -120,6 +127,17 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
             if (check_only) {
                 std::printf("%s: %s, %zu set-up steps, %zu steps\n", file.c_str(), s.name.c_str(),
                             s.setup.size(), s.steps.size());
+            } else if (std::vector<std::string> missing = missing_functions(s); !missing.empty()) {
+                std::string names;
+                for (const std::string& m : missing) {
+                    names += (names.empty() ? "" : ", ") + m;
+                }
+                std::fprintf(stderr, "%s: not run: it needs %s, missing from this build\n", file.c_str(),
+                             names.c_str());
+                if (o.json) {
+                    std::cout << json({{"file", file}, {"skipped", missing}}).dump(2) << std::endl;
+                }
+                rc = kExitMissingFunctions;
             } else {
                 rc = run_isolated(s, o);
             }
@@ -130,7 +148,7 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
             std::fprintf(stderr, "%s: %s\n", file.c_str(), e.what());
             rc = 2;
         }
-        worst = rc > worst ? rc : worst;
+        worst = severity(rc) > severity(worst) ? rc : worst;
     }
     if (o.json && !check_only) {
         std::cout << "]" << std::endl;

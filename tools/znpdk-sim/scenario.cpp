@@ -2,6 +2,8 @@
  * the file is read, and turned into a closure that the runner calls. */
 #include "scenario.h"
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -974,6 +976,17 @@ Action act_fan(const Node& v, Step& st)
 }
 #endif
 
+#if !defined(ZNPDK_SIM_HAS_PSU_MODEL) || !defined(ZNPDK_SIM_HAS_FAN_MODEL)
+/* A model action of a platform built without that model: the scenario
+ * cannot run here (it is reported as not run, not as wrong). */
+Action act_missing_model(const Node& v, Step& st)
+{
+    st.needs = v.ptr.substr(v.ptr.rfind('/') + 1) + " model of the simulated platform";
+    st.text = "(" + st.needs + " missing)";
+    return {};
+}
+#endif
+
 const std::map<std::string, ActionParser>& action_parsers()
 {
     static const std::map<std::string, ActionParser> p = {
@@ -1003,9 +1016,13 @@ const std::map<std::string, ActionParser>& action_parsers()
         {"quor_space", act_quor_space},
 #ifdef ZNPDK_SIM_HAS_PSU_MODEL
         {"psu", act_psu},
+#else
+        {"psu", act_missing_model},
 #endif
 #ifdef ZNPDK_SIM_HAS_FAN_MODEL
         {"fan", act_fan},
+#else
+        {"fan", act_missing_model},
 #endif
     };
     return p;
@@ -1140,9 +1157,9 @@ int check_list(Runner& run, StepReport& rep, const ListSpec& l, const std::vecto
     return checks;
 }
 
-using CheckParser = void (*)(const Node& value, std::vector<Check>& checks, const Step& step);
+using CheckParser = void (*)(const Node& value, std::vector<Check>& checks, Step& step);
 
-void chk_ret(const Node& v, std::vector<Check>& checks, const Step& st)
+void chk_ret(const Node& v, std::vector<Check>& checks, Step& st)
 {
     if (st.kind != "call") {
         v.fail("\"ret\" belongs to the expectations of a call");
@@ -1159,7 +1176,7 @@ void chk_ret(const Node& v, std::vector<Check>& checks, const Step& st)
     });
 }
 
-void chk_out(const Node& v, std::vector<Check>& checks, const Step& st)
+void chk_out(const Node& v, std::vector<Check>& checks, Step& st)
 {
     if (st.kind != "call") {
         v.fail("\"out\" belongs to the expectations of a call");
@@ -1187,7 +1204,7 @@ void chk_out(const Node& v, std::vector<Check>& checks, const Step& st)
     }
 }
 
-void chk_sensors(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_sensors(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of sensors");
@@ -1238,7 +1255,7 @@ void chk_sensors(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_saved_sensors(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_saved_sensors(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of saved sensor entries");
@@ -1276,7 +1293,7 @@ void chk_saved_sensors(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_records(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_records(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of records");
@@ -1321,7 +1338,7 @@ void chk_records(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_flags_area(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_flags_area(const Node& v, std::vector<Check>& checks, Step&)
 {
     ObjReader r(v);
     for (auto it = v->begin(); it != v->end(); ++it) {
@@ -1346,7 +1363,7 @@ void chk_flags_area(const Node& v, std::vector<Check>& checks, const Step&)
     });
 }
 
-void chk_files(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_files(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of files");
@@ -1421,7 +1438,7 @@ void chk_files(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_leds(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_leds(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of LEDs");
@@ -1449,7 +1466,7 @@ void chk_leds(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_regs(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_regs(const Node& v, std::vector<Check>& checks, Step&)
 {
     if (!v->is_array()) {
         v.fail("expected a list of registers");
@@ -1489,23 +1506,23 @@ template <typename F> void counter(const Node& v, std::vector<Check>& checks, co
     });
 }
 
-void chk_threads(const Node& v, std::vector<Check>& c, const Step&)
+void chk_threads(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "library threads running", [](Runner&) { return json(zsim::library_threads_running()); });
 }
-void chk_time(const Node& v, std::vector<Check>& c, const Step&)
+void chk_time(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "time", [](Runner& r) { return json(r.now()); });
 }
-void chk_led_calls(const Node& v, std::vector<Check>& c, const Step&)
+void chk_led_calls(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "LED control calls", [](Runner&) { return json(zsim::led_control_calls()); });
 }
-void chk_csl_calls(const Node& v, std::vector<Check>& c, const Step&)
+void chk_csl_calls(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "clear-sensor list calls", [](Runner&) { return json(zsim::clear_sensor_list_calls()); });
 }
-void chk_lock_violations(const Node& v, std::vector<Check>& c, const Step&)
+void chk_lock_violations(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "write-lock violations", [](Runner&) { return json(zsim::lock_violations().size()); });
 }
@@ -1517,7 +1534,7 @@ template <typename F> void list_check(const Node& v, std::vector<Check>& checks,
         [=](Runner& run, StepReport& rep) { rep.checks += check_list(run, rep, l, items(run, l), what); });
 }
 
-void chk_sel(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_sel(const Node& v, std::vector<Check>& checks, Step&)
 {
     std::vector<Node> per_inst;
     if (v->is_array()) {
@@ -1540,32 +1557,32 @@ void chk_sel(const Node& v, std::vector<Check>& checks, const Step&)
     }
 }
 
-void chk_ras(const Node& v, std::vector<Check>& c, const Step&)
+void chk_ras(const Node& v, std::vector<Check>& c, Step&)
 {
     list_check(v, c, "RAS logs", [](Runner& r, const ListSpec& l) { return r.ras_items(l.since_start); });
 }
-void chk_traces(const Node& v, std::vector<Check>& c, const Step&)
+void chk_traces(const Node& v, std::vector<Check>& c, Step&)
 {
     list_check(v, c, "trace lines",
                [](Runner& r, const ListSpec& l) { return r.trace_items(l.since_start); });
 }
-void chk_haps(const Node& v, std::vector<Check>& c, const Step&)
+void chk_haps(const Node& v, std::vector<Check>& c, Step&)
 {
     list_check(v, c, "procedure calls",
                [](Runner& r, const ListSpec& l) { return r.hap_items(l.since_start); });
 }
-void chk_reg_writes(const Node& v, std::vector<Check>& c, const Step&)
+void chk_reg_writes(const Node& v, std::vector<Check>& c, Step&)
 {
     list_check(v, c, "register writes",
                [](Runner& r, const ListSpec& l) { return r.reg_items(true, l.since_start); });
 }
-void chk_reg_reads(const Node& v, std::vector<Check>& c, const Step&)
+void chk_reg_reads(const Node& v, std::vector<Check>& c, Step&)
 {
     list_check(v, c, "register reads",
                [](Runner& r, const ListSpec& l) { return r.reg_items(false, l.since_start); });
 }
 
-void chk_link_ups(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_link_ups(const Node& v, std::vector<Check>& checks, Step&)
 {
     ObjReader r(v);
     int router = static_cast<int>(get_int(r.at("router"), 0, 15, "a router number"));
@@ -1583,7 +1600,7 @@ void chk_link_ups(const Node& v, std::vector<Check>& checks, const Step&)
 }
 
 #ifdef ZNPDK_SIM_HAS_FAN_MODEL
-void chk_fans(const Node& v, std::vector<Check>& checks, const Step&)
+void chk_fans(const Node& v, std::vector<Check>& checks, Step&)
 {
     ObjReader r(v);
     json speeds, full;
@@ -1616,6 +1633,13 @@ void chk_fans(const Node& v, std::vector<Check>& checks, const Step&)
 }
 #endif
 
+#ifndef ZNPDK_SIM_HAS_FAN_MODEL
+void chk_missing_model(const Node&, std::vector<Check>&, Step& st)
+{
+    st.needs = "fan model of the simulated platform";
+}
+#endif
+
 const std::map<std::string, CheckParser>& check_parsers()
 {
     static const std::map<std::string, CheckParser> p = {
@@ -1642,6 +1666,8 @@ const std::map<std::string, CheckParser>& check_parsers()
         {"link_up_calls", chk_link_ups},
 #ifdef ZNPDK_SIM_HAS_FAN_MODEL
         {"fans", chk_fans},
+#else
+        {"fans", chk_missing_model},
 #endif
     };
     return p;
@@ -1689,6 +1715,7 @@ Step parse_step(const Node& n, bool in_setup)
         st.action = actions.at(kind)(v, st);
         if (kind == "call") {
             const Function* f = find_function(v->get<std::string>());
+            st.function = f->name;
             Node args = r.opt("args");
             auto specs = std::make_shared<std::vector<ArgSpec>>(parse_args(*f, args));
             st.text = call_text(*f, *specs);
@@ -1746,6 +1773,26 @@ std::vector<Step> parse_steps(const Node& n, bool in_setup)
 }
 
 } // namespace
+
+std::vector<std::string> missing_functions(const Scenario& s)
+{
+    std::vector<std::string> out;
+    for (const std::vector<Step>* list : {&s.setup, &s.steps}) {
+        for (const Step& st : *list) {
+            if (!st.function.empty() && dlsym(RTLD_DEFAULT, st.function.c_str()) == nullptr &&
+                std::find(out.begin(), out.end(), st.function) == out.end()) {
+                out.push_back(st.function);
+            }
+            if (!st.needs.empty() && std::find(out.begin(), out.end(), st.needs) == out.end()) {
+                out.push_back(st.needs);
+            }
+        }
+    }
+    if (s.save_area && dlsym(RTLD_DEFAULT, "ZNAPI_MemSensorAreaInit") == nullptr) {
+        out.push_back("ZNAPI_MemSensorAreaInit");
+    }
+    return out;
+}
 
 Scenario load_scenario(const std::string& text, const std::string& file)
 {

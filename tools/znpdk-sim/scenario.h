@@ -61,6 +61,8 @@ struct Step {
     std::string text;
     std::string report = "auto";
     bool background = false;
+    std::string function; /* the function a call step calls */
+    std::string needs;    /* a hardware model this build lacks */
     Action action;
     std::vector<Check> checks;
 };
@@ -84,6 +86,13 @@ Scenario load_scenario(const std::string& text, const std::string& file);
  * and prints it; returns the number of failed expectations, or -1 when
  * the run itself broke down. */
 int run_scenario(const Scenario& s, const Options& o);
+
+/* Functions the scenario calls that the library does not export, and
+ * hardware models it uses that the simulated platform lacks. */
+std::vector<std::string> missing_functions(const Scenario& s);
+
+/* Exit status of a run that could not start because of missing functions. */
+constexpr int kExitMissingFunctions = 4;
 
 /* The built-in default scenario. */
 const char* demo_scenario_text();
