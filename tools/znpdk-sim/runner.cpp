@@ -120,7 +120,9 @@ std::string instance_name(int inst)
     return std::to_string(inst);
 }
 
-Runner::Runner(const Scenario& s, const Options& o) : opts_(o), t0_(s.start_time) {}
+/* Times count from the platform's clock when the machine was made, the
+ * moment its hardware models were powered on. */
+Runner::Runner(const Scenario&, const Options& o) : opts_(o), t0_(zsim::now()) {}
 
 uint32_t Runner::now() const
 {
@@ -413,8 +415,8 @@ void print_events(const StepReport& r, bool verbose)
             if (collapsed(inst)) {
                 if (!said[inst]) {
                     said[inst] = true;
-                    std::printf("   t=%-5u instance %s: %d sensors changed\n", e.t,
-                                instance_name(inst).c_str(), per_inst[inst]);
+                    std::printf("   t=%-5u instance %s: %d sensor%s changed\n", e.t,
+                                instance_name(inst).c_str(), per_inst[inst], per_inst[inst] == 1 ? "" : "s");
                 }
                 continue;
             }
@@ -580,13 +582,12 @@ int run_scenario(const Scenario& s, const Options& o)
         root = dir;
     }
     zsim::init(root);
-    zsim::set_time(s.start_time);
     if (s.default_machine) {
         zsim::build_default_machine();
     }
     Runner run(s, o);
     if (o.trace) {
-        uint32_t t0 = s.start_time;
+        uint32_t t0 = run.t0();
         bool as_json = o.json;
         zsim::set_trace_sink([t0, as_json](const zsim::TraceLine& t) {
             FILE* out = as_json ? stderr : stdout;

@@ -1822,9 +1822,6 @@ Scenario load_scenario(const std::string& text, const std::string& file)
     if (Node a = r.opt("save_area"); a.j) {
         s.save_area = get_bool(a, "true or false");
     }
-    if (Node t = r.opt("start_time"); t.j) {
-        s.start_time = static_cast<uint32_t>(get_int(t, 1, UINT32_MAX / 2, "the clock at the start"));
-    }
     if (Node st = r.opt("setup"); st.j) {
         s.setup = parse_steps(st, true);
     }

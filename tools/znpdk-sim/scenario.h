@@ -73,7 +73,6 @@ struct Scenario {
     std::string description;
     bool default_machine = true;
     bool save_area = true;
-    uint32_t start_time = 1000000;
     std::vector<Step> setup;
     std::vector<Step> steps;
 };
