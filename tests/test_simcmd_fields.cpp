@@ -12,8 +12,7 @@
 
 using namespace zcmd;
 
-namespace
-{
+namespace {
 
 /* Bytes of a type covered by its leaf fields (array elements expanded). */
 void cover(const Type& t, size_t base, std::vector<int>& hits)

@@ -1,6 +1,5 @@
 /* The simulator's function table: exactly the library's exported
  * functions, each parameter read the way its prototype needs. */
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -13,8 +12,7 @@
 
 using namespace zcmd;
 
-namespace
-{
+namespace {
 
 std::string slurp(const std::string& path)
 {
@@ -140,7 +138,7 @@ TEST(SimFunctions, EveryExportedNameResolvesInTheLibrary)
     }
     for (const Function& f : functions()) {
         if (exported.count(f.name)) {
-            EXPECT_NE(dlsym(RTLD_DEFAULT, f.name.c_str()), nullptr) << f.name;
+            EXPECT_NE(library_symbol(f.name), nullptr) << f.name;
         }
     }
 }

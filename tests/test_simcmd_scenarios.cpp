@@ -1,18 +1,17 @@
 /* Scenario files: mistakes are reported at their place, expectations
  * compare as documented, and a run counts exactly the failed ones. */
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
+#include "functions.h"
 #include "jsonutil.h"
 #include "scenario.h"
 #include "support.h"
 
 using namespace zcmd;
 
-namespace
-{
+namespace {
 
 /* The place of the first mistake, or "" when the scenario reads. */
 std::string mistake(const std::string& text)
@@ -180,7 +179,7 @@ TEST(SimScenarioRun, CountsExactlyTheFailedExpectations)
 
 TEST(SimScenarioRun, ScriptedProcedureAnswersFollowTheClock)
 {
-    if (dlsym(RTLD_DEFAULT, "znpdklib_exechap") == nullptr) {
+    if (library_symbol("znpdklib_exechap") == nullptr) {
         GTEST_SKIP() << "the procedure wrapper is not in this build of the library";
     }
     const std::string text = R"({

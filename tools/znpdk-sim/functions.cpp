@@ -429,6 +429,17 @@ json read_esc_table(uint8_t* p)
 
 } // namespace
 
+void* library_symbol(const std::string& name)
+{
+    /* The library by its SONAME: the one already loaded, else found through
+     * the run path (a linker that drops unreferenced libraries leaves it out). */
+    static void* handle = [] {
+        void* h = dlopen("libznpdk.so.1", RTLD_NOW | RTLD_NOLOAD);
+        return h != nullptr ? h : dlopen("libznpdk.so.1", RTLD_NOW | RTLD_GLOBAL);
+    }();
+    return dlsym(handle != nullptr ? handle : RTLD_DEFAULT, name.c_str());
+}
+
 std::string kind_name(PK k)
 {
     switch (k) {
@@ -555,7 +566,7 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
 CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
 {
     CallResult res;
-    void* symbol = dlsym(RTLD_DEFAULT, f.name.c_str());
+    void* symbol = library_symbol(f.name);
     if (symbol == nullptr) {
         res.error = f.name + " is not exported by the library";
         return res;

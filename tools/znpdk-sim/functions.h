@@ -68,6 +68,9 @@ struct Function {
     std::string signature() const;
 };
 
+/* The address of an exported name of the library (null when it lacks it). */
+void* library_symbol(const std::string& name);
+
 const std::vector<Function>& functions();
 const Function* find_function(const std::string& name);
 /* Names close to `name`, for "did you mean" hints. */

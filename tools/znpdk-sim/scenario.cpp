@@ -2,8 +2,6 @@
  * the file is read, and turned into a closure that the runner calls. */
 #include "scenario.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -1779,7 +1777,7 @@ std::vector<std::string> missing_functions(const Scenario& s)
     std::vector<std::string> out;
     for (const std::vector<Step>* list : {&s.setup, &s.steps}) {
         for (const Step& st : *list) {
-            if (!st.function.empty() && dlsym(RTLD_DEFAULT, st.function.c_str()) == nullptr &&
+            if (!st.function.empty() && library_symbol(st.function) == nullptr &&
                 std::find(out.begin(), out.end(), st.function) == out.end()) {
                 out.push_back(st.function);
             }
@@ -1788,7 +1786,7 @@ std::vector<std::string> missing_functions(const Scenario& s)
             }
         }
     }
-    if (s.save_area && dlsym(RTLD_DEFAULT, "ZNAPI_MemSensorAreaInit") == nullptr) {
+    if (s.save_area && library_symbol("ZNAPI_MemSensorAreaInit") == nullptr) {
         out.push_back("ZNAPI_MemSensorAreaInit");
     }
     return out;
