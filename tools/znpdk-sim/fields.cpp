@@ -272,61 +272,47 @@ size_t product(const std::vector<size_t>& dims, size_t from)
 /* Resolves `path` starting from an already resolved place. */
 Ref resolve_from(Ref r, const std::string& path)
 {
-    size_t i = 0;
-    while (i < path.size()) {
-        if (path[i] == '[') {
-            size_t close = path.find(']', i);
-            if (close == std::string::npos) {
-                throw std::invalid_argument("missing \"]\" in \"" + path + "\"");
-            }
-            std::string idx_text = path.substr(i + 1, close - i - 1);
-            uint64_t idx = 0;
-            if (!parse_uint_text(idx_text, idx)) {
-                throw std::invalid_argument("bad index \"" + idx_text + "\" in \"" + path + "\"");
-            }
+    for (const PathStep& st : split_path(path)) {
+        const std::string before = "\"" + path.substr(0, st.at) + "\"";
+        if (st.is_index) {
             if (r.dims.empty()) {
-                throw std::invalid_argument("\"" + path.substr(0, i) + "\" is not an array");
+                throw std::invalid_argument(before + " is not an array");
             }
-            if (idx >= r.dims[0]) {
-                throw std::invalid_argument("index " + idx_text + " is outside \"" + path.substr(0, i) +
-                                            "\" (0 to " + std::to_string(r.dims[0] - 1) + ")");
+            if (st.index >= r.dims[0]) {
+                throw std::invalid_argument("index " + st.name + " is outside " + before + " (0 to " +
+                                            std::to_string(r.dims[0] - 1) + ")");
             }
-            r.offset += idx * r.type->size * product(r.dims, 1);
+            r.offset += st.index * r.type->size * product(r.dims, 1);
             r.dims.erase(r.dims.begin());
-            i = close + 1;
             continue;
         }
-        if (path[i] == '.') {
-            ++i;
-        }
-        size_t end = path.find_first_of(".[", i);
-        std::string name = path.substr(i, end == std::string::npos ? std::string::npos : end - i);
-        if (name.empty()) {
-            throw std::invalid_argument("empty field name in \"" + path + "\"");
-        }
         if (!r.dims.empty()) {
-            throw std::invalid_argument("\"" + path.substr(0, i) + "\" is an array: give an index before \"" +
-                                        name + "\"");
+            throw std::invalid_argument(before + " is an array: give an index before \"" + st.name + "\"");
         }
         if (!r.type->is_struct) {
-            throw std::invalid_argument("\"" + path.substr(0, i) + "\" has no fields (it is a " +
-                                        r.type->name + ")");
+            throw std::invalid_argument(before + " has no fields (it is a " + r.type->name + ")");
         }
         const Member* m = nullptr;
         for (const Member& cand : r.type->members) {
-            if (cand.name == name) {
+            if (cand.name == st.name) {
                 m = &cand;
             }
         }
         if (m == nullptr) {
-            throw std::invalid_argument("no field \"" + name + "\" in " + r.type->name);
+            throw std::invalid_argument("no field \"" + st.name + "\" in " + r.type->name);
         }
         r.offset += m->offset;
         r.type = m->type;
         r.dims = m->dims;
-        i = end == std::string::npos ? path.size() : end;
     }
     return r;
+}
+
+template <typename T> json load(const uint8_t* p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
 json scalar_to_json(const uint8_t* p, const Type& t)
@@ -338,31 +324,16 @@ json scalar_to_json(const uint8_t* p, const Type& t)
         return static_cast<int8_t>(*p);
     case Scalar::Char:
         return static_cast<int>(static_cast<char>(*p));
-    case Scalar::U16: {
-        uint16_t v;
-        std::memcpy(&v, p, 2);
-        return v;
-    }
-    case Scalar::I16: {
-        int16_t v;
-        std::memcpy(&v, p, 2);
-        return v;
-    }
-    case Scalar::U32: {
-        uint32_t v;
-        std::memcpy(&v, p, 4);
-        return v;
-    }
-    case Scalar::I32: {
-        int32_t v;
-        std::memcpy(&v, p, 4);
-        return v;
-    }
-    case Scalar::U64: {
-        uint64_t v;
-        std::memcpy(&v, p, 8);
-        return v;
-    }
+    case Scalar::U16:
+        return load<uint16_t>(p);
+    case Scalar::I16:
+        return load<int16_t>(p);
+    case Scalar::U32:
+        return load<uint32_t>(p);
+    case Scalar::I32:
+        return load<int32_t>(p);
+    case Scalar::U64:
+        return load<uint64_t>(p);
     case Scalar::Pointer: {
         uintptr_t v;
         std::memcpy(&v, p, sizeof v);

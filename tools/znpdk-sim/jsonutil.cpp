@@ -249,6 +249,41 @@ std::string hex(uint64_t v, int width)
     return buf;
 }
 
+std::vector<PathStep> split_path(const std::string& path)
+{
+    std::vector<PathStep> steps;
+    size_t i = 0;
+    while (i < path.size()) {
+        PathStep st;
+        st.at = i;
+        if (path[i] == '[') {
+            size_t close = path.find(']', i);
+            if (close == std::string::npos) {
+                throw std::invalid_argument("missing \"]\" in \"" + path + "\"");
+            }
+            std::string text = path.substr(i + 1, close - i - 1);
+            if (!parse_uint_text(text, st.index)) {
+                throw std::invalid_argument("bad index \"" + text + "\" in \"" + path + "\"");
+            }
+            st.is_index = true;
+            st.name = text;
+            i = close + 1;
+        } else {
+            if (path[i] == '.') {
+                ++i;
+            }
+            size_t end = path.find_first_of(".[", i);
+            st.name = path.substr(i, end == std::string::npos ? std::string::npos : end - i);
+            if (st.name.empty()) {
+                throw std::invalid_argument("empty field name in \"" + path + "\"");
+            }
+            i = end == std::string::npos ? path.size() : end;
+        }
+        steps.push_back(st);
+    }
+    return steps;
+}
+
 std::string text_position(const std::string& text, size_t byte)
 {
     size_t line = 1, col = 1;
@@ -268,32 +303,19 @@ namespace {
 /* Walks a member path such as "a.b[2][1]" through seen JSON. */
 const json* walk(const json& seen, const std::string& path)
 {
+    std::vector<PathStep> steps;
+    try {
+        steps = split_path(path);
+    } catch (const std::invalid_argument&) {
+        return nullptr;
+    }
     const json* cur = &seen;
-    size_t i = 0;
-    while (i < path.size()) {
-        if (path[i] == '[') {
-            size_t close = path.find(']', i);
-            if (close == std::string::npos || !cur->is_array()) {
-                return nullptr;
-            }
-            uint64_t idx;
-            if (!parse_uint_text(path.substr(i + 1, close - i - 1), idx) || idx >= cur->size()) {
-                return nullptr;
-            }
-            cur = &(*cur)[idx];
-            i = close + 1;
-            continue;
-        }
-        if (path[i] == '.') {
-            ++i;
-        }
-        size_t end = path.find_first_of(".[", i);
-        std::string name = path.substr(i, end == std::string::npos ? std::string::npos : end - i);
-        if (!cur->is_object() || !cur->contains(name)) {
+    for (const PathStep& st : steps) {
+        if (st.is_index ? !cur->is_array() || st.index >= cur->size()
+                        : !cur->is_object() || !cur->contains(st.name)) {
             return nullptr;
         }
-        cur = &(*cur)[name];
-        i = end == std::string::npos ? path.size() : end;
+        cur = st.is_index ? &(*cur)[st.index] : &(*cur)[st.name];
     }
     return cur;
 }

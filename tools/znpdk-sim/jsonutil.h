@@ -74,6 +74,17 @@ bool parse_hex_bytes(const std::string& s, std::vector<uint8_t>& out);
 std::string hex_bytes(const uint8_t* p, size_t n);
 std::string hex(uint64_t v, int width);
 
+/* One step of a member path such as "a.b[2]": a name or an index; `at`
+ * is where the step begins in the path. Throws std::invalid_argument for a
+ * malformed path. */
+struct PathStep {
+    bool is_index = false;
+    uint64_t index = 0;
+    std::string name;
+    size_t at = 0;
+};
+std::vector<PathStep> split_path(const std::string& path);
+
 /* Where a parse error sits in the text: "line L, column C". */
 std::string text_position(const std::string& text, size_t byte);
 

@@ -1202,13 +1202,35 @@ void chk_out(const Node& v, std::vector<Check>& checks, Step& st)
     }
 }
 
-void chk_sensors(const Node& v, std::vector<Check>& checks, Step&)
+/* A number compared with one that the simulated platform counts. */
+template <typename F> void counter(const Node& v, std::vector<Check>& checks, const std::string& what, F seen)
+{
+    check_matcher(v, true);
+    json e = *v;
+    std::string where = v.ptr;
+    checks.push_back([=](Runner& run, StepReport& rep) {
+        ++rep.checks;
+        std::string d = match(e, seen(run));
+        if (!d.empty()) {
+            run.fail(rep, where, what + ": " + d);
+        }
+    });
+}
+
+/* Reads a list of expectation items. */
+template <typename F> void each_item(const Node& v, const char* what, F item)
 {
     if (!v->is_array()) {
-        v.fail("expected a list of sensors");
+        v.fail(std::string("expected a list of ") + what);
     }
     for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+        item(v.at(i));
+    }
+}
+
+void chk_sensors(const Node& v, std::vector<Check>& checks, Step&)
+{
+    each_item(v, "sensors", [&](const Node& n) {
         ObjReader r(n);
         int inst = inst_of(r.at("inst"));
         uint8_t num = u8_of(r.at("num"), "a sensor number");
@@ -1250,16 +1272,12 @@ void chk_sensors(const Node& v, std::vector<Check>& checks, Step&)
                 run.fail(rep, where, name + " " + d + " (" + hex(word, 4) + ")");
             }
         });
-    }
+    });
 }
 
 void chk_saved_sensors(const Node& v, std::vector<Check>& checks, Step&)
 {
-    if (!v->is_array()) {
-        v.fail("expected a list of saved sensor entries");
-    }
-    for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+    each_item(v, "saved sensor entries", [&](const Node& n) {
         ObjReader r(n);
         int inst = inst_of(r.at("inst"));
         uint8_t num = u8_of(r.at("num"), "a sensor number");
@@ -1288,16 +1306,12 @@ void chk_saved_sensors(const Node& v, std::vector<Check>& checks, Step&)
                 run.fail(rep, where, "saved entry " + std::to_string(inst) + "/" + hex(num, 2) + ": " + d);
             }
         });
-    }
+    });
 }
 
 void chk_records(const Node& v, std::vector<Check>& checks, Step&)
 {
-    if (!v->is_array()) {
-        v.fail("expected a list of records");
-    }
-    for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+    each_item(v, "records", [&](const Node& n) {
         ObjReader r(n);
         std::string path = path_of(r.at("path"));
         const RecordKind& kind = record_of(r.at("record"));
@@ -1333,7 +1347,7 @@ void chk_records(const Node& v, std::vector<Check>& checks, Step&)
                 run.fail(rep, where, path + " " + rname + " record: " + d);
             }
         });
-    }
+    });
 }
 
 void chk_flags_area(const Node& v, std::vector<Check>& checks, Step&)
@@ -1363,11 +1377,7 @@ void chk_flags_area(const Node& v, std::vector<Check>& checks, Step&)
 
 void chk_files(const Node& v, std::vector<Check>& checks, Step&)
 {
-    if (!v->is_array()) {
-        v.fail("expected a list of files");
-    }
-    for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+    each_item(v, "files", [&](const Node& n) {
         ObjReader r(n);
         std::string path = get_string(r.at("path"), "a file path");
         json exists, size, text;
@@ -1433,74 +1443,32 @@ void chk_files(const Node& v, std::vector<Check>& checks, Step&)
                 run.fail(rep, where, path + " " + d);
             }
         });
-    }
+    });
 }
 
 void chk_leds(const Node& v, std::vector<Check>& checks, Step&)
 {
-    if (!v->is_array()) {
-        v.fail("expected a list of LEDs");
-    }
-    for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+    each_item(v, "LEDs", [&](const Node& n) {
         ObjReader r(n);
         int type = i32_of(r.at("type"), "a component type");
         int no = i32_of(r.at("no"), "a component number");
         int led = i32_of(r.at("led"), "an LED number");
-        Node s = r.at("state");
-        check_matcher(s, true);
-        json e = *s;
+        counter(r.at("state"), checks,
+                "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" + std::to_string(no),
+                [=](Runner&) { return json(zsim::led(type, no, led)); });
         r.finish();
-        std::string where = n.ptr;
-        checks.push_back([=](Runner& run, StepReport& rep) {
-            ++rep.checks;
-            std::string d = match(e, json(zsim::led(type, no, led)), "state");
-            if (!d.empty()) {
-                run.fail(rep, where,
-                         "LED " + std::to_string(led) + " of " + zsim::type_name(type) + "#" +
-                             std::to_string(no) + " " + d);
-            }
-        });
-    }
+    });
 }
 
 void chk_regs(const Node& v, std::vector<Check>& checks, Step&)
 {
-    if (!v->is_array()) {
-        v.fail("expected a list of registers");
-    }
-    for (size_t i = 0; i < v->size(); ++i) {
-        Node n = v.at(i);
+    each_item(v, "registers", [&](const Node& n) {
         ObjReader r(n);
         uint32_t cabinet = u32_of(r.at("cabinet"), "a cabinet");
         uint32_t address = u32_of(r.at("address"), "a register address");
-        Node s = r.at("value");
-        check_matcher(s, true);
-        json e = *s;
+        counter(r.at("value"), checks, "register " + std::to_string(cabinet) + ":" + hex(address, 8),
+                [=](Runner&) { return json(zsim::reg(cabinet, address)); });
         r.finish();
-        std::string where = n.ptr;
-        checks.push_back([=](Runner& run, StepReport& rep) {
-            ++rep.checks;
-            std::string d = match(e, json(zsim::reg(cabinet, address)), "value");
-            if (!d.empty()) {
-                run.fail(rep, where, "register " + std::to_string(cabinet) + ":" + hex(address, 8) + " " + d);
-            }
-        });
-    }
-}
-
-/* A number compared with one that the simulated platform counts. */
-template <typename F> void counter(const Node& v, std::vector<Check>& checks, const char* what, F seen)
-{
-    check_matcher(v, true);
-    json e = *v;
-    std::string where = v.ptr;
-    checks.push_back([=](Runner& run, StepReport& rep) {
-        ++rep.checks;
-        std::string d = match(e, seen(run));
-        if (!d.empty()) {
-            run.fail(rep, where, std::string(what) + ": " + d);
-        }
     });
 }
 
