@@ -2,7 +2,11 @@
  * compare as documented, and a run counts exactly the failed ones. */
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 
 #include "functions.h"
 #include "jsonutil.h"
@@ -29,16 +33,31 @@ std::string wrap(const std::string& steps)
     return R"({"name": "t", "steps": [)" + steps + "]}";
 }
 
-/* Runs a scenario in a child process; its result is the failure count. */
-int run_child(const std::string& text)
+/* Runs a scenario in a child process; its result is the failure count.
+ * What the run prints goes to `printed` when given. */
+int run_child(const std::string& text, bool as_json = false, std::string* printed = nullptr)
 {
     Scenario s = load_scenario(text, "test.json");
-    return ztest::run_in_child([&]() {
-        std::FILE* out = std::freopen("/dev/null", "w", stdout);
+    char path[] = "/tmp/znpdk-simcmd-out-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd >= 0) {
+        close(fd);
+    }
+    int rc = ztest::run_in_child([&]() {
+        std::FILE* out = std::freopen(path, "w", stdout);
         (void)out;
         Options o;
+        o.json = as_json;
         return run_scenario(s, o);
     });
+    if (printed != nullptr) {
+        std::ifstream in(path);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        *printed = ss.str();
+    }
+    unlink(path);
+    return rc;
 }
 
 } // namespace
@@ -199,4 +218,71 @@ TEST(SimScenarioRun, ScriptedProcedureAnswersFollowTheClock)
          "expect": {"ret": 0, "out": {"data": [9]}, "hap_calls": {"count": 1, "since": "step"}}}
       ]})";
     EXPECT_EQ(run_child(text), 0);
+}
+
+namespace {
+const char* const kSensorRun = R"({
+  "name": "sensors", "save_area": false,
+  "steps": [
+    {"label": "redundancy lost", "sensor": {"inst": 17, "num": 129, "reading": "0x0004"},
+     "expect": {"sensors": [{"inst": 17, "num": 129, "state": "0x0008"}]}},
+    {"sensor": {"inst": 5, "num": 36, "reading": "0x0040"}},
+    {"reset_sensors": 5}
+  ]})";
+} // namespace
+
+TEST(SimScenarioRun, PrintsWhatChangedWithItsTime)
+{
+    std::string printed;
+    EXPECT_EQ(run_child(kSensorRun, false, &printed), 1);
+    EXPECT_NE(printed.find("== redundancy lost"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("t=0     sensor 17/0x81 PSU Redundancy: 0x0002 (offset 1) -> 0x0004 (offset 2)"),
+              std::string::npos)
+        << printed;
+    EXPECT_NE(printed.find(
+                  "FAILED at /steps/0/expect/sensors/0: sensor 17/0x81 state: expected \"0x0008\", seen 4"),
+              std::string::npos)
+        << printed;
+    /* Setting every sensor of instance 5 to 0 is counted, not listed. */
+    EXPECT_NE(printed.find("instance 5 (node 4): "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("sensors: "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("1 failed"), std::string::npos) << printed;
+}
+
+TEST(SimScenarioRun, JsonCarriesEventsAndFailures)
+{
+    std::string printed;
+    EXPECT_EQ(run_child(kSensorRun, true, &printed), 1);
+    json run = json::parse(printed);
+    EXPECT_EQ(run["scenario"], "sensors");
+    EXPECT_EQ(run["failed"], 1);
+    ASSERT_EQ(run["steps"].size(), 3u);
+    const json& first = run["steps"][0];
+    EXPECT_EQ(first["label"], "redundancy lost");
+    ASSERT_EQ(first["events"].size(), 1u);
+    EXPECT_EQ(first["events"][0]["kind"], "sensor");
+    EXPECT_EQ(first["events"][0]["inst"], 17);
+    EXPECT_EQ(first["events"][0]["num"], 129);
+    EXPECT_EQ(first["events"][0]["old"], 2);
+    EXPECT_EQ(first["events"][0]["new"], 4);
+    ASSERT_EQ(first["failures"].size(), 1u);
+    EXPECT_EQ(first["failures"][0]["where"], "/steps/0/expect/sensors/0");
+    EXPECT_EQ(run["steps"][1]["events"][0]["name"], "Memory FRU Error Status");
+}
+
+TEST(SimScenarioRun, ListExpectationsCoverTheStepOrTheRun)
+{
+    const std::string text = R"({
+      "name": "lists",
+      "steps": [
+        {"call": "znpdklib_SetSensorWS", "args": [129, 1, "0x03", 0, 0, 17, "out"],
+         "expect": {"ret": 0, "sel": {"inst": 17, "count": 1, "records": [{"SensorNum": 129, "offset": 3, "assert": true}]}}},
+        {"call": "znpdklib_SetSensorWS", "args": [129, 0, "0x03", 0, 0, 17, "out"],
+         "expect": {"sel": {"inst": 17, "records": [{"assert": false, "EvtDirType": "0x8B"}]}}},
+        {"expect": {"sel": [{"inst": 17, "since": "start", "count": 2,
+                             "contains": [{"assert": true}, {"assert": false}], "absent": [{"SensorNum": 130}]},
+                            {"inst": 5, "count": 0}]}},
+        {"expect": {"sel": {"inst": 17, "contains": [{"assert": false}, {"assert": true}], "since": "start"}}}
+      ]})";
+    EXPECT_EQ(run_child(text), 1);
 }

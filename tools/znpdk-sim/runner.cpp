@@ -566,6 +566,7 @@ int Runner::run(const Scenario& s)
         print_step(end);
         std::printf("\n%s: %d passed, %d failed\n", s.name.c_str(), passed, failed);
     }
+    std::fflush(stdout);
     return failed;
 }
 
