@@ -1,0 +1,288 @@
+/* Scenario files: mistakes are reported at their place, expectations
+ * compare as documented, and a run counts exactly the failed ones. */
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "functions.h"
+#include "jsonutil.h"
+#include "scenario.h"
+#include "support.h"
+
+using namespace zcmd;
+
+namespace {
+
+/* The place of the first mistake, or "" when the scenario reads. */
+std::string mistake(const std::string& text)
+{
+    try {
+        load_scenario(text, "test.json");
+        return "";
+    } catch (const ScenarioError& e) {
+        return e.where();
+    }
+}
+
+std::string wrap(const std::string& steps)
+{
+    return R"({"name": "t", "steps": [)" + steps + "]}";
+}
+
+/* Runs a scenario in a child process; its result is the failure count.
+ * What the run prints goes to `printed` when given. */
+int run_child(const std::string& text, bool as_json = false, std::string* printed = nullptr)
+{
+    Scenario s = load_scenario(text, "test.json");
+    char path[] = "/tmp/znpdk-simcmd-out-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd >= 0) {
+        close(fd);
+    }
+    int rc = ztest::run_in_child([&]() {
+        std::FILE* out = std::freopen(path, "w", stdout);
+        (void)out;
+        Options o;
+        o.json = as_json;
+        return run_scenario(s, o);
+    });
+    if (printed != nullptr) {
+        std::ifstream in(path);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        *printed = ss.str();
+    }
+    unlink(path);
+    return rc;
+}
+
+} // namespace
+
+TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
+{
+    struct Case {
+        std::string text;
+        std::string where;
+    };
+    const Case cases[] = {
+        {wrap(R"({"note": "fine"})"), ""},
+        {R"({"name": "t", "steps": [{"note": "x"}], "extra": 1})", "/extra"},
+        {R"({"steps": []})", "/"},
+        {R"({"name": "t", "steps": {}})", "/steps"},
+        {R"({"name": "t", "machine": "big", "steps": []})", "/machine"},
+        {wrap(R"({"call": "ZNAPI_SetSensorWs", "args": []})"), "/steps/0/call"},
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17, 1]})"), "/steps/0/args"},
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": ["seventeen"]})"), "/steps/0/args/0"},
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"rett": 0}})"),
+         "/steps/0/expect/rett"},
+        {wrap(R"({"advance": 5, "expect": {"ret": 0}})"), "/steps/0/expect/ret"},
+        {wrap(R"({"advance": -5})"), "/steps/0/advance"},
+        {wrap(R"({"advance": 5, "note": "two things"})"), "/steps/0"},
+        {wrap(R"({"lable": "typo"})"), "/steps/0"},
+        {wrap(R"({"record": {"path": "/SYSTEM#0", "record": "system", "set": {"fanfull_reasons": 1}}})"),
+         "/steps/0/record/set/fanfull_reasons"},
+        {wrap(R"({"record": {"path": "/SYSTEM#0", "record": "sys", "set": {}}})"), "/steps/0/record/record"},
+        {wrap(R"({"record": {"path": "SYSTEM#0", "record": "system"}})"), "/steps/0/record/path"},
+        {wrap(R"({"record": {"path": "/SYSTEM#0/PSU", "record": "common"}})"), "/steps/0/record/path"},
+        {wrap(
+             R"({"record": {"path": "/SYSTEM#0/PSU#1", "record": "common", "set_bits": {"status": "0xG"}}})"),
+         "/steps/0/record/set_bits/status"},
+        {wrap(
+             R"({"record": {"path": "/SYSTEM#0/PSU#1", "record": "common", "set_bits": {"control_no": 1}}})"),
+         "/steps/0/record/set_bits/control_no"},
+        {wrap(R"({"sensor": {"inst": 18, "num": 129, "reading": 2}})"), "/steps/0/sensor/inst"},
+        {wrap(R"({"sensor": {"inst": 17, "num": 129}})"), "/steps/0/sensor"},
+        {wrap(R"({"file": {"path": "/tmp/x", "text": "a", "remove": true}})"), "/steps/0/file"},
+        {wrap(R"({"file": {"path": "/tmp/x", "hex": "0g"}})"), "/steps/0/file/hex"},
+        {wrap(R"({"hap": {"procedure": "BOB_R_BOBC_FANC", "mode": "READ_FANSPEED",
+                          "answers": [{"data": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10]}]}})"),
+         "/steps/0/hap/answers/0/data"},
+        {wrap(R"({"hap": {"procedure": "BOB_R_BOBC_FANC", "answers": [{"fields": {"x": 1}}]}})"),
+         "/steps/0/hap/answers/0/fields"},
+        {wrap(
+             R"({"hap": {"procedure": "BOB_R_BOBC_PSUC", "answers": [{"fields": {"bob[0].FRUStatus": 1}}]}})"),
+         ""},
+        {wrap(R"({"hap": {"procedure": "X", "answers": [{"ret": -1, "log": {"ras_code": 5}}]}})"),
+         "/steps/0/hap/answers/0/log/ras_code"},
+        {wrap(R"({"inject": {"sel_add": {"on": true}, "sem_open": true}})"), "/steps/0/inject"},
+        {wrap(R"({"inject": {"reg_reed": {"errno": 5}}})"), "/steps/0/inject/reg_reed"},
+        {wrap(R"({"expect": {"sensors": [{"inst": 17, "num": 129, "state": {"maks": 2}}]}})"),
+         "/steps/0/expect/sensors/0/state/maks"},
+        {wrap(R"({"expect": {"traces": {"contains": [{"text": {"matches": "("}}]}}})"),
+         "/steps/0/expect/traces/contains/0/text/matches"},
+        {wrap(R"({"expect": {"ras": {"since": "yesterday"}}})"), "/steps/0/expect/ras/since"},
+        {wrap(R"({"expect": {"records": [{"path": "/SYSTEM#0", "record": "setup",
+                                          "fields": {"debug_flags.debug_flag[64]": 0}}]}})"),
+         "/steps/0/expect/records/0/fields/debug_flags.debug_flag[64]"},
+        {wrap(R"({"expect": {"sel": {"count": 1}}})"), "/steps/0/expect/sel"},
+        {wrap(R"({"expect": {"files": [{"path": "/x", "at": 4}]}})"), "/steps/0/expect/files/0/at"},
+        {R"({"name": "t", "setup": [{"note": "x", "expect": {"time": 0}}], "steps": []})", "/setup/0/expect"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(mistake(c.text), c.where) << c.text;
+    }
+}
+
+TEST(SimScenarioFile, SyntaxErrorsGiveLineAndColumn)
+{
+    EXPECT_EQ(mistake("{\"name\": \"t\",\n  \"steps\": [\n    {\"advance\" 5}\n  ]\n}"), "line 3, column 16");
+    EXPECT_EQ(mistake(""), "line 1, column 1");
+    EXPECT_EQ(mistake("{\"name\": \"t\", \"steps\": [],}"), "line 1, column 27");
+}
+
+TEST(SimMatch, ComparesAsDocumented)
+{
+    struct Case {
+        const char* expected;
+        const char* seen;
+        bool same;
+    };
+    const Case cases[] = {
+        {"16", "16", true},
+        {"\"0x10\"", "16", true},
+        {"\"0x11\"", "16", false},
+        {"-1", "4294967295", false},
+        {"\"0xFFFFFFFFFFFFFFFF\"", "18446744073709551615", true},
+        {"true", "1", true},
+        {R"({"a": 1})", R"({"a": 1, "b": 2})", true},
+        {R"({"c": 1})", R"({"a": 1})", false},
+        {R"({"a.b[1]": 5})", R"({"a": {"b": [4, 5]}})", true},
+        {R"({"a.b[2]": 5})", R"({"a": {"b": [4, 5]}})", false},
+        {"[1, 2]", "[1, 2, 3]", false},
+        {R"("01 0a")", "[1, 10]", true},
+        {R"("01 0b")", "[1, 10]", false},
+        {R"({"mask": "0xF0", "value": "0x10"})", "31", true},
+        {R"({"mask": "0xF0", "value": "0x20"})", "31", false},
+        {R"({"any_bits": 4})", "2", false},
+        {R"({"no_bits": 4})", "2", true},
+        {R"({"contains": "PSU_4"})", R"("BFW_CFG_PSU_4")", true},
+        {R"({"matches": "^BFW_CFG_FAN_H[0-2]$"})", R"("BFW_CFG_FAN_H3")", false},
+        {R"({"one_of": [1, 2]})", "2", true},
+        {R"({"not": 3})", "3", false},
+        {R"({"min": 1, "max": 3})", "3", true},
+        {R"({"min": 1, "max": 3})", "4", false},
+        {R"({"value": 3})", R"({"value": 3, "address": 7})", true},
+    };
+    for (const Case& c : cases) {
+        std::string d = match(json::parse(c.expected), json::parse(c.seen));
+        EXPECT_EQ(d.empty(), c.same) << c.expected << " vs " << c.seen << ": " << d;
+    }
+}
+
+TEST(SimScenarioRun, CountsExactlyTheFailedExpectations)
+{
+    const std::string text = R"({
+      "name": "engine", "save_area": false,
+      "steps": [
+        {"record": {"path": "/SYSTEM#0", "record": "system",
+                    "set": {"fan_check_phase": 2, "fan_start_time": [5, 6]}, "set_bits": {"fanfull_reason": "0x300"}},
+         "expect": {"records": [{"path": "/SYSTEM#0", "record": "system",
+                                 "fields": {"fan_check_phase": 2, "fan_start_time[1]": 6, "fanfull_reason": "0x300"}}]}},
+        {"record": {"path": "/SYSTEM#0", "record": "system", "clear_bits": {"fanfull_reason": "0x100"}},
+         "expect": {"records": [{"path": "/SYSTEM#0", "record": "system", "fields": {"fanfull_reason": "0x200"}}]}},
+        {"file": {"path": "/tmp/.boot/.acon", "text": "on"}},
+        {"reg": {"cabinet": 0, "address": "0x030400C0", "value": "0x08000000"}},
+        {"advance": 7},
+        {"expect": {"files": [{"path": "/tmp/.boot/.acon", "text": "on", "size": 2},
+                              {"path": "/tmp/none", "exists": false}],
+                    "regs": [{"cabinet": 0, "address": "0x030400C0", "value": "0x08000000"}],
+                    "time": 7}},
+        {"expect": {"time": 8, "regs": [{"cabinet": 0, "address": "0x030400C0", "value": 0}]}}
+      ]})";
+    EXPECT_EQ(run_child(text), 2);
+}
+
+TEST(SimScenarioRun, ScriptedProcedureAnswersFollowTheClock)
+{
+    if (library_symbol("znpdklib_exechap") == nullptr) {
+        GTEST_SKIP() << "the procedure wrapper is not in this build of the library";
+    }
+    const std::string text = R"({
+      "name": "hap", "save_area": false,
+      "steps": [
+        {"hap": {"procedure": "TEST_PROC", "mode": "READ",
+                 "answers": [{"until": 10, "ret": 0, "data": [7]},
+                             {"times": 1, "ret": -5, "log": {"ras_code": "TEST_RAS"}},
+                             {"ret": 0, "data": [9]}]}},
+        {"call": "znpdklib_exechap", "args": ["/SYSTEM#0/BOBC#0", "TEST_PROC", "READ", null, [0]],
+         "expect": {"ret": 0, "out": {"data": [7]},
+                    "hap_calls": [{"procedure": "TEST_PROC", "mode": "READ", "time": 0}]}},
+        {"advance": 10},
+        {"call": "znpdklib_exechap", "args": ["/SYSTEM#0/BOBC#0", "TEST_PROC", "READ", null, [0]],
+         "expect": {"ret": -5}},
+        {"call": "znpdklib_exechap", "args": ["/SYSTEM#0/BOBC#0", "TEST_PROC", "READ", null, [0]],
+         "expect": {"ret": 0, "out": {"data": [9]}, "hap_calls": {"count": 1, "since": "step"}}}
+      ]})";
+    EXPECT_EQ(run_child(text), 0);
+}
+
+namespace {
+const char* const kSensorRun = R"({
+  "name": "sensors", "save_area": false,
+  "steps": [
+    {"label": "redundancy lost", "sensor": {"inst": 17, "num": 129, "reading": "0x0004"},
+     "expect": {"sensors": [{"inst": 17, "num": 129, "state": "0x0008"}]}},
+    {"sensor": {"inst": 5, "num": 36, "reading": "0x0040"}},
+    {"reset_sensors": 5}
+  ]})";
+} // namespace
+
+TEST(SimScenarioRun, PrintsWhatChangedWithItsTime)
+{
+    std::string printed;
+    EXPECT_EQ(run_child(kSensorRun, false, &printed), 1);
+    EXPECT_NE(printed.find("== redundancy lost"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("t=0     sensor 17/0x81 PSU Redundancy: 0x0002 (offset 1) -> 0x0004 (offset 2)"),
+              std::string::npos)
+        << printed;
+    EXPECT_NE(printed.find(
+                  "FAILED at /steps/0/expect/sensors/0: sensor 17/0x81 state: expected \"0x0008\", seen 4"),
+              std::string::npos)
+        << printed;
+    /* Setting every sensor of instance 5 to 0 is counted, not listed. */
+    EXPECT_NE(printed.find("instance 5 (node 4): "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("sensors: "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("1 failed"), std::string::npos) << printed;
+}
+
+TEST(SimScenarioRun, JsonCarriesEventsAndFailures)
+{
+    std::string printed;
+    EXPECT_EQ(run_child(kSensorRun, true, &printed), 1);
+    json run = json::parse(printed);
+    EXPECT_EQ(run["scenario"], "sensors");
+    EXPECT_EQ(run["failed"], 1);
+    ASSERT_EQ(run["steps"].size(), 3u);
+    const json& first = run["steps"][0];
+    EXPECT_EQ(first["label"], "redundancy lost");
+    ASSERT_EQ(first["events"].size(), 1u);
+    EXPECT_EQ(first["events"][0]["kind"], "sensor");
+    EXPECT_EQ(first["events"][0]["inst"], 17);
+    EXPECT_EQ(first["events"][0]["num"], 129);
+    EXPECT_EQ(first["events"][0]["old"], 2);
+    EXPECT_EQ(first["events"][0]["new"], 4);
+    ASSERT_EQ(first["failures"].size(), 1u);
+    EXPECT_EQ(first["failures"][0]["where"], "/steps/0/expect/sensors/0");
+    EXPECT_EQ(run["steps"][1]["events"][0]["name"], "Memory FRU Error Status");
+}
+
+TEST(SimScenarioRun, ListExpectationsCoverTheStepOrTheRun)
+{
+    const std::string text = R"({
+      "name": "lists",
+      "steps": [
+        {"call": "znpdklib_SetSensorWS", "args": [129, 1, "0x03", 0, 0, 17, "out"],
+         "expect": {"ret": 0, "sel": {"inst": 17, "count": 1, "records": [{"SensorNum": 129, "offset": 3, "assert": true}]}}},
+        {"call": "znpdklib_SetSensorWS", "args": [129, 0, "0x03", 0, 0, 17, "out"],
+         "expect": {"sel": {"inst": 17, "records": [{"assert": false, "EvtDirType": "0x8B"}]}}},
+        {"expect": {"sel": [{"inst": 17, "since": "start", "count": 2,
+                             "contains": [{"assert": true}, {"assert": false}], "absent": [{"SensorNum": 130}]},
+                            {"inst": 5, "count": 0}]}},
+        {"expect": {"sel": {"inst": 17, "contains": [{"assert": false}, {"assert": true}], "since": "start"}}}
+      ]})";
+    EXPECT_EQ(run_child(text), 1);
+}

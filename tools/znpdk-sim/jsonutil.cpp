@@ -1,0 +1,575 @@
+#include "jsonutil.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+
+namespace zcmd {
+
+std::string ptr_add(const std::string& ptr, const std::string& token)
+{
+    std::string out = ptr + "/";
+    for (char c : token) {
+        if (c == '~') {
+            out += "~0";
+        } else if (c == '/') {
+            out += "~1";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::string ptr_add(const std::string& ptr, size_t index)
+{
+    return ptr + "/" + std::to_string(index);
+}
+
+Node Node::at(size_t i) const
+{
+    return Node{&(*j)[i], ptr_add(ptr, i)};
+}
+
+void Node::fail(const std::string& what) const
+{
+    throw ScenarioError(ptr.empty() ? "/" : ptr, what);
+}
+
+ObjReader::ObjReader(const Node& n) : node_(n)
+{
+    if (!n->is_object()) {
+        n.fail("expected an object, got " + n->dump());
+    }
+}
+
+bool ObjReader::has(const std::string& key) const
+{
+    return node_->contains(key);
+}
+
+Node ObjReader::at(const std::string& key)
+{
+    if (!has(key)) {
+        node_.fail("missing member \"" + key + "\"");
+    }
+    used_.insert(key);
+    return Node{&(*node_)[key], ptr_add(node_.ptr, key)};
+}
+
+Node ObjReader::opt(const std::string& key)
+{
+    if (!has(key)) {
+        return Node{nullptr, ptr_add(node_.ptr, key)};
+    }
+    return at(key);
+}
+
+void ObjReader::finish() const
+{
+    for (auto it = node_->begin(); it != node_->end(); ++it) {
+        if (!used_.count(it.key())) {
+            Node{&it.value(), ptr_add(node_.ptr, it.key())}.fail("unknown member \"" + it.key() + "\"");
+        }
+    }
+}
+
+namespace {
+/* Splits an optional sign and radix prefix off integer text. */
+bool split_number(const std::string& s, bool& neg, int& base, std::string& digits)
+{
+    size_t i = 0;
+    neg = false;
+    if (i < s.size() && (s[i] == '-' || s[i] == '+')) {
+        neg = s[i] == '-';
+        ++i;
+    }
+    base = 10;
+    if (s.size() >= i + 2 && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X')) {
+        base = 16;
+        i += 2;
+    } else if (s.size() >= i + 2 && s[i] == '0' && (s[i + 1] == 'b' || s[i + 1] == 'B')) {
+        base = 2;
+        i += 2;
+    }
+    digits.clear();
+    for (; i < s.size(); ++i) {
+        if (s[i] != '_') {
+            digits += s[i];
+        }
+    }
+    if (digits.empty()) {
+        return false;
+    }
+    for (char c : digits) {
+        int d = (c >= '0' && c <= '9')   ? c - '0'
+                : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                : (c >= 'A' && c <= 'F') ? c - 'A' + 10
+                                         : 99;
+        if (d >= base) {
+            return false;
+        }
+    }
+    return true;
+}
+} // namespace
+
+bool parse_uint_text(const std::string& s, uint64_t& v)
+{
+    bool neg;
+    int base;
+    std::string digits;
+    if (!split_number(s, neg, base, digits) || neg) {
+        return false;
+    }
+    errno = 0;
+    v = std::strtoull(digits.c_str(), nullptr, base);
+    return errno == 0;
+}
+
+bool parse_int_text(const std::string& s, int64_t& v)
+{
+    bool neg;
+    int base;
+    std::string digits;
+    if (!split_number(s, neg, base, digits)) {
+        return false;
+    }
+    errno = 0;
+    uint64_t u = std::strtoull(digits.c_str(), nullptr, base);
+    if (errno != 0 || u > (neg ? uint64_t(INT64_MAX) + 1 : uint64_t(INT64_MAX))) {
+        return false;
+    }
+    v = neg ? static_cast<int64_t>(0 - u) : static_cast<int64_t>(u);
+    return true;
+}
+
+int64_t get_int(const Node& n, int64_t min, int64_t max, const char* what)
+{
+    int64_t v = 0;
+    bool ok = false;
+    if (n->is_number_integer()) {
+        if (n->is_number_unsigned() && n->get<uint64_t>() > uint64_t(INT64_MAX)) {
+            ok = false;
+        } else {
+            v = n->get<int64_t>();
+            ok = true;
+        }
+    } else if (n->is_string()) {
+        ok = parse_int_text(n->get<std::string>(), v) || constant_value(n->get<std::string>(), v);
+    }
+    if (!ok || v < min || v > max) {
+        n.fail(std::string("expected ") + what + " (an integer from " + std::to_string(min) + " to " +
+               std::to_string(max) + "), got " + n->dump());
+    }
+    return v;
+}
+
+uint64_t get_uint(const Node& n, uint64_t max, const char* what)
+{
+    uint64_t v = 0;
+    bool ok = false;
+    if (n->is_number_unsigned()) {
+        v = n->get<uint64_t>();
+        ok = true;
+    } else if (n->is_string()) {
+        ok = parse_uint_text(n->get<std::string>(), v);
+    }
+    if (!ok || v > max) {
+        n.fail(std::string("expected ") + what + " (an integer from 0 to " + hex(max, 0) + "), got " +
+               n->dump());
+    }
+    return v;
+}
+
+std::string get_string(const Node& n, const char* what)
+{
+    if (!n->is_string()) {
+        n.fail(std::string("expected ") + what + " (a string), got " + n->dump());
+    }
+    return n->get<std::string>();
+}
+
+bool get_bool(const Node& n, const char* what)
+{
+    if (!n->is_boolean()) {
+        n.fail(std::string("expected ") + what + " (true or false), got " + n->dump());
+    }
+    return n->get<bool>();
+}
+
+bool parse_hex_bytes(const std::string& s, std::vector<uint8_t>& out)
+{
+    std::string digits;
+    size_t i = 0;
+    if (s.size() >= 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
+        i = 2;
+    }
+    for (; i < s.size(); ++i) {
+        char c = s[i];
+        if (c == ' ' || c == ':' || c == '-' || c == '_' || c == '\n') {
+            continue;
+        }
+        if (!std::isxdigit(static_cast<unsigned char>(c))) {
+            return false;
+        }
+        digits += c;
+    }
+    if (digits.size() % 2 != 0) {
+        return false;
+    }
+    out.clear();
+    for (size_t k = 0; k < digits.size(); k += 2) {
+        out.push_back(static_cast<uint8_t>(std::strtoul(digits.substr(k, 2).c_str(), nullptr, 16)));
+    }
+    return true;
+}
+
+std::string hex_bytes(const uint8_t* p, size_t n)
+{
+    std::string out;
+    char buf[4];
+    for (size_t i = 0; i < n; ++i) {
+        std::snprintf(buf, sizeof buf, "%02x", p[i]);
+        if (i != 0) {
+            out += ' ';
+        }
+        out += buf;
+    }
+    return out;
+}
+
+std::string hex(uint64_t v, int width)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "0x%0*" PRIx64, width, v);
+    return buf;
+}
+
+std::vector<PathStep> split_path(const std::string& path)
+{
+    std::vector<PathStep> steps;
+    size_t i = 0;
+    while (i < path.size()) {
+        PathStep st;
+        st.at = i;
+        if (path[i] == '[') {
+            size_t close = path.find(']', i);
+            if (close == std::string::npos) {
+                throw std::invalid_argument("missing \"]\" in \"" + path + "\"");
+            }
+            std::string text = path.substr(i + 1, close - i - 1);
+            if (!parse_uint_text(text, st.index)) {
+                throw std::invalid_argument("bad index \"" + text + "\" in \"" + path + "\"");
+            }
+            st.is_index = true;
+            st.name = text;
+            i = close + 1;
+        } else {
+            if (path[i] == '.') {
+                ++i;
+            }
+            size_t end = path.find_first_of(".[", i);
+            st.name = path.substr(i, end == std::string::npos ? std::string::npos : end - i);
+            if (st.name.empty()) {
+                throw std::invalid_argument("empty field name in \"" + path + "\"");
+            }
+            i = end == std::string::npos ? path.size() : end;
+        }
+        steps.push_back(st);
+    }
+    return steps;
+}
+
+std::string text_position(const std::string& text, size_t byte)
+{
+    size_t line = 1, col = 1;
+    for (size_t i = 0; i + 1 < byte && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            col = 1;
+        } else {
+            ++col;
+        }
+    }
+    return "line " + std::to_string(line) + ", column " + std::to_string(col);
+}
+
+namespace {
+
+/* Walks a member path such as "a.b[2][1]" through seen JSON. */
+const json* walk(const json& seen, const std::string& path)
+{
+    std::vector<PathStep> steps;
+    try {
+        steps = split_path(path);
+    } catch (const std::invalid_argument&) {
+        return nullptr;
+    }
+    const json* cur = &seen;
+    for (const PathStep& st : steps) {
+        if (st.is_index ? !cur->is_array() || st.index >= cur->size()
+                        : !cur->is_object() || !cur->contains(st.name)) {
+            return nullptr;
+        }
+        cur = st.is_index ? &(*cur)[st.index] : &(*cur)[st.name];
+    }
+    return cur;
+}
+
+bool as_int(const json& j, int64_t& v, bool& is_unsigned_big, uint64_t& u)
+{
+    is_unsigned_big = false;
+    if (j.is_boolean()) {
+        v = j.get<bool>() ? 1 : 0;
+        return true;
+    }
+    if (j.is_number_unsigned()) {
+        u = j.get<uint64_t>();
+        if (u > uint64_t(INT64_MAX)) {
+            is_unsigned_big = true;
+            return true;
+        }
+        v = static_cast<int64_t>(u);
+        return true;
+    }
+    if (j.is_number_integer()) {
+        v = j.get<int64_t>();
+        return true;
+    }
+    if (j.is_string()) {
+        const std::string s = j.get<std::string>();
+        if (parse_int_text(s, v)) {
+            return true;
+        }
+        if (parse_uint_text(s, u)) {
+            is_unsigned_big = true;
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Two integers as unsigned 64-bit patterns (so -1 and 0xFFFFFFFFFFFFFFFF agree only deliberately). */
+bool int_equal(const json& a, const json& b, bool& comparable)
+{
+    int64_t va = 0, vb = 0;
+    uint64_t ua = 0, ub = 0;
+    bool ba, bb;
+    comparable = as_int(a, va, ba, ua) && as_int(b, vb, bb, ub);
+    if (!comparable) {
+        return false;
+    }
+    if (ba || bb) {
+        uint64_t xa = ba ? ua : static_cast<uint64_t>(va);
+        uint64_t xb = bb ? ub : static_cast<uint64_t>(vb);
+        return xa == xb && (ba || va >= 0) && (bb || vb >= 0);
+    }
+    return va == vb;
+}
+
+uint64_t as_bits(const json& j)
+{
+    int64_t v = 0;
+    uint64_t u = 0;
+    bool big;
+    if (!as_int(j, v, big, u)) {
+        return 0;
+    }
+    return big ? u : static_cast<uint64_t>(v);
+}
+
+const std::set<std::string> kMatcherKeys = {"contains", "matches", "mask",   "value", "any_bits",
+                                            "no_bits",  "not",     "one_of", "min",   "max"};
+
+bool is_matcher(const json& e)
+{
+    if (!e.is_object() || e.empty()) {
+        return false;
+    }
+    for (auto it = e.begin(); it != e.end(); ++it) {
+        if (!kMatcherKeys.count(it.key())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string show(const json& j)
+{
+    std::string s = j.dump();
+    if (s.size() > 200) {
+        s = s.substr(0, 197) + "...";
+    }
+    return s;
+}
+
+std::string differ(const std::string& path, const json& expected, const json& seen)
+{
+    return (path.empty() ? std::string() : path + ": ") + "expected " + show(expected) + ", seen " +
+           show(seen);
+}
+
+std::string match_scalar_matcher(const json& e, const json& seen, const std::string& path)
+{
+    for (auto it = e.begin(); it != e.end(); ++it) {
+        const std::string& k = it.key();
+        const json& v = it.value();
+        bool ok = true;
+        if (k == "contains") {
+            ok = seen.is_string() && seen.get<std::string>().find(v.get<std::string>()) != std::string::npos;
+        } else if (k == "matches") {
+            ok = seen.is_string() &&
+                 std::regex_search(seen.get<std::string>(), std::regex(v.get<std::string>()));
+        } else if (k == "mask") {
+            ok = (as_bits(seen) & as_bits(v)) == as_bits(e.value("value", json(0)));
+        } else if (k == "value") {
+            if (!e.contains("mask")) {
+                ok = match(v, seen, path).empty();
+            }
+        } else if (k == "any_bits") {
+            ok = (as_bits(seen) & as_bits(v)) != 0;
+        } else if (k == "no_bits") {
+            ok = (as_bits(seen) & as_bits(v)) == 0;
+        } else if (k == "not") {
+            ok = !match(v, seen, path).empty();
+        } else if (k == "one_of") {
+            ok = false;
+            for (const auto& alt : v) {
+                ok = ok || match(alt, seen, path).empty();
+            }
+        } else if (k == "min" || k == "max") {
+            int64_t a = 0, b = 0;
+            uint64_t ua, ub;
+            bool big_a, big_b;
+            ok = as_int(seen, a, big_a, ua) && as_int(v, b, big_b, ub) && !big_a && !big_b &&
+                 (k == "min" ? a >= b : a <= b);
+        }
+        if (!ok) {
+            return differ(path, e, seen);
+        }
+    }
+    return "";
+}
+
+} // namespace
+
+std::string match(const json& expected, const json& seen, const std::string& path)
+{
+    if (is_matcher(expected) && !seen.is_object()) {
+        return match_scalar_matcher(expected, seen, path);
+    }
+    if (expected.is_object()) {
+        if (!seen.is_object()) {
+            return differ(path, expected, seen);
+        }
+        for (auto it = expected.begin(); it != expected.end(); ++it) {
+            const json* s = walk(seen, it.key());
+            std::string sub = path.empty() ? it.key() : path + "." + it.key();
+            if (s == nullptr) {
+                return sub + ": no such member in " + show(seen);
+            }
+            std::string d = match(it.value(), *s, sub);
+            if (!d.empty()) {
+                return d;
+            }
+        }
+        return "";
+    }
+    if (expected.is_array()) {
+        if (!seen.is_array()) {
+            return differ(path, expected, seen);
+        }
+        if (expected.size() != seen.size()) {
+            return differ(path, expected, seen) + " (" + std::to_string(expected.size()) +
+                   " elements expected, " + std::to_string(seen.size()) + " seen)";
+        }
+        for (size_t i = 0; i < expected.size(); ++i) {
+            std::string d = match(expected[i], seen[i], path + "[" + std::to_string(i) + "]");
+            if (!d.empty()) {
+                return d;
+            }
+        }
+        return "";
+    }
+    if (expected.is_string() && seen.is_array()) {
+        std::vector<uint8_t> bytes;
+        if (parse_hex_bytes(expected.get<std::string>(), bytes) && bytes.size() == seen.size()) {
+            for (size_t i = 0; i < bytes.size(); ++i) {
+                if (!seen[i].is_number_integer() || seen[i].get<int64_t>() != bytes[i]) {
+                    return differ(path, expected, seen);
+                }
+            }
+            return "";
+        }
+        return differ(path, expected, seen);
+    }
+    if (expected.is_string() && seen.is_string()) {
+        return expected == seen ? "" : differ(path, expected, seen);
+    }
+    bool comparable = false;
+    if (int_equal(expected, seen, comparable) || (!comparable && expected == seen)) {
+        return "";
+    }
+    return differ(path, expected, seen);
+}
+
+void check_matcher(const Node& e, bool scalar)
+{
+    if (scalar && (e->is_array() || (e->is_object() && !is_matcher(*e)))) {
+        for (auto it = e->is_object() ? e->begin() : e->end(); it != e->end(); ++it) {
+            if (!kMatcherKeys.count(it.key())) {
+                Node{&it.value(), ptr_add(e.ptr, it.key())}.fail(
+                    "unknown matcher \"" + it.key() +
+                    "\" (a single value is matched by a value or by contains, matches, mask/value, any_bits, "
+                    "no_bits, not, one_of, min, max)");
+            }
+        }
+        e.fail("expected a single value or a matcher, got " + e->dump());
+    }
+    if (e->is_array()) {
+        for (size_t i = 0; i < e->size(); ++i) {
+            check_matcher(e.at(i));
+        }
+        return;
+    }
+    if (!e->is_object()) {
+        if (e->is_number_float()) {
+            e.fail("numbers are integers here, got " + e->dump());
+        }
+        return;
+    }
+    if (is_matcher(*e)) {
+        for (auto it = e->begin(); it != e->end(); ++it) {
+            Node v{&it.value(), ptr_add(e.ptr, it.key())};
+            if (it.key() == "contains" || it.key() == "matches") {
+                std::string s = get_string(v, "a text");
+                if (it.key() == "matches") {
+                    try {
+                        std::regex re(s);
+                    } catch (const std::regex_error& ex) {
+                        v.fail(std::string("not a regular expression: ") + ex.what());
+                    }
+                }
+            } else if (it.key() == "one_of") {
+                if (!v->is_array()) {
+                    v.fail("expected a list of alternatives");
+                }
+                check_matcher(v);
+            } else if (it.key() == "not") {
+                check_matcher(v);
+            } else {
+                get_int(v, INT64_MIN, INT64_MAX, "an integer");
+            }
+        }
+        return;
+    }
+    for (auto it = e->begin(); it != e->end(); ++it) {
+        check_matcher(Node{&it.value(), ptr_add(e.ptr, it.key())});
+    }
+}
+
+} // namespace zcmd

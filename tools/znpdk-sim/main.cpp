@@ -1,0 +1,289 @@
+/* znpdk-sim: runs libznpdk on the simulated platform, from scenarios. */
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fields.h"
+#include "functions.h"
+#include "scenario.h"
+#include "znpdk_sim/sim.h"
+
+namespace {
+
+using namespace zcmd;
+
+const char* const kUsage =
+    "usage: znpdk-sim COMMAND [options]\n"
+    "\n"
+    "commands:\n"
+    "  demo                 run the built-in scenario: AC power-on of the default machine,\n"
+    "                       a PSU pulled and put back, a fan that stalls at full speed\n"
+    "  run FILE...          run scenario files (each on a fresh simulated machine)\n"
+    "  check FILE...        read scenario files and report mistakes, without running them\n"
+    "  functions            list the library functions a scenario can call\n"
+    "  fields [NAME]        list the fields of the records (common, system, setup, psuc,\n"
+    "                       router) or of a structure type by name\n"
+    "  machine              list the components and sensors of the default machine\n"
+    "\n"
+    "options of demo and run:\n"
+    "  --json               print each run as JSON\n"
+    "  --trace              print every trace line as it is written\n"
+    "  --verbose            list every sensor change, also of large initialisations\n"
+    "  --keep-root DIR      run in DIR and keep the machine's files there\n"
+    "\n"
+    "exit status: 0 all expectations held, 1 some failed, 2 a scenario could not be read,\n"
+    "3 a run crashed, 4 a scenario calls functions the library does not export (not run).\n"
+    "The scenario format is described in docs/scenarios.md.\n";
+
+bool read_file(const std::string& path, std::string& text)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    std::stringstream ss;
+    ss << in.rdbuf();
+    text = ss.str();
+    return true;
+}
+
+/* Runs one scenario in a child process: the library's per-process state
+ * (save area, threads) starts afresh, and a crash stays a report. */
+int run_isolated(const Scenario& s, const Options& o)
+{
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) {
+        std::perror("znpdk-sim: fork");
+        return 3;
+    }
+    if (pid == 0) {
+        int failed = run_scenario(s, o);
+        std::fflush(nullptr);
+        _exit(failed < 0 ? 3 : failed > 0 ? 1 : 0);
+    }
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) {
+        return 3;
+    }
+    if (WIFSIGNALED(status)) {
+        std::fprintf(stderr, "%s: the run crashed (signal %d, %s)\n", s.file.c_str(), WTERMSIG(status),
+                     strsignal(WTERMSIG(status)));
+        return 3;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 3;
+}
+
+/* A scenario that did not run matters less than one that failed. */
+int severity(int rc)
+{
+    return rc == kExitMissingFunctions ? 1 : rc == 0 ? 0 : rc + 1;
+}
+
+void report_error(const std::string& file, const ScenarioError& e, bool as_json)
+{
+    if (as_json) {
+        json j = {{"file", file}, {"error", {{"where", e.where()}, {"message", e.what()}}}};
+        std::cout << j.dump(2) << std::endl;
+    } else {
+        std::fprintf(stderr, "%s: at %s: %s\n", file.c_str(), e.where().c_str(), e.what());
+    }
+}
+
+int run_files(const std::vector<std::string>& files, const Options& o, bool check_only)
+{
+    int worst = 0;
+    if (o.json && !check_only) {
+        std::cout << "[" << std::endl;
+    }
+    for (size_t i = 0; i < files.size(); ++i) {
+        const std::string& file = files[i];
+        if (o.json && !check_only && i != 0) {
+            std::cout << "," << std::endl;
+        }
+        std::string text;
+        int rc = 0;
+        if (file == "-demo-") {
+            text = demo_scenario_text();
+        } else if (!read_file(file, text)) {
+            std::fprintf(stderr, "%s: cannot read the file\n", file.c_str());
+            if (o.json && !check_only) {
+                std::cout << json({{"file", file}, {"error", {{"message", "cannot read the file"}}}}).dump(2);
+            }
+            worst = severity(2) > severity(worst) ? 2 : worst;
+            continue;
+        }
+        try {
+            Scenario s = load_scenario(text, file == "-demo-" ? "(built-in)" : file);
+            if (check_only) {
+                std::printf("%s: %s, %zu set-up steps, %zu steps\n", file.c_str(), s.name.c_str(),
+                            s.setup.size(), s.steps.size());
+            } else if (std::vector<std::string> missing = missing_functions(s); !missing.empty()) {
+                std::string names;
+                for (const std::string& m : missing) {
+                    names += (names.empty() ? "" : ", ") + m;
+                }
+                std::fprintf(stderr, "%s: not run: it needs %s, missing from this build\n", file.c_str(),
+                             names.c_str());
+                if (o.json) {
+                    std::cout << json({{"file", file}, {"skipped", missing}}).dump(2) << std::endl;
+                }
+                rc = kExitMissingFunctions;
+            } else {
+                rc = run_isolated(s, o);
+            }
+        } catch (const ScenarioError& e) {
+            report_error(file, e, o.json && !check_only);
+            rc = 2;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "%s: %s\n", file.c_str(), e.what());
+            rc = 2;
+        }
+        worst = severity(rc) > severity(worst) ? rc : worst;
+    }
+    if (o.json && !check_only) {
+        std::cout << "]" << std::endl;
+    }
+    return worst;
+}
+
+int list_functions()
+{
+    std::string family;
+    for (const Function& f : functions()) {
+        if (f.family != family) {
+            family = f.family;
+            std::printf("\n%s:\n", family.c_str());
+        }
+        std::printf("  %s\n", f.signature().c_str());
+    }
+    return 0;
+}
+
+int list_fields(const std::string& name)
+{
+    if (name.empty()) {
+        std::printf("records (\"record\" in scenarios):\n");
+        for (const RecordKind& k : record_kinds()) {
+            std::printf("  %-8s key %d, %s (%zu bytes), on %s\n", k.name, k.key, k.type->name.c_str(),
+                        k.type->size, k.holder);
+        }
+        std::printf("\nstructure types:\n");
+        for (const Type* t : all_types()) {
+            if (t->is_struct) {
+                std::printf("  %s (%zu bytes)\n", t->name.c_str(), t->size);
+            }
+        }
+        return 0;
+    }
+    const RecordKind* k = find_record(name);
+    const Type* t = k != nullptr ? k->type : find_type(name);
+    if (t == nullptr || !t->is_struct) {
+        std::fprintf(stderr, "znpdk-sim: no record or structure named %s\n", name.c_str());
+        return 2;
+    }
+    std::printf("%s (%zu bytes): field, type, offset\n", t->name.c_str(), t->size);
+    for (const std::string& line : describe(*t)) {
+        std::printf("  %s\n", line.c_str());
+    }
+    return 0;
+}
+
+void list_tree(sp::sysobj::Component* c, int depth)
+{
+    std::vector<sp::sysobj::Component*> kids;
+    c->getComponent(kids, false);
+    for (sp::sysobj::Component* k : kids) {
+        std::printf("%*s%s\n", 2 * depth, "", zsim::path_of(k->getComponentId()).c_str());
+        list_tree(k, depth + 1);
+    }
+}
+
+int list_machine()
+{
+    char tmpl[] = "/tmp/znpdk-sim-XXXXXX";
+    char* dir = mkdtemp(tmpl);
+    if (dir == nullptr) {
+        return 3;
+    }
+    zsim::init(dir);
+    zsim::build_default_machine();
+    std::printf("components of the default machine:\n/SYSTEM#0\n");
+    list_tree(sp::sysobj::Component::getRoot(), 1);
+    std::printf("\nsensors (instance/number type oem name):\n");
+    for (int i = 0; i < 18; ++i) {
+        for (int n = 0; n < 256; ++n) {
+            uint8_t num = static_cast<uint8_t>(n);
+            if (zsim::sensor_present(i, num)) {
+                SensorInfo_T s = zsim::sensor(i, num);
+                std::printf("  %2d/0x%02x type 0x%02x oem 0x%02x %s\n", i, n, s.SensorTypeCode, s.OEMField,
+                            zsim::sensor_name(i, num).c_str());
+            }
+        }
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty() || args[0] == "-h" || args[0] == "--help" || args[0] == "help") {
+        std::fputs(kUsage, args.empty() ? stderr : stdout);
+        return args.empty() ? 2 : 0;
+    }
+    std::string cmd = args[0];
+    Options o;
+    std::vector<std::string> rest;
+    for (size_t i = 1; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            o.json = true;
+        } else if (args[i] == "--trace") {
+            o.trace = true;
+        } else if (args[i] == "--verbose") {
+            o.verbose = true;
+        } else if (args[i] == "--keep-root" && i + 1 < args.size()) {
+            o.keep_root = true;
+            o.root = args[++i];
+        } else if (args[i].size() > 1 && args[i][0] == '-') {
+            std::fprintf(stderr, "znpdk-sim: unknown option %s\n\n%s", args[i].c_str(), kUsage);
+            return 2;
+        } else {
+            rest.push_back(args[i]);
+        }
+    }
+    try {
+        if (cmd == "demo") {
+            return run_files({"-demo-"}, o, false);
+        }
+        if ((cmd == "run" || cmd == "check") && !rest.empty()) {
+            return run_files(rest, o, cmd == "check");
+        }
+        if (cmd == "functions") {
+            return list_functions();
+        }
+        if (cmd == "fields") {
+            return list_fields(rest.empty() ? "" : rest[0]);
+        }
+        if (cmd == "machine") {
+            return list_machine();
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "znpdk-sim: %s\n", e.what());
+        return 3;
+    }
+    std::fprintf(stderr, "znpdk-sim: unknown command or missing files: %s\n\n%s", cmd.c_str(), kUsage);
+    return 2;
+}
