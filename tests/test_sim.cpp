@@ -432,7 +432,6 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
                                                            "READ_FANSPEED", para, data, &li, &ll),
               -5);
     EXPECT_STREQ(li.ras_code, "X");
-<<<<<<< HEAD
     ll.log_id = 77;
     zsim::advance(3);
     EXPECT_EQ(znpdklib_log_save_sel_error_log(&li, &ll), 0);
@@ -441,10 +440,7 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
     EXPECT_EQ(memcmp(&logs[0].info, &li, sizeof(li)), 0);
     EXPECT_EQ(logs[0].link.log_id, 77u);
     EXPECT_EQ(logs[0].time, 1767225603u);
-    EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "SET", nullptr, data), 0);
-=======
     EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH", "SET", nullptr, data), 0);
->>>>>>> refs/heads/fan
     zsim::clear_hap_scripts();
     data[0] = 0;
     EXPECT_EQ(znlib_hce_exechap("/SYSTEM#0/BOBC#0", "SIM_T_DISPATCH", "READ_FANSPEED", para, data), 0);
