@@ -123,9 +123,18 @@ typedef struct current_common_info_t {
     uint8_t reserve2[9];
 
 #ifdef __cplusplus
-    bool checkStatus(uint32_t inStatus) const { return (status & inStatus) == inStatus; }
-    bool isInstalled() const { return checkStatus(COMMON_STATUS_INSTALLED); }
-    bool isInitializeComplete() const { return checkStatus(COMMON_STATUS_INITIALIZE_COMPLETE); }
+    bool checkStatus(uint32_t inStatus) const
+    {
+        return (status & inStatus) == inStatus;
+    }
+    bool isInstalled() const
+    {
+        return checkStatus(COMMON_STATUS_INSTALLED);
+    }
+    bool isInitializeComplete() const
+    {
+        return checkStatus(COMMON_STATUS_INITIALIZE_COMPLETE);
+    }
 #endif
 } current_common_info_t;
 
@@ -431,7 +440,7 @@ typedef struct {
 #ifdef __cplusplus
 /* Holds a mutex for a scope; lock and unlock results are not tested. */
 class ScopeLock {
-public:
+  public:
     explicit ScopeLock(pthread_mutex_t* mutex) : m(mutex) { pthread_mutex_lock(m); }
     ~ScopeLock() { pthread_mutex_unlock(m); }
     ScopeLock(const ScopeLock&) = delete;

@@ -90,8 +90,7 @@ const int remote_port_no_list_small[16][10] = {
 };
 // clang-format on
 
-namespace
-{
+namespace {
 
 const int LV_DETAIL = 0x801;
 const int LV_INFO = 0x8001;

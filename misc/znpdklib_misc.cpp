@@ -17,8 +17,7 @@
 #include "znlib.h"
 #include "znpdklib_upid.h"
 
-namespace
-{
+namespace {
 
 /* Trace levels of this section. */
 constexpr int OSQ_LEVEL_CALL = 1;

@@ -485,13 +485,13 @@ struct EscSearch {
     void search_file(int f)
     {
         std::vector<uint8_t> image = read_esc_file(f);
-        int spec = query.esc_spec;
+        int target = query.esc_spec;
         for (int s = 0; s < 256; ++s) {
-            if (matches(image, s, spec)) {
+            if (matches(image, s, target)) {
                 record(image, f, s);
             }
-            if ((spec == LOG_CLEAR_EVEN_NODE || spec == LOG_CLEAR_ODD_NODE) &&
-                matches(image, s, LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - spec)) {
+            if ((target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE) &&
+                matches(image, s, LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target)) {
                 record(image, f, s);
             }
         }

@@ -34,18 +34,18 @@ uint16_t state(int inst, uint8_t sensor);
  * (its mapping stays valid). With `default_machine` the default chassis is
  * built; the save area is set up once per process. */
 class SimTest : public ::testing::Test {
-protected:
+  protected:
     explicit SimTest(bool default_machine = true) : default_machine_(default_machine) {}
     void SetUp() override;
     void TearDown() override;
 
-private:
+  private:
     bool default_machine_;
 };
 
 /* The same on an empty machine (only the root). */
 class EmptySimTest : public SimTest {
-protected:
+  protected:
     EmptySimTest() : SimTest(false) {}
 };
 

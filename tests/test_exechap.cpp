@@ -7,8 +7,7 @@
 #include <map>
 #include <set>
 
-namespace
-{
+namespace {
 
 using ExechapTest = SimTest;
 

@@ -270,9 +270,9 @@ struct Found {
     std::vector<Entry> frue, esc;
 };
 
-Found query(int spec, int inst, int sensor)
+Found query(int target, int inst, int sensor)
 {
-    Esc_Sensor_t in{spec, inst, sensor};
+    Esc_Sensor_t in{target, inst, sensor};
     Esc_Table_t out;
     memset(&out, 0xA5, sizeof(out));
     znpdklib_get_escalation_info(&in, &out);

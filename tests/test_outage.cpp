@@ -2,8 +2,7 @@
 
 #include <errno.h>
 
-namespace
-{
+namespace {
 
 using Texts = std::vector<std::string>;
 uint32_t state_reg(uint32_t unit)

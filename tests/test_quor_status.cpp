@@ -4,8 +4,7 @@
 #include "support.h"
 #include "znpdk_sim/quor.h"
 
-namespace
-{
+namespace {
 
 #define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
 const std::string WAIT = "[znpdklib_checkWaitEnableLogicalPort] ";
@@ -22,8 +21,7 @@ std::vector<int> where(uint32_t id)
 
 const uint32_t ALL = 0x3FF;
 
-class QuorStatus : public SimTest
-{
+class QuorStatus : public SimTest {
   protected:
     void SetUp() override
     {

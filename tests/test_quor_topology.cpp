@@ -5,8 +5,7 @@
 #include "support.h"
 #include "znpdk_sim/quor.h"
 
-namespace
-{
+namespace {
 
 #define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
 
@@ -39,8 +38,7 @@ std::vector<int> expected_row(int table, int router)
     return out;
 }
 
-class QuorTopology : public SimTest
-{
+class QuorTopology : public SimTest {
   protected:
     void SetUp() override
     {

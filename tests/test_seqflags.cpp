@@ -4,8 +4,7 @@
 
 #include <thread>
 
-namespace
-{
+namespace {
 
 using SeqFlagsTest = SimTest;
 using Texts = std::vector<std::string>;

@@ -15,17 +15,17 @@ extern "C" {
 
 /* Sensor state operations */
 INT8U ZNAPI_SetSensorWoS(INT8U SensorNum, int dir, INT8U offset, int BMCInst);
-INT8U ZNAPI_SaveSensorTypeSEL(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2,
-                              INT8U eventData3, int BMCInst, INT16U* recordId);
-INT8U ZNAPI_SetSensorWS(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2,
-                        INT8U eventData3, int BMCInst, INT16U* recordID);
+INT8U ZNAPI_SaveSensorTypeSEL(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2, INT8U eventData3,
+                              int BMCInst, INT16U* recordId);
+INT8U ZNAPI_SetSensorWS(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2, INT8U eventData3,
+                        int BMCInst, INT16U* recordID);
 int ZNAPI_GetSensorReading(int sensor, GetSensorReadingRes_T* SensorRead, int BMCInst);
 INT8U znpdklib_SetSensorWoS(INT8U SensorNum, INT8U dir, INT8U offset, int BMCInst);
-INT8U znpdklib_SetSensorWS(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2,
-                           INT8U eventData3, int BMCInst, INT16U* recordID);
+INT8U znpdklib_SetSensorWS(INT8U SensorNum, int dir, INT8U eventData1, INT8U eventData2, INT8U eventData3,
+                           int BMCInst, INT16U* recordID);
 INT8U znpdklib_exSetSensorWoS(INT8U SensorNum, INT8U offset, int BMCInst);
-INT8U znpdklib_exSetSensorWS(INT8U SensorNum, INT8U eventData1, INT8U eventData2,
-                             INT8U eventData3, int BMCInst, INT16U* recordID);
+INT8U znpdklib_exSetSensorWS(INT8U SensorNum, INT8U eventData1, INT8U eventData2, INT8U eventData3,
+                             int BMCInst, INT16U* recordID);
 int znpdklib_getDiscreteStatusSensorStatus(int sensor, INT16U* status, int BMCInst);
 int isValidSensorBMCInst(INT8U SensorNum, int BMCInst);
 INT8U GetInstSensorType(INT8U SensorNum, int BMCInst);
@@ -113,8 +113,8 @@ uint64_t znpdklib_shmem_sequence_flags(int mode, uint64_t target);
 int znpdklib_monitor_enable_check(int BMCInst);
 int znpdklib_monitor_enable_check_gio(int BMCInst);
 int znpdklib_fan_monitor_enable_check(int BMCInst, uint8_t SensorNumber);
-int znpdklib_shmem_corvo_job_regist_flags(int mode, int BMCInst, uint8_t regist_mode,
-                                          uint8_t regist_method, void* datap);
+int znpdklib_shmem_corvo_job_regist_flags(int mode, int BMCInst, uint8_t regist_mode, uint8_t regist_method,
+                                          void* datap);
 
 /* BoB alarm LED */
 int znpdklib_clear_bob_alarm_led(void);

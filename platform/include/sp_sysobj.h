@@ -24,7 +24,7 @@ namespace sp {
 namespace sysobj {
 
 class Component {
-public:
+  public:
     /* The root "/SYSTEM#0". */
     static Component* getRoot();
 
@@ -50,7 +50,7 @@ public:
 
     /* Scoped write lock; a null component is neither locked nor unlocked. */
     class WriteLock {
-    public:
+      public:
         explicit WriteLock(Component* compo) : compo_(compo)
         {
             if (compo_ != nullptr) {
@@ -66,25 +66,25 @@ public:
         WriteLock(const WriteLock&) = delete;
         WriteLock& operator=(const WriteLock&) = delete;
 
-    private:
+      private:
         Component* compo_;
     };
 
     /* Handles are created and owned by the database. */
     explicit Component(int oid) : oid_(oid) {}
 
-private:
+  private:
     int oid_;
 };
 
 class TreePath {
-public:
+  public:
     explicit TreePath(const std::string path);
     ~TreePath();
     /* The component named by the full path, or null. */
     Component* getComponent();
 
-private:
+  private:
     Component* compo_;
 };
 

@@ -21,19 +21,19 @@ extern "C" {
 #endif
 
 /* Four integer values (unused ones 0). */
-void sp_trace2(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2,
-               int a3, int a4);
+void sp_trace2(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+               int a4);
 /* One string value. */
 void sp_trace4(int level, int region, int module, uint32_t id, const char* fmt, const char* s);
 /* Five to eight integer values. */
-void sp_trace25(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2,
-                int a3, int a4, int a5);
-void sp_trace26(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2,
-                int a3, int a4, int a5, int a6);
-void sp_trace27(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2,
-                int a3, int a4, int a5, int a6, int a7);
-void sp_trace28(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2,
-                int a3, int a4, int a5, int a6, int a7, int a8);
+void sp_trace25(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5);
+void sp_trace26(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6);
+void sp_trace27(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6, int a7);
+void sp_trace28(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6, int a7, int a8);
 
 #ifdef __cplusplus
 }

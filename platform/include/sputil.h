@@ -20,7 +20,7 @@ namespace sp {
 namespace util {
 namespace file {
 class FileCheck {
-public:
+  public:
     /* True when stat succeeds on getSPFilePath(path_). */
     static bool exist(const std::string& path_);
 };

@@ -79,12 +79,11 @@ extern "C" {
 #endif
 
 /* Runs a hardware access procedure; 0 on success, else an error code. */
-int znlib_hce_exechap(const char* target, const char* procedure, const char* mode,
-                      const uint32_t* para, uint32_t* data);
+int znlib_hce_exechap(const char* target, const char* procedure, const char* mode, const uint32_t* para,
+                      uint32_t* data);
 /* The same, registering no log itself: on failure it fills both records. */
-int znlib_hce_exechap_noerrlogregist_withlinklog(const char* target, const char* procedure,
-                                                 const char* mode, const uint32_t* para,
-                                                 uint32_t* data, splog_info* loginfo,
+int znlib_hce_exechap_noerrlogregist_withlinklog(const char* target, const char* procedure, const char* mode,
+                                                 const uint32_t* para, uint32_t* data, splog_info* loginfo,
                                                  splog_linkup_info* loglink);
 /* Registers a RAS error log and its SEL entry (a platform function). */
 int znpdklib_log_save_sel_error_log(splog_info* loginfo, splog_linkup_info* loglink);

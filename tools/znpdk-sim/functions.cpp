@@ -525,7 +525,7 @@ std::vector<std::string> similar_functions(const std::string& name)
 
 std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
 {
-    std::vector<ArgSpec> specs;
+    std::vector<ArgSpec> arg_list;
     std::string names;
     for (const Param& p : f.params) {
         names += (names.empty() ? "" : ", ") + p.name;
@@ -535,7 +535,7 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
             args.fail(f.name + " takes " + std::to_string(f.params.size()) + " arguments (" + names +
                       "), none given");
         }
-        return specs;
+        return arg_list;
     }
     if (args->is_array()) {
         if (args->size() != f.params.size()) {
@@ -544,9 +544,9 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
                       std::to_string(args->size()) + " given");
         }
         for (size_t i = 0; i < f.params.size(); ++i) {
-            specs.push_back(parse_arg(f, i, args.at(i)));
+            arg_list.push_back(parse_arg(f, i, args.at(i)));
         }
-        return specs;
+        return arg_list;
     }
     if (args->is_object()) {
         ObjReader r(args);
@@ -555,15 +555,15 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
                 args.fail(f.name + " argument \"" + f.params[i].name + "\" is missing (it takes " + names +
                           ")");
             }
-            specs.push_back(parse_arg(f, i, r.at(f.params[i].name)));
+            arg_list.push_back(parse_arg(f, i, r.at(f.params[i].name)));
         }
         r.finish();
-        return specs;
+        return arg_list;
     }
     args.fail("expected the arguments as a list or as an object by parameter name, got " + args->dump());
 }
 
-CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
+CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list)
 {
     CallResult res;
     void* symbol = library_symbol(f.name);
@@ -571,11 +571,11 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
         res.error = f.name + " is not exported by the library";
         return res;
     }
-    std::vector<std::vector<uint8_t>> bufs(specs.size());
-    std::vector<Slot> slots(specs.size());
-    for (size_t i = 0; i < specs.size(); ++i) {
+    std::vector<std::vector<uint8_t>> bufs(arg_list.size());
+    std::vector<Slot> slots(arg_list.size());
+    for (size_t i = 0; i < arg_list.size(); ++i) {
         const Param& p = f.params[i];
-        const ArgSpec& a = specs[i];
+        const ArgSpec& a = arg_list[i];
         slots[i].bits = a.bits;
         if (a.null) {
             continue;
@@ -602,9 +602,9 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
         slots[i].ptr = bufs[i].data();
     }
     res.ret = f.invoke(symbol, slots);
-    for (size_t i = 0; i < specs.size(); ++i) {
+    for (size_t i = 0; i < arg_list.size(); ++i) {
         const Param& p = f.params[i];
-        if (specs[i].null || bufs[i].empty()) {
+        if (arg_list[i].null || bufs[i].empty()) {
             continue;
         }
         uint8_t* b = bufs[i].data();
@@ -630,7 +630,7 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
         case PK::I32Arr:
         case PK::U32Arr:
         case PK::WordsOut:
-            res.out[p.name] = read_words(b, specs[i].count, p.kind == PK::I32Arr);
+            res.out[p.name] = read_words(b, arg_list[i].count, p.kind == PK::I32Arr);
             break;
         case PK::Struct:
             res.out[p.name] = to_json(b, whole(*p.type));
@@ -645,12 +645,12 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs)
     return res;
 }
 
-std::string call_text(const Function& f, const std::vector<ArgSpec>& specs)
+std::string call_text(const Function& f, const std::vector<ArgSpec>& arg_list)
 {
     std::string s = f.name + "(";
-    for (size_t i = 0; i < specs.size(); ++i) {
+    for (size_t i = 0; i < arg_list.size(); ++i) {
         const Param& p = f.params[i];
-        const ArgSpec& a = specs[i];
+        const ArgSpec& a = arg_list[i];
         s += i ? ", " : "";
         if (a.null) {
             s += "NULL";

@@ -90,16 +90,16 @@ struct ArgSpec {
  * parameter name); throws ScenarioError at the offending value. */
 std::vector<ArgSpec> parse_args(const Function& f, const Node& args);
 
-/* One call: buffers made from the specs, the call, the values read back. */
+/* One call: buffers made from the argument list, the call, the values read back. */
 struct CallResult {
     json ret;
     json out = json::object(); /* pointer parameters by name */
     std::string error;         /* set when the call could not be made */
 };
-CallResult call_function(const Function& f, const std::vector<ArgSpec>& specs);
+CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list);
 
 /* "name(a, b, c)" with the arguments as given. */
-std::string call_text(const Function& f, const std::vector<ArgSpec>& specs);
+std::string call_text(const Function& f, const std::vector<ArgSpec>& arg_list);
 
 } // namespace zcmd
 

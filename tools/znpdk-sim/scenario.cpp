@@ -1683,10 +1683,10 @@ Step parse_step(const Node& n, bool in_setup)
             const Function* f = find_function(v->get<std::string>());
             st.function = f->name;
             Node args = r.opt("args");
-            auto specs = std::make_shared<std::vector<ArgSpec>>(parse_args(*f, args));
-            st.text = call_text(*f, *specs);
-            st.action = [f, specs](Runner& run, StepReport& rep) {
-                CallResult res = call_function(*f, *specs);
+            auto arg_list = std::make_shared<std::vector<ArgSpec>>(parse_args(*f, args));
+            st.text = call_text(*f, *arg_list);
+            st.action = [f, arg_list](Runner& run, StepReport& rep) {
+                CallResult res = call_function(*f, *arg_list);
                 rep.has_call = true;
                 run.has_call = res.error.empty();
                 run.last_ret = res.ret;

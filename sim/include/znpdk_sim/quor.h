@@ -16,8 +16,7 @@
 
 #include <vector>
 
-namespace zsim
-{
+namespace zsim {
 
 /* ---- Router hardware record (key 264) ----------------------------------- */
 /* Object id of ROUTER#router, added below the root when missing. */

@@ -105,8 +105,7 @@ int type_from_name(const std::string& name);
 
 void set_record(int oid, int key, const void* data, size_t len);
 std::vector<uint8_t> record(int oid, int key);
-template <typename T>
-T get(int oid, int key)
+template <typename T> T get(int oid, int key)
 {
     T v{};
     std::vector<uint8_t> r = record(oid, key);
@@ -115,8 +114,7 @@ T get(int oid, int key)
     }
     return v;
 }
-template <typename T>
-void put(int oid, int key, const T& v)
+template <typename T> void put(int oid, int key, const T& v)
 {
     set_record(oid, key, &v, sizeof(T));
 }
