@@ -355,8 +355,10 @@ int znlib_psu_ctlinfo(int psuno, uint32_t* psuinfo)
     if (psuno < 0 || psuno > 17) {
         return -1;
     }
-    /* PSUs 0-5 hang on BoB 0, 6-11 on BoB 1, 12-17 on BoB 2. */
-    *psuinfo = static_cast<uint32_t>(psuno / 6) << 8;
+    /* Each BoB controls one PSU group of three in every row of nine, as the
+     * controller's register layout expects: PSUs 0-2 and 9-11 on BoB 0,
+     * 3-5 and 12-14 on BoB 1, 6-8 and 15-17 on BoB 2. */
+    *psuinfo = static_cast<uint32_t>((psuno / 3) % 3) << 8;
     return 0;
 }
 

@@ -461,7 +461,11 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
 {
     uint32_t info = 0xFFFFFFFF;
     EXPECT_EQ(znlib_psu_ctlinfo(13, &info), 0);
+    EXPECT_EQ(info, 0x100u);
+    EXPECT_EQ(znlib_psu_ctlinfo(8, &info), 0);
     EXPECT_EQ(info, 0x200u);
+    EXPECT_EQ(znlib_psu_ctlinfo(9, &info), 0);
+    EXPECT_EQ(info, 0x000u);
     EXPECT_EQ(znlib_psu_ctlinfo(18, &info), -1);
     zsim::set_psu_ctlinfo(2, 256, 0xFF00);
     EXPECT_EQ(znlib_psu_ctlinfo(2, &info), 256);
