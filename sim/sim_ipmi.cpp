@@ -312,56 +312,53 @@ void IDBG_LINUXAPP_DbgOut(int level, const char* fmt, ...)
     zsim::internal::add_trace(std::move(line));
 }
 
-int OS_THREAD_MUTEX_ACQUIRE_LOCK(pthread_mutex_t* mutex)
+/* The error injected for a sensor mutex (0 = none); sets errno when there is one. */
+static int injected_mutex_error(pthread_mutex_t* mutex, bool unlock)
 {
     if (mutex == nullptr) {
         errno = EINVAL;
         return EINVAL;
     }
     int inst = zsim::internal::inst_of_mutex(mutex);
-    if (inst >= 0) {
-        int err;
-        {
-            std::lock_guard<std::mutex> lock(zsim::internal::st().mutex);
-            err = zsim::internal::st().fail_lock[inst];
-        }
-        if (err != 0) {
-            errno = err;
-            return err;
-        }
+    if (inst < 0) {
+        return 0;
     }
-    int rc = pthread_mutex_lock(mutex);
+    std::lock_guard<std::mutex> lock(zsim::internal::st().mutex);
+    int err = unlock ? zsim::internal::st().fail_unlock[inst] : zsim::internal::st().fail_lock[inst];
+    if (err != 0) {
+        errno = err;
+    }
+    return err;
+}
+
+static int mutex_result(int rc)
+{
     if (rc != 0) {
         errno = rc;
     }
     return rc;
 }
 
+int OS_THREAD_MUTEX_ACQUIRE_LOCK(pthread_mutex_t* mutex)
+{
+    int err = injected_mutex_error(mutex, false);
+    if (err != 0) {
+        return err;
+    }
+    return mutex_result(pthread_mutex_lock(mutex));
+}
+
 int OS_THREAD_MUTEX_RELEASE_LOCK(pthread_mutex_t* mutex)
 {
-    if (mutex == nullptr) {
-        errno = EINVAL;
-        return EINVAL;
-    }
-    int inst = zsim::internal::inst_of_mutex(mutex);
-    if (inst >= 0) {
-        int err;
-        {
-            std::lock_guard<std::mutex> lock(zsim::internal::st().mutex);
-            err = zsim::internal::st().fail_unlock[inst];
-        }
-        if (err != 0) {
+    int err = injected_mutex_error(mutex, true);
+    if (err != 0) {
+        if (mutex != nullptr) {
             /* Released all the same, so that a test cannot wedge the instance. */
             pthread_mutex_unlock(mutex);
-            errno = err;
-            return err;
         }
+        return err;
     }
-    int rc = pthread_mutex_unlock(mutex);
-    if (rc != 0) {
-        errno = rc;
-    }
-    return rc;
+    return mutex_result(pthread_mutex_unlock(mutex));
 }
 
 } // extern "C"
