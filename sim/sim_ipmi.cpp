@@ -224,6 +224,17 @@ SensorInfo_T* GetSensorInfo(INT8U SensorNum, INT8U OwnerLUN, int BMCInst)
     return &g_BMCInfo[BMCInst].SensorSharedMem.SensorInfo[SensorNum];
 }
 
+/* The sensor a one-byte command request names; when there is none the
+ * response is the single completion code 0xCB. */
+static SensorInfo_T* requested_sensor(const INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
+{
+    SensorInfo_T* r = (pReq != nullptr && ReqLen >= 1) ? GetSensorInfo(pReq[0], 0, BMCInst) : nullptr;
+    if (r == nullptr) {
+        pRes[0] = CC_SDR_REC_NOT_PRESENT;
+    }
+    return r;
+}
+
 int GetSensorReading(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
 {
     if (pRes == nullptr) {
@@ -231,10 +242,8 @@ int GetSensorReading(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
     }
     GetSensorReadingRes_T res;
     memset(&res, 0, sizeof(res));
-    SensorInfo_T* r = (pReq != nullptr && ReqLen >= 1) ? GetSensorInfo(pReq[0], 0, BMCInst) : nullptr;
+    SensorInfo_T* r = requested_sensor(pReq, ReqLen, pRes, BMCInst);
     if (r == nullptr) {
-        res.CompletionCode = CC_SDR_REC_NOT_PRESENT;
-        memcpy(pRes, &res, 1);
         return 1;
     }
     uint16_t word = r->SensorReading;
@@ -254,10 +263,8 @@ int GetSensorType(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
     }
     GetSensorTypeRes_T res;
     memset(&res, 0, sizeof(res));
-    SensorInfo_T* r = (pReq != nullptr && ReqLen >= 1) ? GetSensorInfo(pReq[0], 0, BMCInst) : nullptr;
+    SensorInfo_T* r = requested_sensor(pReq, ReqLen, pRes, BMCInst);
     if (r == nullptr) {
-        res.CompletionCode = CC_SDR_REC_NOT_PRESENT;
-        memcpy(pRes, &res, 1);
         return 1;
     }
     res.CompletionCode = CC_NORMAL;
