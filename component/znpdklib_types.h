@@ -10,7 +10,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
 #include "sp_sysobj.h"
+#else
+#include <assert.h> /* static_assert for C11 callers */
+#endif
 
 /* Machine component types, consecutive from COMPO_MODEL_DEPENDENT_START. */
 enum MODEL_DEPENDENT_COMPONENT_TYPE {
