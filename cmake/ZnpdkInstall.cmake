@@ -1,16 +1,14 @@
-# Installation of libznpdk: library, public headers, znpdk.pc and the CMake
-# package (find_package(znpdk) -> znpdk::znpdk, and znpdk::znpdk_sim when the
+# Installation of libznpdk (install component `znpdk`): library, public
+# headers, znpdk.pc and the CMake package (find_package(znpdk) -> znpdk::znpdk, and znpdk::znpdk_sim when the
 # simulated platform is installed too).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS znpdk EXPORT znpdkTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk)
+install(TARGETS znpdk EXPORT znpdkTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT znpdk)
 install(FILES include/znpdk/znpdklib.h component/znpdklib_types.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk)
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk COMPONENT znpdk)
 if(ZNPDK_PLATFORM_BUNDLED)
   install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk/platform
-          FILES_MATCHING PATTERN "*.h")
+          COMPONENT znpdk FILES_MATCHING PATTERN "*.h")
 endif()
 
 # .pc files name their prefix relative to their own place, so the tree can be
@@ -27,12 +25,12 @@ endif()
 set(ZNPDK_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(ZNPDK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/znpdk)
 configure_file(cmake/znpdk.pc.in ${CMAKE_BINARY_DIR}/znpdk.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/znpdk.pc DESTINATION ${ZNPDK_PC_DIR})
+install(FILES ${CMAKE_BINARY_DIR}/znpdk.pc DESTINATION ${ZNPDK_PC_DIR} COMPONENT znpdk)
 
-install(EXPORT znpdkTargets NAMESPACE znpdk:: DESTINATION ${ZNPDK_CMAKE_DIR})
+install(EXPORT znpdkTargets NAMESPACE znpdk:: DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk)
 configure_package_config_file(cmake/znpdkConfig.cmake.in ${CMAKE_BINARY_DIR}/znpdkConfig.cmake
                               INSTALL_DESTINATION ${ZNPDK_CMAKE_DIR})
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/znpdkConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/znpdkConfig.cmake ${CMAKE_BINARY_DIR}/znpdkConfigVersion.cmake
-        DESTINATION ${ZNPDK_CMAKE_DIR})
+        DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk)

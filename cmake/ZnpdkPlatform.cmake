@@ -18,8 +18,12 @@ foreach(_h IN LISTS ZNPDK_PLATFORM_HEADERS)
 endforeach()
 if(_znpdk_missing)
   list(JOIN _znpdk_missing ", " _znpdk_missing_text)
-  message(FATAL_ERROR "ZNPDK_PLATFORM_INCLUDE_DIR: ${_znpdk_platform_dir} lacks ${_znpdk_missing_text} "
-                      "(it must hold ${ZNPDK_PLATFORM_HEADERS})")
+  list(JOIN ZNPDK_PLATFORM_HEADERS ", " _znpdk_all_text)
+  # Indented lines are not rewrapped, so each name stays whole for scripts.
+  message(FATAL_ERROR "ZNPDK_PLATFORM_INCLUDE_DIR lacks platform headers:\n"
+                      "  directory: ${_znpdk_platform_dir}\n"
+                      "  missing: ${_znpdk_missing_text}\n"
+                      "  required: ${_znpdk_all_text}")
 endif()
 set(ZNPDK_PLATFORM_INCLUDE_DIR "${_znpdk_platform_dir}")
 

@@ -5,6 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup-deps.sh
+scripts/ci-install.sh # the installed kit, as a consumer builds against it
 
 for preset in host armhf; do
   echo "=== ${preset}: configure and build"
