@@ -493,7 +493,8 @@ void znpdklib_make_escalation_info(int BMCInst);
  *        sensors that point at one target sensor. Takes no lock.
  * @param in Query: `esc_spec` the target index (0 parent, 1 even node, 2 odd
  *        node, 3 BoB; 1 and 2 also match each other), `BMCInst` and
- *        `Sensor_No` the target sensor. Other `esc_spec` values find nothing.
+ *        `Sensor_No` the target sensor. An `esc_spec` outside 0 to 3 or an
+ *        instance outside 0 to 17 finds nothing (counts 0, lists allocated).
  * @param out Receives `frue_list` (`frue_count` entries: `esc_spec` 0xFF,
  *        instance, sensor) and `esc_list` (`esc_count` entries: the node
  *        targets, one per instance, then at most one chassis target).
@@ -835,7 +836,7 @@ int znpdklib_monitor_enable_check(int BMCInst);
 
 /**
  * @brief Node monitor check from the node status (sensor 0 of the instance).
- * @param BMCInst Node instance 1 to 16.
+ * @param BMCInst Node instance 1 to 16 (outside 0 to 17: 1 without a read).
  * @return 1 when none of the status bits 3 to 8 (0x01F8) is set, or when
  *         the node's power-off sequence runs (common `sequence` bit 22);
  *         0 otherwise.
@@ -857,7 +858,8 @@ int znpdklib_fan_monitor_enable_check(int BMCInst, uint8_t SensorNumber);
  *        2 unregister (entry zeroed); 4 copy both rows (144 bytes,
  *        `Corvo_Job_regist_flag_t`[2][18], row 0 first) to `datap` and clear
  *        them; any other mode changes nothing.
- * @param BMCInst Instance 0 to 17, the entry of the row.
+ * @param BMCInst Instance 0 to 17, the entry of the row; any other value
+ *        registers and unregisters nothing.
  * @param regist_mode Stored by mode 1.
  * @param regist_method 3 selects row 1, any other value row 0.
  * @param datap Mode 4: buffer of 144 bytes. Otherwise unused.
