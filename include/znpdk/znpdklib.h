@@ -1000,8 +1000,8 @@ int znpdklib_check_fan_redundancy(int mode, int* fanc_err);
  * @brief May fan unit `fanu_no` enter maintenance without losing fan redundancy?
  *        Changes nothing.
  * @param fanu_no Fan unit 0 to 3.
- * @return 0 yes (also whenever the system is powered off); 1 no, another
- *         unit is already in maintenance, or `fanu_no` is above 3.
+ * @return 0 yes (also whenever the system is powered off); 1 no, a unit is
+ *         already in maintenance, or `fanu_no` is above 3.
  */
 int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no);
 
@@ -1011,8 +1011,8 @@ int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no);
  *
  * Stamps the start times, polls the speeds ("BOB_R_BOBC_FANC"
  * "READ_FANSPEED") every 2 seconds, marks late fans with result 1 and
- * registers "BFW_FAN_CHK_H0" for each (system on, fan still usable); on any
- * failure runs znpdklib_check_fan_redundancy() in mode 1. Sets the phase to
+ * registers "BFW_FAN_CHK_H0" for each (system on, fan still usable); when a
+ * fan failed runs znpdklib_check_fan_redundancy() in mode 1. Sets the phase to
  * 0x01 (start times kept for the second check) or 0x81 on a negative result
  * (start times cleared). Blocks its caller; takes no mutex.
  * @return 0 no fan failed; 2 exactly one fan failed (still a success); -1
