@@ -29,9 +29,11 @@
  * **Locks, in the order they nest.** Per instance the IPMI stack's sensor
  * mutex `g_BMCInfo[BMCInst].SensorSharedMemMutex`, then the named semaphore
  * "/filelock_snsdata%d" of the save file. Process-wide library mutexes:
- * the fan rotation check mutex, then the fan redundancy mutex, then one
- * component write lock; the PSU redundancy mutex, then one component write
- * lock; the flags-area mutex. No `znpdklib_` sensor set function may be
+ * the fan rotation check mutex (`chk_fan_rotation_mutex`), then the fan
+ * redundancy mutex (`chk_fan_redundacy_mutex`), then one component write
+ * lock; the PSU redundancy mutex (`chk_redundacy_mutex`), then one component
+ * write lock; the flags-area mutex (`v_mutex`). The library never holds two
+ * component write locks at once. No `znpdklib_` sensor set function may be
  * called while the caller holds the instance's sensor mutex.
  *
  * **Threads.** Only znpdklib_create_fan_rotation_check_thread() (also reached
