@@ -356,10 +356,15 @@ class TableReporter : public benchmark::BenchmarkReporter {
             if (r.run_type != Run::RT_Iteration || r.error_occurred) {
                 continue;
             }
-            const double ns = r.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
+            /* Single-thread cases in CPU time, which other processes on the
+             * machine cannot stretch; throughput in real time. */
+            const double t = r.threads > 1 || r.counters.count("items_per_second") != 0
+                                 ? r.GetAdjustedRealTime()
+                                 : r.GetAdjustedCPUTime();
+            const double ns = t * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
             Row& row = rows_[r.benchmark_name()];
             if (row.runs == 0) {
-                order_.push_back(r.benchmark_name());
+                order_.emplace_back(r.family_index * 64 + r.per_family_instance_index, r.benchmark_name());
             }
             /* The fastest repetition: the others lost time to the machine. */
             if (row.runs == 0 || ns < row.ns) {
@@ -370,15 +375,15 @@ class TableReporter : public benchmark::BenchmarkReporter {
             auto a = r.counters.find("allocs");
             row.allocs = a != r.counters.end() ? a->second.value : 0;
             row.label = r.report_label;
-            row.threads = r.threads;
             ++row.runs;
         }
     }
 
     void Finalize() override
     {
+        std::sort(order_.begin(), order_.end()); /* as registered, whatever order the runs took */
         printf("%-46s %11s %11s %7s %8s %8s\n", "operation", "time", "floor", "ratio", "allocs", "floor");
-        for (const std::string& name : order_) {
+        for (const auto& [index, name] : order_) {
             const Row& row = rows_[name];
             if (row.rate != 0 || ends_with(name, "/floor")) {
                 continue;
@@ -393,14 +398,14 @@ class TableReporter : public benchmark::BenchmarkReporter {
                    time_text(f->second.ns).c_str(), row.ns / f->second.ns, row.allocs, f->second.allocs);
         }
         printf("\n%-66s %14s\n", "throughput", "calls/s");
-        for (const std::string& name : order_) {
+        for (const auto& [index, name] : order_) {
             const Row& row = rows_[name];
             if (row.rate != 0) {
-                printf("%-66s %14.0f\n", name.c_str(), row.rate * static_cast<double>(row.threads));
+                printf("%-66s %14.0f\n", name.c_str(), row.rate);
             }
         }
         printf("\nfloors: the platform calls each operation made, replayed\n");
-        for (const std::string& name : order_) {
+        for (const auto& [index, name] : order_) {
             if (ends_with(name, "/floor")) {
                 printf("  %s: %s\n", name.substr(0, name.size() - 6).c_str(), rows_[name].label.c_str());
             }
@@ -412,7 +417,6 @@ class TableReporter : public benchmark::BenchmarkReporter {
         double ns = 0;
         double rate = 0;
         double allocs = 0;
-        int64_t threads = 1;
         int runs = 0;
         std::string label;
     };
@@ -436,7 +440,7 @@ class TableReporter : public benchmark::BenchmarkReporter {
     }
 
     std::map<std::string, Row> rows_;
-    std::vector<std::string> order_;
+    std::vector<std::pair<int64_t, std::string>> order_;
 };
 
 } // namespace

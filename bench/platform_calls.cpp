@@ -17,10 +17,6 @@
 #include "znlib.h"
 #include "znpdk_sim/sim.h"
 
-#ifdef ZNPDK_BENCH_SANITIZE
-#include <sanitizer/allocator_interface.h>
-#endif
-
 namespace zbench {
 namespace {
 
@@ -171,13 +167,17 @@ using zbench::set_ints;
 /* ---- Heap counting ------------------------------------------------------ */
 
 #ifdef ZNPDK_BENCH_SANITIZE
+/* The sanitizer runtime owns malloc; it calls these hooks instead. */
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, size_t),
+                                                         void (*free_hook)(const volatile void*));
 namespace {
 void count_malloc(const volatile void*, size_t)
 {
     zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
 }
-struct HookInstall {
-    HookInstall() { __sanitizer_install_malloc_and_free_hooks(count_malloc, nullptr); }
+void ignore_free(const volatile void*) {}
+struct HookInstall { /* both hooks are required */
+    HookInstall() { __sanitizer_install_malloc_and_free_hooks(count_malloc, ignore_free); }
 } g_hooks;
 } // namespace
 #else
