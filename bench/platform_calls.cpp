@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 
 #include "ipmi_stack.h"
 #include "sp_sysobj.h"
@@ -118,6 +119,13 @@ void set_ints(Call* c, std::initializer_list<int> v)
     }
 }
 
+/* Strings of recorded calls, each kept once for the life of the process. */
+const std::string* intern(const std::string& text)
+{
+    static std::set<std::string>* pool = new std::set<std::string>();
+    return &*pool->insert(text).first;
+}
+
 /* Scratch output of replayed calls: large enough for any record or image. */
 thread_local uint8_t t_scratch[64 * 1024];
 
@@ -161,6 +169,7 @@ std::string summary(const Plan& plan)
 using sp::sysobj::Component;
 using zbench::Call;
 using zbench::Entry;
+using zbench::intern;
 using zbench::next_fn;
 using zbench::set_ints;
 
@@ -345,7 +354,7 @@ void sp_trace4(int level, int region, int module, uint32_t id, const char* fmt, 
     if (Call* c = e.call()) {
         record_trace(c, level, region, module, id, fmt);
         c->a[4] = s != nullptr;
-        c->s[0] = s != nullptr ? s : "";
+        c->s[0] = intern(s != nullptr ? s : "");
     }
     next(level, region, module, id, fmt, s);
 }
@@ -397,9 +406,9 @@ namespace {
 /* The parameter words the simulated procedure read (it keeps them). */
 void record_hap(Call* c, const char* target, const char* procedure, const char* mode, const uint32_t* para)
 {
-    c->s[0] = target != nullptr ? target : "";
-    c->s[1] = procedure != nullptr ? procedure : "";
-    c->s[2] = mode != nullptr ? mode : "";
+    c->s[0] = intern(target != nullptr ? target : "");
+    c->s[1] = intern(procedure != nullptr ? procedure : "");
+    c->s[2] = intern(mode != nullptr ? mode : "");
     c->a[0] = para != nullptr;
     std::vector<zsim::HapCall> calls = zsim::hap_calls();
     if (para != nullptr && !calls.empty()) {
@@ -461,7 +470,7 @@ int znlib_DBGetProperty(const char* path, int key, unsigned int size, void* buff
     ZB_NEXT(decltype(&znlib_DBGetProperty), "znlib_DBGetProperty");
     Entry e(zbench::kDbGet);
     if (Call* c = e.call()) {
-        c->s[0] = path != nullptr ? path : "";
+        c->s[0] = intern(path != nullptr ? path : "");
         set_ints(c, {key, static_cast<int>(size)});
     }
     return next(path, key, size, buffer);
@@ -512,7 +521,7 @@ sem_t* _znlib_sem_open(const char* name, int flag)
     ZB_NEXT(decltype(&_znlib_sem_open), "_znlib_sem_open");
     Entry e(zbench::kSemOpen);
     if (Call* c = e.call()) {
-        c->s[0] = name != nullptr ? name : "";
+        c->s[0] = intern(name != nullptr ? name : "");
         c->a[0] = flag;
     }
     return next(name, flag);
@@ -524,7 +533,7 @@ int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
     Entry e(zbench::kSemLock);
     if (Call* c = e.call()) {
         c->ptr = handle;
-        c->s[0] = name != nullptr ? name : "";
+        c->s[0] = intern(name != nullptr ? name : "");
         c->a[0] = flag;
     }
     return next(handle, name, flag);
@@ -536,7 +545,7 @@ int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
     Entry e(zbench::kSemUnlock);
     if (Call* c = e.call()) {
         c->ptr = handle;
-        c->s[0] = name != nullptr ? name : "";
+        c->s[0] = intern(name != nullptr ? name : "");
         c->a[0] = flag;
     }
     return next(handle, name, flag);
@@ -651,7 +660,7 @@ bool sp::util::file::FileCheck::exist(const std::string& path_)
             "_ZN2sp4util4file9FileCheck5existERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
     Entry e(zbench::kFileExists);
     if (Call* c = e.call()) {
-        c->s[0] = path_;
+        c->s[0] = intern(path_);
     }
     return next(path_);
 }
@@ -662,7 +671,7 @@ std::string getSPFilePath(const std::string& filePath)
             "_Z13getSPFilePathRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
     Entry e(zbench::kFilePath);
     if (Call* c = e.call()) {
-        c->s[0] = filePath;
+        c->s[0] = intern(filePath);
     }
     return next(filePath);
 }
@@ -712,7 +721,7 @@ void replay(const Plan& plan, uint32_t* shared_word)
             break;
         case kTrace4:
             sp_trace4(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), static_cast<const char*>(c.ptr),
-                      a[4] != 0 ? c.s[0].c_str() : nullptr);
+                      a[4] != 0 ? c.s[0]->c_str() : nullptr);
             break;
         case kTraceN: {
             int v[8] = {};
@@ -740,14 +749,14 @@ void replay(const Plan& plan, uint32_t* shared_word)
             const uint32_t* para = a[0] != 0 ? reinterpret_cast<const uint32_t*>(c.bytes.data()) : nullptr;
             uint32_t* data = reinterpret_cast<uint32_t*>(out);
             if (c.kind == kHap) {
-                znlib_hce_exechap(c.s[0].c_str(), c.s[1].c_str(), c.s[2].c_str(), para, data);
+                znlib_hce_exechap(c.s[0]->c_str(), c.s[1]->c_str(), c.s[2]->c_str(), para, data);
             } else {
                 splog_info info;
                 splog_linkup_info link;
                 memset(&info, 0, sizeof(info));
                 memset(&link, 0, sizeof(link));
-                znlib_hce_exechap_noerrlogregist_withlinklog(c.s[0].c_str(), c.s[1].c_str(), c.s[2].c_str(),
-                                                             para, data, &info, &link);
+                znlib_hce_exechap_noerrlogregist_withlinklog(c.s[0]->c_str(), c.s[1]->c_str(),
+                                                             c.s[2]->c_str(), para, data, &info, &link);
             }
             break;
         }
@@ -760,7 +769,7 @@ void replay(const Plan& plan, uint32_t* shared_word)
             break;
         }
         case kDbGet:
-            znlib_DBGetProperty(c.s[0].c_str(), a[0], static_cast<unsigned>(a[1]), out);
+            znlib_DBGetProperty(c.s[0]->c_str(), a[0], static_cast<unsigned>(a[1]), out);
             break;
         case kLedRead:
             znlib_led_read(a[0], a[1], a[2], a[3]);
@@ -775,16 +784,16 @@ void replay(const Plan& plan, uint32_t* shared_word)
             znlib_log_get_clear_sensor_list(a[0], a[1], reinterpret_cast<splog_clear_sensor_list*>(out));
             break;
         case kSemOpen:
-            _znlib_sem_open(c.s[0].c_str(), a[0]);
+            _znlib_sem_open(c.s[0]->c_str(), a[0]);
             break;
         case kSemLock:
-            if (_znlib_sem_lock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0].c_str(), a[0]) == 0) {
+            if (_znlib_sem_lock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0]->c_str(), a[0]) == 0) {
                 __atomic_store_n(shared_word, __atomic_load_n(shared_word, __ATOMIC_RELAXED) + 1,
                                  __ATOMIC_RELAXED);
             }
             break;
         case kSemUnlock:
-            _znlib_sem_unlock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0].c_str(), a[0]);
+            _znlib_sem_unlock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0]->c_str(), a[0]);
             break;
         case kSemClose:
             _znlib_sem_close(static_cast<sem_t*>(const_cast<void*>(c.ptr)), a[0]);
@@ -818,10 +827,10 @@ void replay(const Plan& plan, uint32_t* shared_word)
             static_cast<Component*>(const_cast<void*>(c.ptr))->writeUnlock();
             break;
         case kFileExists:
-            sp::util::file::FileCheck::exist(c.s[0]);
+            sp::util::file::FileCheck::exist(*c.s[0]);
             break;
         case kFilePath:
-            getSPFilePath(c.s[0]);
+            getSPFilePath(*c.s[0]);
             break;
         default:
             break;
