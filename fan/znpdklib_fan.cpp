@@ -231,151 +231,131 @@ extern "C" {
 
 void znpdklib_set_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
-           static_cast<int>(fan_target));
-        const uint32_t timer = now_seconds();
-        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-            const uint32_t old_time = info.fan_start_time[i];
-            const uint8_t old_result = info.fan_check_result[i];
-            info.fan_start_time[i] = timer;
-            if (fan_start_time != nullptr) {
-                fan_start_time[i] = timer;
-            }
-            info.fan_check_result[i] = 0;
-            sp_trace26(
-                kLvInfo, kRegion, kModule, 0x800C0002,
-                "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
-                fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
-        });
-        trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-               written.times);
+    tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
+       static_cast<int>(fan_target));
+    const uint32_t timer = now_seconds();
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        const uint32_t old_time = info.fan_start_time[i];
+        const uint8_t old_result = info.fan_check_result[i];
+        info.fan_start_time[i] = timer;
+        if (fan_start_time != nullptr) {
+            fan_start_time[i] = timer;
+        }
+        info.fan_check_result[i] = 0;
+        sp_trace26(
+            kLvInfo, kRegion, kModule, 0x800C0002,
+            "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
+            fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
     });
+    trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+           written.times);
 }
 
 void znpdklib_clear_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
-           static_cast<int>(fan_target));
-        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-            if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
-                /* Another check restamped this fan: its time is not ours. */
-                tr(kLvInfo, 0x80100003,
-                   "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
-                   fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
-                   static_cast<int>(info.fan_start_time[i]));
-                return;
-            }
-            const uint32_t old_time = info.fan_start_time[i];
-            info.fan_start_time[i] = 0;
-            tr(kLvInfo, 0x80100002,
-               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d", fanu_of(i),
-               fan_of(i), static_cast<int>(old_time), 0);
-        });
-        trace8(0x8010FFFF,
-               "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-               written.times);
+    tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
+       static_cast<int>(fan_target));
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
+            /* Another check restamped this fan: its time is not ours. */
+            tr(kLvInfo, 0x80100003,
+               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
+               fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
+               static_cast<int>(info.fan_start_time[i]));
+            return;
+        }
+        const uint32_t old_time = info.fan_start_time[i];
+        info.fan_start_time[i] = 0;
+        tr(kLvInfo, 0x80100002, "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d",
+           fanu_of(i), fan_of(i), static_cast<int>(old_time), 0);
     });
+    trace8(0x8010FFFF, "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+           written.times);
 }
 
 bool znpdklib_is_check_fan_executing(void)
 {
-    return guard(__func__, false, [&]() -> bool {
-        const current_system_info_t info = read_system();
-        static const uint32_t zeros[kFanCount] = {};
-        if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
-            trace8(0x800B0002,
-                   "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
-                   info.fan_start_time);
-            return true;
-        }
-        tr(kLvDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
-        return false;
-    });
+    const current_system_info_t info = read_system();
+    static const uint32_t zeros[kFanCount] = {};
+    if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
+        trace8(0x800B0002, "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
+               info.fan_start_time);
+        return true;
+    }
+    tr(kLvDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
+    return false;
 }
 
 /* A null pointer stamps nothing: a caller that cannot learn the stamped time
  * could never clear it, and a stale attach time would block every recovery. */
 void znpdklib_set_check_fan_start_time_by_attach(uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80130001, "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
-           fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
-        if (fan_start_time != nullptr) {
-            const uint32_t timer = now_seconds();
-            exchange_system_field(
-                &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
-                    *fan_start_time = timer;
-                    tr(kLvInfo, 0x80130002,
-                       "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-                       static_cast<int>(old_time), static_cast<int>(timer));
-                });
-        }
-        tr(kLvInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
-    });
+    tr(kLvInfo, 0x80130001, "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
+       fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
+    if (fan_start_time != nullptr) {
+        const uint32_t timer = now_seconds();
+        exchange_system_field(
+            &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
+                *fan_start_time = timer;
+                tr(kLvInfo, 0x80130002,
+                   "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+                   static_cast<int>(old_time), static_cast<int>(timer));
+            });
+    }
+    tr(kLvInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
 }
 
 void znpdklib_clear_check_fan_start_time_by_attach(uint32_t fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80140001, "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
-           static_cast<int>(fan_start_time));
-        uint32_t old_time = 0;
-        modify_system(
-            [&](current_system_info_t& info) {
-                if (info.fan_start_time_by_attach != fan_start_time) {
-                    tr(kLvInfo, 0x80140003,
-                       "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
-                       static_cast<int>(fan_start_time), static_cast<int>(info.fan_start_time_by_attach));
-                    return false;
-                }
-                old_time = info.fan_start_time_by_attach;
-                info.fan_start_time_by_attach = 0;
-                return true;
-            },
-            [&](const current_system_info_t&) {
-                tr(kLvInfo, 0x80140002,
-                   "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-                   static_cast<int>(old_time), 0);
-            });
-        tr(kLvInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
-    });
+    tr(kLvInfo, 0x80140001, "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
+       static_cast<int>(fan_start_time));
+    uint32_t old_time = 0;
+    modify_system(
+        [&](current_system_info_t& info) {
+            if (info.fan_start_time_by_attach != fan_start_time) {
+                tr(kLvInfo, 0x80140003,
+                   "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
+                   static_cast<int>(fan_start_time), static_cast<int>(info.fan_start_time_by_attach));
+                return false;
+            }
+            old_time = info.fan_start_time_by_attach;
+            info.fan_start_time_by_attach = 0;
+            return true;
+        },
+        [&](const current_system_info_t&) {
+            tr(kLvInfo, 0x80140002,
+               "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+               static_cast<int>(old_time), 0);
+        });
+    tr(kLvInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
 }
 
 bool znpdklib_is_check_fan_executing_by_attach(void)
 {
-    return guard(__func__, false, [&]() -> bool {
-        const current_system_info_t info = read_system();
-        if (info.fan_start_time_by_attach != 0) {
-            tr(kLvInfo, 0x80150002,
-               "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
-               static_cast<int>(info.fan_start_time_by_attach));
-            return true;
-        }
-        tr(kLvDetail, 0x80150001, "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
-        return false;
-    });
+    const current_system_info_t info = read_system();
+    if (info.fan_start_time_by_attach != 0) {
+        tr(kLvInfo, 0x80150002,
+           "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
+           static_cast<int>(info.fan_start_time_by_attach));
+        return true;
+    }
+    tr(kLvDetail, 0x80150001, "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
+    return false;
 }
 
 void znpdklib_set_fan_check_phase(uint8_t phase)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
-        exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
-            tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase,
-               phase);
-        });
-        tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
+    tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
+    exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
+        tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase, phase);
     });
+    tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
 }
 
 uint8_t znpdklib_get_fan_check_phase(void)
 {
-    return guard(__func__, uint8_t{0}, [&]() -> uint8_t {
-        const current_system_info_t info = read_system();
-        return info.fan_check_phase;
-    });
+    const current_system_info_t info = read_system();
+    return info.fan_check_phase;
 }
 
 } /* extern "C" */
@@ -522,7 +502,7 @@ int znpdklib_restore_fan_speed(uint64_t reason)
 
 int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 {
-    return guard(__func__, -1, [&] { return change_fan_speed(set_reason, reset_reason); });
+    return change_fan_speed(set_reason, reset_reason);
 }
 
 } /* extern "C" */
@@ -689,44 +669,38 @@ extern "C" {
 /* A null fanc_err is accepted: the verdict is still returned and acted on. */
 int znpdklib_check_fan_redundancy(int mode, int* fanc_err)
 {
-    return guard(__func__, -1, [&]() -> int {
-        tr(kLvInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
-        if (mode != 1 && mode != 2) {
-            tr(kLvError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
-            return -1;
-        }
-        const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
-        tr(kLvInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
-           fanc_err != nullptr ? *fanc_err : 0);
-        return rtn;
-    });
+    tr(kLvInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
+    if (mode != 1 && mode != 2) {
+        tr(kLvError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
+        return -1;
+    }
+    const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
+    tr(kLvInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
+       fanc_err != nullptr ? *fanc_err : 0);
+    return rtn;
 }
 
 int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no)
 {
-    return guard(__func__, 1, [&]() -> int {
-        tr(kLvInfo, 0x80050001, "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d",
+    tr(kLvInfo, 0x80050001, "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d", fanu_no);
+    if (fanu_no > 3) {
+        tr(kLvError, 0x80050002, "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d",
            fanu_no);
-        if (fanu_no > 3) {
-            tr(kLvError, 0x80050002, "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d",
-               fanu_no);
-            return 1;
-        }
-        const uint16_t poff = read_sensor(kSnsSystemPower);
-        if ((poff & kSysPowerOff) != 0) {
-            tr(kLvInfo, 0x80050003,
-               "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK",
-               poff);
-            return 0;
-        }
-        int fanc_err = 0;
-        const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
-        const int result = rtn == 0 ? 0 : 1;
-        tr(kLvInfo, 0x8005FFFF,
-           "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d", rtn,
-           result);
-        return result;
-    });
+        return 1;
+    }
+    const uint16_t poff = read_sensor(kSnsSystemPower);
+    if ((poff & kSysPowerOff) != 0) {
+        tr(kLvInfo, 0x80050003,
+           "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK", poff);
+        return 0;
+    }
+    int fanc_err = 0;
+    const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
+    const int result = rtn == 0 ? 0 : 1;
+    tr(kLvInfo, 0x8005FFFF,
+       "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d", rtn,
+       result);
+    return result;
 }
 
 } /* extern "C" */
@@ -1323,5 +1297,5 @@ void create_check_thread(uint8_t mode, uint32_t fan_target)
 
 extern "C" void znpdklib_create_fan_rotation_check_thread(uint8_t mode, uint32_t fan_target)
 {
-    guard_void(__func__, [&] { create_check_thread(mode, fan_target); });
+    create_check_thread(mode, fan_target);
 }

@@ -350,55 +350,50 @@ int znpdklib_clearBMCRebootOutage(int type, int no)
  */
 int znpdklib_checkEmergencyOutage(int type, int no)
 {
-    return guard(__func__, -1, [&]() -> int {
-        outage_trace(kLevelCall, 0x05410500, "znpdklib_checkEmergencyOutage():type=%d no=%d", type, no);
-        if (!outage_unit_ok(
-                type, no, false, 0x05410500, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
-                "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d")) {
-            return -1;
+    outage_trace(kLevelCall, 0x05410500, "znpdklib_checkEmergencyOutage():type=%d no=%d", type, no);
+    if (!outage_unit_ok(type, no, false, 0x05410500, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
+                        "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d")) {
+        return -1;
+    }
+    Component* chain[3];
+    int count = outage_units_up(type, no, chain);
+    for (int i = 0; i < count; ++i) {
+        Component* compo = chain[i];
+        uint32_t addr;
+        if (compo == nullptr ||
+            !outage_member_reg(
+                compo, kEmergencyStateReg, 0x05410506,
+                "znpdklib_checkEmergencyOutage():invalid component. compo_type=%d compo_no=%d [oid:%d]",
+                &addr)) {
+            continue;
         }
-        Component* chain[3];
-        int count = outage_units_up(type, no, chain);
-        for (int i = 0; i < count; ++i) {
-            Component* compo = chain[i];
-            uint32_t addr;
-            if (compo == nullptr ||
-                !outage_member_reg(
-                    compo, kEmergencyStateReg, 0x05410506,
-                    "znpdklib_checkEmergencyOutage():invalid component. compo_type=%d compo_no=%d [oid:%d]",
-                    &addr)) {
-                continue;
-            }
-            uint32_t value = 0;
-            int err = 0;
-            int ret = outage_reg_access(MBC_IOCTL_SP_BOARD_R, addr, &value, &err);
-            if (ret < 0) {
-                /* The registers cannot be trusted now: judge by the mark alone. */
-                outage_trace(kLevelError, 0x05410507,
-                             "znpdklib_checkEmergencyOutage():read error. ret=%d errno=%d addr=0x%08x", ret,
-                             err, static_cast<int>(addr));
-                break;
-            }
-            uint32_t outage_bits = compo->getType() == COMPO_BOBC ? kBobcEmergencyBits : 0xFFFFFFFFu;
-            if ((value & outage_bits) != 0) {
-                outage_trace(
-                    kLevelInfo, 0x05410508,
-                    "znpdklib_checkEmergencyOutage():[oid:%d] Emergency Active State Register=0x%08x",
-                    compo->getComponentId(), static_cast<int>(value));
-                return 1;
-            }
+        uint32_t value = 0;
+        int err = 0;
+        int ret = outage_reg_access(MBC_IOCTL_SP_BOARD_R, addr, &value, &err);
+        if (ret < 0) {
+            /* The registers cannot be trusted now: judge by the mark alone. */
+            outage_trace(kLevelError, 0x05410507,
+                         "znpdklib_checkEmergencyOutage():read error. ret=%d errno=%d addr=0x%08x", ret, err,
+                         static_cast<int>(addr));
+            break;
         }
-        current_common_info_t info = read_common(chain[0]);
-        if (info.emergency_outage != 0) {
-            outage_trace(kLevelInfo, 0x05410504,
-                         "znpdklib_checkEmergencyOutage():[oid:%d] emergency_outage already 0x%02x",
-                         chain[0]->getComponentId(), info.emergency_outage);
+        uint32_t outage_bits = compo->getType() == COMPO_BOBC ? kBobcEmergencyBits : 0xFFFFFFFFu;
+        if ((value & outage_bits) != 0) {
+            outage_trace(kLevelInfo, 0x05410508,
+                         "znpdklib_checkEmergencyOutage():[oid:%d] Emergency Active State Register=0x%08x",
+                         compo->getComponentId(), static_cast<int>(value));
             return 1;
         }
-        outage_trace(kLevelInfo, 0x054105FF, "znpdklib_checkEmergencyOutage():type=%d no=%d not set", type,
-                     no);
-        return 0;
-    });
+    }
+    current_common_info_t info = read_common(chain[0]);
+    if (info.emergency_outage != 0) {
+        outage_trace(kLevelInfo, 0x05410504,
+                     "znpdklib_checkEmergencyOutage():[oid:%d] emergency_outage already 0x%02x",
+                     chain[0]->getComponentId(), info.emergency_outage);
+        return 1;
+    }
+    outage_trace(kLevelInfo, 0x054105FF, "znpdklib_checkEmergencyOutage():type=%d no=%d not set", type, no);
+    return 0;
 }
 
 /* A null path names no unit: -1, nothing logged. */
@@ -525,10 +520,8 @@ void znpdklib_cleardb_iorc(int no, uint32_t offbit)
 
 void znpdklib_cleardb_system(int no, uint32_t offbit)
 {
-    guard_void(__func__, [&] {
-        (void)no;
-        clear_unit_alone(root(), offbit);
-    });
+    (void)no;
+    clear_unit_alone(root(), offbit);
 }
 
 void znpdklib_cleardb_fanu(int no, uint32_t offbit)

@@ -399,7 +399,7 @@ extern "C" int znpdklib_check_psu_redundancy(int mode)
         return -1;
     }
     /* No PSU is excluded outside the PSU control pre-check. */
-    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 1, -1); });
+    return check_psu_redundancy(mode, 1, -1);
 }
 
 extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno)
@@ -409,5 +409,5 @@ extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno
                   mode);
         return -1;
     }
-    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 0, psuno); });
+    return check_psu_redundancy(mode, 0, psuno);
 }

@@ -310,10 +310,14 @@ using EscPath = char[kPathMax];
  * file call accepts) without a root or when the path does not fit. */
 void esc_file_path(const char* top, int BMCInst, EscPath& path)
 {
-    int n = top == nullptr ? -1
-                           : snprintf(path, sizeof(path), "%s/var/nvrdisk/current/sensor/esctable_inst%02d",
-                                      top, BMCInst);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
+    const int root_len = top == nullptr ? -1 : snprintf(path, sizeof(path), "%s", top);
+    if (root_len < 0 || static_cast<size_t>(root_len) >= sizeof(path)) {
+        path[0] = '\0';
+        return;
+    }
+    const size_t left = sizeof(path) - static_cast<size_t>(root_len);
+    int n = snprintf(path + root_len, left, "/var/nvrdisk/current/sensor/esctable_inst%02d", BMCInst);
+    if (n < 0 || static_cast<size_t>(n) >= left) {
         path[0] = '\0';
     }
 }
@@ -727,19 +731,16 @@ int znpdklib_Init_Sensor_FANU(void)
 
 int znpdklib_Init_Sensor_Maintenance(void)
 {
-    return guard(__func__, -1, [] {
-        trace_init(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
-        const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
-        for (int i = 0; i <= 28; ++i) {
-            znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
-        }
-        for (int j = 0; j < 4; ++j) {
-            znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j],
-                                    kChassisInst);
-        }
-        trace_init(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
-        return 0;
-    });
+    trace_init(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
+    const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
+    for (int i = 0; i <= 28; ++i) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
+    }
+    for (int j = 0; j < 4; ++j) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j], kChassisInst);
+    }
+    trace_init(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
+    return 0;
 }
 
 /* Node instances are 1 to 16; any other instance is left alone. */

@@ -151,7 +151,7 @@ constexpr size_t kPathMax = 512;
  * the size is verified before mapping). */
 void fill_new_save_file(int fd)
 {
-    static const uint8_t zeros[kBlockSize] = {};
+    const uint8_t zeros[kBlockSize] = {};
     for (int k = 0; k < kInstances; ++k) {
         ssize_t n = write(fd, zeros, sizeof(zeros));
         (void)n;
