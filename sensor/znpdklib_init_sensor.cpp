@@ -74,9 +74,9 @@ constexpr uint16_t node_default(int sensor)
 } // namespace
 
 /* The exported tables, expanded from the ranges at compile time. */
-#define ZN_V4(f, n) f(n), f(n + 1), f(n + 2), f(n + 3)
-#define ZN_V16(f, n) ZN_V4(f, n), ZN_V4(f, n + 4), ZN_V4(f, n + 8), ZN_V4(f, n + 12)
-#define ZN_V64(f, n) ZN_V16(f, n), ZN_V16(f, n + 16), ZN_V16(f, n + 32), ZN_V16(f, n + 48)
+#define ZN_V4(f, n) f(n), f((n) + 1), f((n) + 2), f((n) + 3)
+#define ZN_V16(f, n) ZN_V4(f, n), ZN_V4(f, (n) + 4), ZN_V4(f, (n) + 8), ZN_V4(f, (n) + 12)
+#define ZN_V64(f, n) ZN_V16(f, n), ZN_V16(f, (n) + 16), ZN_V16(f, (n) + 32), ZN_V16(f, (n) + 48)
 #define ZN_V256(f) ZN_V64(f, 0), ZN_V64(f, 64), ZN_V64(f, 128), ZN_V64(f, 192)
 
 const uint16_t BOB_SENSOR_INIT_VALUE[256] = {ZN_V256(bob_default)};
