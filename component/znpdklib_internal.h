@@ -27,6 +27,9 @@ using sp::sysobj::Component;
 constexpr int kInstCount = BMC_INSTANCE_COUNT;
 constexpr int kChassisInst = 17;
 
+/* The board controller that the PSU and fan procedures run on. */
+constexpr char kBobcPath[] = "/SYSTEM#0/BOBC#0";
+
 inline bool valid_inst(int BMCInst)
 {
     return BMCInst >= 0 && BMCInst < kInstCount;
