@@ -54,6 +54,7 @@ enum Kind {
     kWriteUnlock,
     kFileExists,
     kFilePath,
+    kSpRoot,
     kKinds
 };
 
@@ -65,7 +66,8 @@ const char* const kKindNames[kKinds] = {
     "psu_ctlinfo",        "clear_sensor_list",  "sem_open",         "sem_lock",
     "sem_unlock",         "sem_close",          "znlib_sem_close",  "getRoot",
     "getComponent",       "getComponent(list)", "getProperty",      "setProperty",
-    "writeLock",          "writeUnlock",        "FileCheck::exist", "getSPFilePath"};
+    "writeLock",          "writeUnlock",        "FileCheck::exist", "getSPFilePath",
+    "getSPRoot"};
 
 std::atomic<uint64_t> g_allocs{0};
 
@@ -676,6 +678,13 @@ std::string getSPFilePath(const std::string& filePath)
     return next(filePath);
 }
 
+std::string getSPRoot()
+{
+    ZB_NEXT(std::string(*)(), "_Z9getSPRootB5cxx11v");
+    Entry e(zbench::kSpRoot);
+    return next();
+}
+
 /* ---- Replay ------------------------------------------------------------- */
 
 namespace zbench {
@@ -831,6 +840,9 @@ void replay(const Plan& plan, uint32_t* shared_word)
             break;
         case kFilePath:
             getSPFilePath(*c.s[0]);
+            break;
+        case kSpRoot:
+            getSPRoot();
             break;
         default:
             break;
