@@ -158,6 +158,37 @@ void result_lists(int frue, int esc)
     free(b);
 }
 
+/* What a run of platform calls leaves behind: trace texts, SEL records,
+ * procedures run and RAS logs. */
+struct Trail {
+    std::vector<std::string> traces;
+    size_t sel = 0;
+    std::vector<std::string> procedures;
+    size_t ras = 0;
+    bool operator!=(const Trail& o) const
+    {
+        return traces != o.traces || sel != o.sel || procedures != o.procedures || ras != o.ras;
+    }
+};
+
+Trail trail()
+{
+    Trail t;
+    for (const zsim::TraceLine& l : zsim::traces()) {
+        t.traces.push_back(l.text);
+    }
+    for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
+        t.sel += zsim::sel(i).size();
+    }
+    for (const zsim::HapCall& h : zsim::hap_calls()) {
+        t.procedures.push_back(h.target + " " + h.procedure + " " + h.mode);
+    }
+    t.ras = zsim::ras_logs().size();
+    return t;
+}
+
+bool g_replay_differs = false;
+
 struct Case {
     std::string name;
     std::function<void()> op;
@@ -202,9 +233,20 @@ void register_case(const Case& c)
             c.setup();
         }
         c.op();
+        housekeeping();
         const zbench::Plan plan = zbench::record(c.op);
         state.SetLabel(zbench::summary(plan));
         uint32_t* word = &g_page->word;
+        /* The replay must leave the same trail as the operation: else the
+         * floor measures something else. */
+        const Trail by_op = trail();
+        housekeeping();
+        zbench::replay(plan, word);
+        if (trail() != by_op) {
+            g_replay_differs = true;
+            state.SkipWithError("replayed calls leave another trail than the operation");
+            return;
+        }
         run_loop(state, c, [&] {
             zbench::replay(plan, word);
             if (c.file_work) {
@@ -494,7 +536,10 @@ int main(int argc, char** argv)
     }
     benchmark::Shutdown();
     housekeeping();
+    if (g_replay_differs) {
+        fprintf(stderr, "znpdk-bench: a replay differs from its operation\n");
+    }
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
-    return 0;
+    return g_replay_differs ? 1 : 0;
 }

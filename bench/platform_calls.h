@@ -21,7 +21,7 @@ namespace zbench {
 struct Call {
     int kind = 0;
     const void* ptr = nullptr; /* mutex, semaphore, component, format */
-    int a[8] = {};
+    int a[12] = {};
     const std::string* s[3] = {}; /* target / procedure / mode, names, paths (interned) */
     std::vector<uint8_t> bytes;   /* request, record or parameter words */
 };
