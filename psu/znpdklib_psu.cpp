@@ -1,21 +1,21 @@
-#include "znpdklib.h"
-
+/* PSU redundancy judged from the PSU controller's registers. */
 #include <pthread.h>
 #include <stdio.h>
 
 #include "sp_sysobj.h"
 #include "sp_trace.h"
 #include "znlib.h"
-
-using sp::sysobj::Component;
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 namespace {
+
+using namespace znpdk;
 
 /* Serialises the decision and the sensor change of concurrent checks. */
 pthread_mutex_t chk_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr int kPsuCount = 18;
-constexpr int kChassisInst = 17;
 constexpr INT8U kPsuRedundancySensor = 0x81;
 
 constexpr int kModePsuControl = 17;
@@ -39,21 +39,13 @@ constexpr uint32_t kDbgBmcinitSkip = 0x2000;
 constexpr uint32_t kFruMaintenance = 0x8;
 constexpr uint32_t kNotMounted = 0xFF;
 
-const char* const kBobcPath = "/SYSTEM#0/BOBC#0";
 const char* const kPsucReadHap = "BOB_R_BOBC_PSUC";
 
-constexpr int kLvlStartEnd = 0x801;
-constexpr int kLvlInfo = 0x8001;
-constexpr int kLvlError = 0x8002;
-
-void psu_trace(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
-{
-    sp_trace2(level, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
-}
+constexpr Tracer psu_trace{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
 
 void psu_trace_ras(uint32_t id, const char* fmt, const char* ras_code)
 {
-    sp_trace4(kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, ras_code);
+    sp_trace4(kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, ras_code);
 }
 
 int as_int(uint32_t v)
@@ -87,80 +79,71 @@ int read_psuc(psuc_all_t* image, uint32_t bob_mask, uint32_t common_mask)
     return znlib_hce_exechap(kBobcPath, kPsucReadHap, "READ", para, reinterpret_cast<uint32_t*>(image));
 }
 
-template <typename T> void read_root_record(int key, T* rec)
-{
-    *rec = T{};
-    Component* root = Component::getRoot();
-    if (root != nullptr) {
-        root->getProperty(key, rec, sizeof(T));
-    }
-}
-
 /* Stores the full register image in PSUC#0's record for the log. */
 void addlog_psu_config()
 {
-    psu_trace(kLvlStartEnd, 0x5400400, "addlog_psu_config():start");
+    psu_trace(kLevelDetail, 0x5400400, "addlog_psu_config():start");
 
     psuc_all_t image;
     int ret = read_psuc(&image, 0x1FFF, 0xFF);
     if (ret != 0) {
-        psu_trace(kLvlError, 0x5400401, "addlog_psu_config():get PSUC register failed. ret=%d", ret);
+        psu_trace(kLevelError, 0x5400401, "addlog_psu_config():get PSUC register failed. ret=%d", ret);
         return;
     }
 
-    Component* root = Component::getRoot();
-    Component* iorc = root != nullptr ? root->getComponent(COMPO_IORC, 0) : nullptr;
-    Component* psuc = iorc != nullptr ? iorc->getComponent(COMPO_PSUC, 0) : nullptr;
+    Component* iorc = child(root(), COMPO_IORC, 0);
+    Component* psuc = child(iorc, COMPO_PSUC, 0);
     if (psuc == nullptr) {
         /* No place to keep the image: the event itself is still logged by the caller. */
-        psu_trace(kLvlError, 0x5400402, "addlog_psu_config():PSUC#0 not found. IORC#0 found=%d",
+        psu_trace(kLevelError, 0x5400402, "addlog_psu_config():PSUC#0 not found. IORC#0 found=%d",
                   iorc != nullptr);
         return;
     }
-    {
-        Component::WriteLock lock(iorc);
-        current_psuc_info_t rec{};
-        psuc->getProperty(PROP_CURRENT_INFO, &rec, sizeof(rec));
-        rec.psuc = image;
-        psuc->setProperty(PROP_CURRENT_INFO, &rec, sizeof(rec));
-    }
-    psu_trace(kLvlStartEnd, 0x54004FF, "addlog_psu_config():end");
+    /* PSUC#0's record is kept under IORC#0's lock. */
+    modify_record<current_psuc_info_t>(
+        iorc, psuc, PROP_CURRENT_INFO,
+        [&](current_psuc_info_t& rec) {
+            rec.psuc = image;
+            return true;
+        },
+        [](const current_psuc_info_t&) {});
+    psu_trace(kLevelDetail, 0x54004FF, "addlog_psu_config():end");
 }
 
 /* 0 when the loss comes from the maintenance target itself being out. */
 int is_regist_redundancy_lost(int mnt_bob, int mnt_psu_no, psuc_all_t* psureg)
 {
-    psu_trace(kLvlStartEnd, 0x5400500, "is_regist_redundancy_lost():mnt_bob=%d mnt_psu_no=%d", mnt_bob,
+    psu_trace(kLevelDetail, 0x5400500, "is_regist_redundancy_lost():mnt_bob=%d mnt_psu_no=%d", mnt_bob,
               mnt_psu_no);
 
     const psuc_bob_t& bob = psureg->bob[mnt_bob];
     if ((getFruStatus(bob.FRUStatus, mnt_psu_no) & 7) == 0) {
         psu_trace(
-            kLvlInfo, 0x5400501,
+            kLevelInfo, 0x5400501,
             "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(status unknown)",
             mnt_psu_no);
         return 0;
     }
     if (getWordReg(psureg->common.PresentSts, mnt_psu_no) == 0) {
-        psu_trace(kLvlInfo, 0x5400502,
+        psu_trace(kLevelInfo, 0x5400502,
                   "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(not present)",
                   mnt_psu_no);
         return 0;
     }
     if (getWordReg(psureg->common.ACOKSts, mnt_psu_no) == 0) {
-        psu_trace(kLvlInfo, 0x5400503,
+        psu_trace(kLevelInfo, 0x5400503,
                   "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(AC Lost)",
                   mnt_psu_no);
         return 0;
     }
     if (getByteReg(bob.PSONAndCntl, mnt_psu_no) == 0) {
         psu_trace(
-            kLvlInfo, 0x5400504,
+            kLevelInfo, 0x5400504,
             "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(PSONAndCntl off)",
             mnt_psu_no);
         return 0;
     }
-    psu_trace(kLvlInfo, 0x5400505, "is_regist_redundancy_lost(): regist redundancy lost");
+    psu_trace(kLevelInfo, 0x5400505, "is_regist_redundancy_lost(): regist redundancy lost");
     return 1;
 }
 
@@ -175,23 +158,23 @@ bool psu_usable(int i, const psuc_all_t& reg, uint32_t debug_flag_common0, int m
 {
     uint32_t psuinfo = 0;
     if (znlib_psu_ctlinfo(i, &psuinfo) < 0) {
-        psu_trace(kLvlError, 0x5400316, "check_psu_redundancy():PSU#%02d znlib_psu_ctlinfo error", i);
+        psu_trace(kLevelError, 0x5400316, "check_psu_redundancy():PSU#%02d znlib_psu_ctlinfo error", i);
         return false;
     }
     uint32_t ctlbob = psuinfo >> 8;
     if (ctlbob == kNotMounted) {
-        psu_trace(kLvlInfo, 0x5400305, "check_psu_redundancy():PSU#%02d NG. not mount", i);
+        psu_trace(kLevelInfo, 0x5400305, "check_psu_redundancy():PSU#%02d NG. not mount", i);
         return false;
     }
     if (ctlbob > 2) {
-        psu_trace(kLvlError, 0x5400317, "check_psu_redundancy():PSU#%02d invalid ctlbob. ctlbob=%d", i,
+        psu_trace(kLevelError, 0x5400317, "check_psu_redundancy():PSU#%02d invalid ctlbob. ctlbob=%d", i,
                   as_int(ctlbob));
         return false;
     }
     const psuc_bob_t& bob = reg.bob[ctlbob];
     uint32_t frustate = getFruStatus(bob.FRUStatus, i);
     if (frustate & kFruMaintenance) {
-        psu_trace(kLvlInfo, 0x5400306,
+        psu_trace(kLevelInfo, 0x5400306,
                   "check_psu_redundancy():PSU#%02d is maintenance target. frustate=0x%08x", i,
                   as_int(frustate));
         scan.mnt_bob = as_int(ctlbob);
@@ -199,35 +182,35 @@ bool psu_usable(int i, const psuc_all_t& reg, uint32_t debug_flag_common0, int m
     }
     uint32_t status = frustate & 7;
     if (status == 3 || status == 4) {
-        psu_trace(kLvlInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+        psu_trace(kLevelInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
                   as_int(frustate));
         return false;
     }
     if (status == 0) {
         if ((debug_flag_common0 & kDbgCommon0IgnoreUnknown) == 0) {
-            psu_trace(kLvlInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+            psu_trace(kLevelInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
                       as_int(frustate));
             return false;
         }
         psu_trace(
-            kLvlInfo, 0x5400313,
+            kLevelInfo, 0x5400313,
             "check_psu_redundancy():PSU#%02d unknown. frustate=0x%08x. ignore unknown by debug_flag=0x%08x",
             i, 0, as_int(debug_flag_common0));
     }
     if (getWordReg(reg.common.PresentSts, i) == 0) {
-        psu_trace(kLvlInfo, 0x5400308, "check_psu_redundancy():PSU#%02d NG. not present.", i);
+        psu_trace(kLevelInfo, 0x5400308, "check_psu_redundancy():PSU#%02d NG. not present.", i);
         return false;
     }
     if (getWordReg(reg.common.ACOKSts, i) == 0) {
-        psu_trace(kLvlInfo, 0x5400309, "check_psu_redundancy():PSU#%02d NG. AC Lost", i);
+        psu_trace(kLevelInfo, 0x5400309, "check_psu_redundancy():PSU#%02d NG. AC Lost", i);
         return false;
     }
     if (getByteReg(bob.PSONAndCntl, i) == 0) {
-        psu_trace(kLvlInfo, 0x540030A, "check_psu_redundancy():PSU#%02d NG. PSONAndCntl off", i);
+        psu_trace(kLevelInfo, 0x540030A, "check_psu_redundancy():PSU#%02d NG. PSONAndCntl off", i);
         return false;
     }
     if (mode == kModePsuControl && i == psuno) {
-        psu_trace(kLvlInfo, 0x540030C, "check_psu_redundancy():PSU#%02d NG. PSU Control POFF target", i);
+        psu_trace(kLevelInfo, 0x540030C, "check_psu_redundancy():PSU#%02d NG. PSU Control POFF target", i);
         return false;
     }
     return true;
@@ -288,7 +271,7 @@ void act_on_verdict(int mode, int result, uint16_t redundancy_sns, const PsuScan
         znpdklib_log_save_sel_error_log(&loginfo, &loglink);
         znpdklib_exSetSensorWoS(kPsuRedundancySensor, kOffsetLost, kChassisInst);
         if (redundancy_sns & kSnsShortage) {
-            psu_trace(kLvlInfo, 0x5400312, "check_psu_redundancy():psu redundancy shortage to lost");
+            psu_trace(kLevelInfo, 0x5400312, "check_psu_redundancy():psu redundancy shortage to lost");
             znpdklib_redundancy_recover_shortage2lost();
         }
         return;
@@ -306,81 +289,99 @@ void act_on_verdict(int mode, int result, uint16_t redundancy_sns, const PsuScan
     }
 }
 
-int check_psu_redundancy(int mode, int logregist, int psuno)
+/* The debug words may switch the check off. */
+bool psu_check_ignored(const setup_system_info_t& setup)
 {
-    psu_trace(kLvlStartEnd, 0x5400300, "check_psu_redundancy():start");
-    psu_trace(kLvlInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode, logregist,
-              psuno);
-
-    setup_system_info_t setup;
-    read_root_record(PROP_SETUP_INFO, &setup);
     uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     uint32_t debug_flag_bmcinit = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT];
     if ((debug_flag_common0 & kDbgCommon0Skip) || (debug_flag_bmcinit & kDbgBmcinitSkip)) {
         psu_trace(
-            kLvlInfo, 0x5400315,
+            kLevelInfo, 0x5400315,
             "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
             as_int(debug_flag_common0), as_int(debug_flag_bmcinit));
-        return 0;
+        return true;
     }
+    return false;
+}
 
-    psuc_all_t reg;
-    int ret = read_psuc(&reg, 0xA00, 0xF);
+/* The controller's registers as the check reads them, traced. */
+int read_check_registers(psuc_all_t* reg)
+{
+    int ret = read_psuc(reg, 0xA00, 0xF);
     if (ret != 0) {
-        psu_trace(kLvlError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d", ret);
-        return -1;
+        psu_trace(kLevelError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d", ret);
+        return ret;
     }
     sp_trace27(
-        kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
+        kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
         "check_psu_redundancy():Present=0x%08x ACOK=0x%08x PWOK=0x%08x PSON=0x%08x PSONAndCntl=0x%08x 0x%08x 0x%08x",
-        as_int(reg.common.PresentSts), as_int(reg.common.ACOKSts), as_int(reg.common.PWOKSts),
-        as_int(reg.common.PSONSts), as_int(reg.bob[0].PSONAndCntl), as_int(reg.bob[1].PSONAndCntl),
-        as_int(reg.bob[2].PSONAndCntl));
-    psu_trace(kLvlInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
-              as_int(reg.bob[0].FRUStatus), as_int(reg.bob[1].FRUStatus), as_int(reg.bob[2].FRUStatus));
+        as_int(reg->common.PresentSts), as_int(reg->common.ACOKSts), as_int(reg->common.PWOKSts),
+        as_int(reg->common.PSONSts), as_int(reg->bob[0].PSONAndCntl), as_int(reg->bob[1].PSONAndCntl),
+        as_int(reg->bob[2].PSONAndCntl));
+    psu_trace(kLevelInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
+              as_int(reg->bob[0].FRUStatus), as_int(reg->bob[1].FRUStatus), as_int(reg->bob[2].FRUStatus));
+    return 0;
+}
 
+/* The verdict under chk_redundacy_mutex and what it registers; false when
+ * a small configuration has the check switched off. */
+bool judge_psus(int mode, int logregist, PsuScan& scan, psuc_all_t& reg, int* result)
+{
+    ScopeLock lock(&chk_redundacy_mutex);
+    const current_system_info_t sys = read_record<current_system_info_t>(root(), PROP_CURRENT_INFO);
+    uint16_t redundancy_sns = read_redundancy_sensor();
+    int slots = sys.available_psu_slots;
+    int check_enable = sys.psu_redandancy_check_enable;
+    if (scan.okpsu >= slots) {
+        *result = kResultRedundant;
+    } else if (scan.okpsu == slots - 1) {
+        *result = kResultLost;
+    } else {
+        *result = kResultShortage;
+    }
+    sp_trace25(kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
+               "check_psu_redundancy():okpsu=%d psu_slots=%d redundancy_sns=0x%04x result=%d check_enable=%d",
+               scan.okpsu, slots, redundancy_sns, *result, check_enable);
+
+    /* Small configurations may switch the check off; with 3 slots a shortage still counts. */
+    if (check_enable == 0 && (slots == 2 || (slots == 3 && *result != kResultShortage))) {
+        psu_trace(
+            kLevelInfo, slots == 2 ? 0x5400318 : 0x5400319,
+            "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
+            scan.okpsu, slots, check_enable, *result);
+        return false;
+    }
+    if (logregist != 0) {
+        act_on_verdict(mode, *result, redundancy_sns, scan, reg);
+    }
+    return true;
+}
+
+int check_psu_redundancy(int mode, int logregist, int psuno)
+{
+    psu_trace(kLevelDetail, 0x5400300, "check_psu_redundancy():start");
+    psu_trace(kLevelInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode, logregist,
+              psuno);
+    const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
+    if (psu_check_ignored(setup)) {
+        return 0;
+    }
+    psuc_all_t reg;
+    if (read_check_registers(&reg) != 0) {
+        return -1;
+    }
     PsuScan scan;
+    const uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     for (int i = 0; i < kPsuCount; ++i) {
         if (psu_usable(i, reg, debug_flag_common0, mode, psuno, scan)) {
             scan.okpsu++;
         }
     }
-
     int result = kResultRedundant;
-    {
-        ScopeLock lock(&chk_redundacy_mutex);
-        current_system_info_t sys;
-        read_root_record(PROP_CURRENT_INFO, &sys);
-        uint16_t redundancy_sns = read_redundancy_sensor();
-
-        int slots = sys.available_psu_slots;
-        int check_enable = sys.psu_redandancy_check_enable;
-        if (scan.okpsu >= slots) {
-            result = kResultRedundant;
-        } else if (scan.okpsu == slots - 1) {
-            result = kResultLost;
-        } else {
-            result = kResultShortage;
-        }
-        sp_trace25(
-            kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
-            "check_psu_redundancy():okpsu=%d psu_slots=%d redundancy_sns=0x%04x result=%d check_enable=%d",
-            scan.okpsu, slots, redundancy_sns, result, check_enable);
-
-        /* Small configurations may switch the check off; with 3 slots a shortage still counts. */
-        if (check_enable == 0 && (slots == 2 || (slots == 3 && result != kResultShortage))) {
-            psu_trace(
-                kLvlInfo, slots == 2 ? 0x5400318 : 0x5400319,
-                "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
-                scan.okpsu, slots, check_enable, result);
-            return 0;
-        }
-
-        if (logregist != 0) {
-            act_on_verdict(mode, result, redundancy_sns, scan, reg);
-        }
+    if (!judge_psus(mode, logregist, scan, reg, &result)) {
+        return 0;
     }
-    psu_trace(kLvlStartEnd, 0x54003FF, "check_psu_redundancy():end");
+    psu_trace(kLevelDetail, 0x54003FF, "check_psu_redundancy():end");
     return result;
 }
 
@@ -389,7 +390,7 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
 extern "C" int znpdklib_check_psu_redundancy(int mode)
 {
     if (mode < 1 || mode > 3) {
-        psu_trace(kLvlError, 0x5400101, "znpdklib_check_psu_redundancy():invalid mode(=%d)", mode);
+        psu_trace(kLevelError, 0x5400101, "znpdklib_check_psu_redundancy():invalid mode(=%d)", mode);
         return -1;
     }
     /* No PSU is excluded outside the PSU control pre-check. */
@@ -399,7 +400,7 @@ extern "C" int znpdklib_check_psu_redundancy(int mode)
 extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno)
 {
     if (mode != kModePsuControl) {
-        psu_trace(kLvlError, 0x5400201, "znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=%d)",
+        psu_trace(kLevelError, 0x5400201, "znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=%d)",
                   mode);
         return -1;
     }
