@@ -181,6 +181,16 @@ int Init_Sensor_notins(int BMCInst, unsigned char check)
     return 0;
 }
 
+/* A unit that is not installed: every FRU sensor of its OEMField `check`
+ * reads not installed, between the lines `id` and `id` + 1. */
+void unit_not_installed(int BMCInst, unsigned char check, int unit, uint32_t id, const char* absent,
+                        const char* done)
+{
+    trace_init(kLevelInfo, id, absent, unit);
+    Init_Sensor_notins(BMCInst, check);
+    trace_init(kLevelInfo, id + 1, done, unit);
+}
+
 /* CMU-level sensors, on the instance of the CMU's even node. */
 int Init_Sensor_CMUInst(int BMCInst)
 {
@@ -204,10 +214,9 @@ int Init_Sensor_CMUInst(int BMCInst)
                        "[INIT_SENSOR_CMU]:/CMU#%d/AOC#%d FRU/FRUE sensor set to not-install.", cmu, j);
         }
     } else {
-        trace_init(kLevelInfo, 0x05120001, "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.", cmu);
-        Init_Sensor_notins(BMCInst, 2);
-        trace_init(kLevelInfo, 0x05120002, "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.",
-                   cmu);
+        unit_not_installed(BMCInst, 2, cmu, 0x05120001,
+                           "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.",
+                           "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.");
     }
     trace_init(kLevelInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
     return 0;
@@ -231,10 +240,8 @@ int Init_Sensor_NODEInst(int BMCInst)
             }
         }
     } else {
-        trace_init(kLevelInfo, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.", node);
-        Init_Sensor_notins(BMCInst, 3);
-        trace_init(kLevelInfo, 0x05130002, "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.",
-                   node);
+        unit_not_installed(BMCInst, 3, node, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.",
+                           "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.");
     }
     trace_init(kLevelInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
     trace_init(kLevelInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
@@ -678,23 +685,43 @@ void init_node_defaults(int BMCInst)
 /* The node's first SSD and PCIe card, when missing. */
 void init_node_parts(int node, int BMCInst)
 {
+    struct Part {
+        int type;
+        int sensors[2];
+        uint32_t id;
+        const char* fmt;
+    };
+    const Part parts[] = {
+        {COMPO_SSD,
+         {145, 146},
+         0x05010005,
+         "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor."},
+        {COMPO_PCIECARD,
+         {8, 66},
+         0x05010006,
+         "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor."},
+    };
     Component* nodec = child(root(), COMPO_NODE, node);
-    std::vector<Component*> ssds = children(nodec, COMPO_SSD);
-    if (!ssds.empty() && !installed(ssds[0])) {
-        set_not_installed(145, BMCInst);
-        set_not_installed(146, BMCInst);
-        trace_init(kLevelInfo, 0x05010005,
-                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.", node / 2,
-                   node % 2);
+    for (const Part& part : parts) {
+        std::vector<Component*> found = children(nodec, part.type);
+        if (!found.empty() && !installed(found[0])) {
+            set_not_installed(part.sensors[0], BMCInst);
+            set_not_installed(part.sensors[1], BMCInst);
+            trace_init(kLevelInfo, part.id, part.fmt, node / 2, node % 2);
+        }
     }
-    std::vector<Component*> cards = children(nodec, COMPO_PCIECARD);
-    if (!cards.empty() && !installed(cards[0])) {
-        set_not_installed(8, BMCInst);
-        set_not_installed(66, BMCInst);
-        trace_init(kLevelInfo, 0x05010006,
-                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
-                   node % 2);
-    }
+}
+
+/* A chassis pass between its start line (`id`) and end line (`id` | 0xFF);
+ * a pass stopped by an exception reports -1 and has no end line. */
+int run_pass(const char* function, void (*pass)(), uint32_t id, const char* start, const char* end)
+{
+    trace_init(kLevelInfo, id, start);
+    return guard(function, -1, [&] {
+        pass();
+        trace_init(kLevelInfo, id | 0xFF, end);
+        return 0;
+    });
 }
 
 } // namespace
@@ -712,25 +739,18 @@ int znpdklib_Init_Sensor_Bob(void)
     return 0;
 }
 
-/* A pass stopped by an exception reports -1 (and has no end line). */
 int znpdklib_Init_Sensor_PSU(void)
 {
-    trace_init(kLevelInfo, 0x05020000, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.");
-    return guard(__func__, -1, [] {
-        init_psu_sensors();
-        trace_init(kLevelInfo, 0x050200FF, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
-        return 0;
-    });
+    return run_pass(__func__, init_psu_sensors, 0x05020000,
+                    "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.",
+                    "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
 }
 
 int znpdklib_Init_Sensor_FANU(void)
 {
-    trace_init(kLevelInfo, 0x05158000, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.");
-    return guard(__func__, -1, [] {
-        init_fanu_sensors();
-        trace_init(kLevelInfo, 0x051580FF, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
-        return 0;
-    });
+    return run_pass(__func__, init_fanu_sensors, 0x05158000,
+                    "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.",
+                    "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
 }
 
 int znpdklib_Init_Sensor_Maintenance(void)
