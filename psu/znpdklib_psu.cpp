@@ -142,6 +142,30 @@ struct PsuScan {
     int mnt_psu_no = -1;
 };
 
+/* The FRU status of PSU i: failed (3, 4) or unknown (0, usable only when a
+ * debug bit says so) make it unusable. */
+bool fru_status_usable(int i, uint32_t frustate, uint32_t debug_flag_common0)
+{
+    uint32_t status = frustate & 7;
+    if (status == 3 || status == 4) {
+        kTracePowerMon(kLevelInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+                       as_int(frustate));
+        return false;
+    }
+    if (status == 0) {
+        if ((debug_flag_common0 & kDbgCommon0IgnoreUnknown) == 0) {
+            kTracePowerMon(kLevelInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+                           as_int(frustate));
+            return false;
+        }
+        kTracePowerMon(
+            kLevelInfo, 0x5400313,
+            "check_psu_redundancy():PSU#%02d unknown. frustate=0x%08x. ignore unknown by debug_flag=0x%08x",
+            i, 0, as_int(debug_flag_common0));
+    }
+    return true;
+}
+
 /* True when PSU i can deliver power; remembers a maintenance target on the way. */
 bool psu_usable(int i, const psuc_all_t& reg, uint32_t debug_flag_common0, int mode, int psuno, PsuScan& scan)
 {
@@ -169,22 +193,8 @@ bool psu_usable(int i, const psuc_all_t& reg, uint32_t debug_flag_common0, int m
         scan.mnt_bob = as_int(ctlbob);
         scan.mnt_psu_no = i;
     }
-    uint32_t status = frustate & 7;
-    if (status == 3 || status == 4) {
-        kTracePowerMon(kLevelInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
-                       as_int(frustate));
+    if (!fru_status_usable(i, frustate, debug_flag_common0)) {
         return false;
-    }
-    if (status == 0) {
-        if ((debug_flag_common0 & kDbgCommon0IgnoreUnknown) == 0) {
-            kTracePowerMon(kLevelInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
-                           as_int(frustate));
-            return false;
-        }
-        kTracePowerMon(
-            kLevelInfo, 0x5400313,
-            "check_psu_redundancy():PSU#%02d unknown. frustate=0x%08x. ignore unknown by debug_flag=0x%08x",
-            i, 0, as_int(debug_flag_common0));
     }
     if (getWordReg(reg.common.PresentSts, i) == 0) {
         kTracePowerMon(kLevelInfo, 0x5400308, "check_psu_redundancy():PSU#%02d NG. not present.", i);
