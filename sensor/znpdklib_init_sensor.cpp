@@ -403,7 +403,8 @@ bool replace_file(const char* path, const EscImage& image)
     if (fd < 0) {
         return false;
     }
-    bool written = write(fd, image, sizeof(image)) == static_cast<ssize_t>(sizeof(image));
+    /* On disk before the rename, so that a power loss leaves one whole table. */
+    bool written = write(fd, image, sizeof(image)) == static_cast<ssize_t>(sizeof(image)) && fsync(fd) == 0;
     close(fd);
     if (!written || rename(tmp, path) != 0) {
         unlink(tmp);
