@@ -108,6 +108,15 @@ void addlog_psu_config()
     kTracePowerMon(kLevelDetail, 0x54004FF, "addlog_psu_config():end");
 }
 
+/* True (and traced) when `cause` holds. */
+bool explains(bool cause, uint32_t id, const char* fmt, int psu)
+{
+    if (cause) {
+        kTracePowerMon(kLevelInfo, id, fmt, psu);
+    }
+    return cause;
+}
+
 /* 0 when the loss comes from the maintenance target itself being out. */
 int is_regist_redundancy_lost(int mnt_bob, int mnt_psu_no, psuc_all_t* psureg)
 {
@@ -116,21 +125,21 @@ int is_regist_redundancy_lost(int mnt_bob, int mnt_psu_no, psuc_all_t* psureg)
 
     /* The maintenance target's own state explains the loss. */
     const psuc_bob_t& bob = psureg->bob[mnt_bob];
-    const bool out[] = {(getFruStatus(bob.FRUStatus, mnt_psu_no) & 7) == 0,
-                        getWordReg(psureg->common.PresentSts, mnt_psu_no) == 0,
-                        getWordReg(psureg->common.ACOKSts, mnt_psu_no) == 0,
-                        getByteReg(bob.PSONAndCntl, mnt_psu_no) == 0};
-    const char* const why[] = {
-        "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(status unknown)",
-        "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(not present)",
-        "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(AC Lost)",
-        "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(PSONAndCntl off)",
-    };
-    for (int k = 0; k < 4; ++k) {
-        if (out[k]) {
-            kTracePowerMon(kLevelInfo, 0x5400501 + static_cast<uint32_t>(k), why[k], mnt_psu_no);
-            return 0;
-        }
+    if (explains(
+            (getFruStatus(bob.FRUStatus, mnt_psu_no) & 7) == 0, 0x5400501,
+            "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(status unknown)",
+            mnt_psu_no) ||
+        explains(getWordReg(psureg->common.PresentSts, mnt_psu_no) == 0, 0x5400502,
+                 "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(not present)",
+                 mnt_psu_no) ||
+        explains(getWordReg(psureg->common.ACOKSts, mnt_psu_no) == 0, 0x5400503,
+                 "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(AC Lost)",
+                 mnt_psu_no) ||
+        explains(
+            getByteReg(bob.PSONAndCntl, mnt_psu_no) == 0, 0x5400504,
+            "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(PSONAndCntl off)",
+            mnt_psu_no)) {
+        return 0;
     }
     kTracePowerMon(kLevelInfo, 0x5400505, "is_regist_redundancy_lost(): regist redundancy lost");
     return 1;

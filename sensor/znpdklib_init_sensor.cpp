@@ -683,34 +683,34 @@ void init_node_defaults(int BMCInst)
                "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]", BMCInst);
 }
 
+/* A node's first part of `type`, when missing: its two sensors read not
+ * installed. */
+void part_not_installed(Component* nodec, int type, int first, int second, int BMCInst)
+{
+    std::vector<Component*> found = children(nodec, type);
+    if (found.empty() || installed(found[0])) {
+        return;
+    }
+    set_not_installed(first, BMCInst);
+    set_not_installed(second, BMCInst);
+    const int node = node_of_inst(BMCInst);
+    if (type == COMPO_SSD) {
+        trace_init(kLevelInfo, 0x05010005,
+                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.", node / 2,
+                   node % 2);
+    } else {
+        trace_init(kLevelInfo, 0x05010006,
+                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
+                   node % 2);
+    }
+}
+
 /* The node's first SSD and PCIe card, when missing. */
 void init_node_parts(int node, int BMCInst)
 {
-    struct Part {
-        int type;
-        int sensors[2];
-        uint32_t id;
-        const char* fmt;
-    };
-    const Part parts[] = {
-        {COMPO_SSD,
-         {145, 146},
-         0x05010005,
-         "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor."},
-        {COMPO_PCIECARD,
-         {8, 66},
-         0x05010006,
-         "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor."},
-    };
     Component* nodec = child(root(), COMPO_NODE, node);
-    for (const Part& part : parts) {
-        std::vector<Component*> found = children(nodec, part.type);
-        if (!found.empty() && !installed(found[0])) {
-            set_not_installed(part.sensors[0], BMCInst);
-            set_not_installed(part.sensors[1], BMCInst);
-            trace_init(kLevelInfo, part.id, part.fmt, node / 2, node % 2);
-        }
-    }
+    part_not_installed(nodec, COMPO_SSD, 145, 146, BMCInst);
+    part_not_installed(nodec, COMPO_PCIECARD, 8, 66, BMCInst);
 }
 
 /* A chassis pass between its start line (`id`) and end line (`id` | 0xFF);
