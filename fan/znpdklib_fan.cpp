@@ -24,9 +24,6 @@ namespace {
 
 using namespace znpdk;
 
-constexpr int kRegion = T_REGION_POWER_MON;
-constexpr int kModule = SP_MID_BASE_UTIL;
-
 constexpr int kFanCount = 8;
 constexpr uint32_t kAllFans = 0xFF;
 
@@ -146,9 +143,9 @@ template <typename F> StartTimes for_fans_in_set(uint32_t fan_target, F&& per_fa
 
 void trace8(uint32_t id, const char* fmt, const uint32_t v[kFanCount], int level = kLevelInfo)
 {
-    sp_trace28(level, kRegion, kModule, id, fmt, static_cast<int>(v[0]), static_cast<int>(v[1]),
-               static_cast<int>(v[2]), static_cast<int>(v[3]), static_cast<int>(v[4]), static_cast<int>(v[5]),
-               static_cast<int>(v[6]), static_cast<int>(v[7]));
+    sp_trace28(level, kTracePowerMon.region, kTracePowerMon.module, id, fmt, static_cast<int>(v[0]),
+               static_cast<int>(v[1]), static_cast<int>(v[2]), static_cast<int>(v[3]), static_cast<int>(v[4]),
+               static_cast<int>(v[5]), static_cast<int>(v[6]), static_cast<int>(v[7]));
 }
 
 /* The fan's FRUE state (also stored at frue_sns) has a usable offset.
@@ -239,7 +236,7 @@ void znpdklib_set_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_
         }
         info.fan_check_result[i] = 0;
         sp_trace26(
-            kLevelInfo, kRegion, kModule, 0x800C0002,
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x800C0002,
             "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
             fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
     });
@@ -530,7 +527,7 @@ void log_transition(const char* ras_code, uint32_t id, const char* fmt, INT8U of
     splog_info loginfo;
     splog_linkup_info loglink;
     make_ras(&loginfo, &loglink, ras_code);
-    sp_trace4(kLevelInfo, kRegion, kModule, id, fmt, loginfo.ras_code);
+    sp_trace4(kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, id, fmt, loginfo.ras_code);
     znpdklib_log_save_sel_error_log(&loginfo, &loglink);
     znpdklib_exSetSensorWoS(kSnsFanRedundancy, offset, kChassisInst);
 }
@@ -802,7 +799,7 @@ void debug_fan_check_dummy_data(uint32_t fan_target, uint32_t* data)
                    static_cast<int>(flag));
     const char* const name = "/tmp/debug_fan_check_dummy_data";
     if (!sp::util::file::FileCheck::exist(name)) {
-        sp_trace4(kLevelInfo, kRegion, kModule, 0x80170003,
+        sp_trace4(kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80170003,
                   "debug_fan_check_dummy_data():debug file(%s) not exist", name);
         return;
     }
@@ -899,7 +896,7 @@ void register_timeout(RotationCheck& c, int i, uint32_t timer)
     c.cinfo.fan_check_result[i] = 1;
     c.target &= ~(1u << i);
     sp_trace27(
-        kLevelInfo, kRegion, kModule, 0x80090007,
+        kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80090007,
         "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d target=0x%02x",
         fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.cinfo.fan_start_time[i]),
         static_cast<int>(timer), static_cast<int>(c.max_time), static_cast<int>(c.target));
@@ -922,14 +919,14 @@ void judge_fan(RotationCheck& c, int i, const current_system_info_t& now, uint32
     if (c.fan_start_time != nullptr && c.fan_start_time[i] != now.fan_start_time[i]) {
         c.target &= ~(1u << i);
         sp_trace25(
-            kLevelInfo, kRegion, kModule, 0x8009000D,
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x8009000D,
             "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d fan_start_time_db=%d target=0x%02x",
             fanu_of(i), fan_of(i), static_cast<int>(c.fan_start_time[i]),
             static_cast<int>(now.fan_start_time[i]), static_cast<int>(c.target));
     } else if (c.data[i] >= c.threshold) {
         c.target &= ~(1u << i);
         sp_trace25(
-            kLevelInfo, kRegion, kModule, 0x80090006,
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80090006,
             "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d target=0x%02x",
             fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.threshold),
             static_cast<int>(c.target));
@@ -1096,7 +1093,7 @@ uint32_t second_check_target(const current_system_info_t& info)
                 fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
         } else {
             sp_trace25(
-                kLevelInfo, kRegion, kModule, 0x80080006,
+                kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80080006,
                 "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d fan_check_result=%d frue_sns=0x%04x",
                 fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), info.fan_check_result[i],
                 frue);

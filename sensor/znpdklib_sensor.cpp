@@ -29,9 +29,8 @@ namespace {
 
 using namespace znpdk;
 
-constexpr int kInstances = kInstCount;
 constexpr size_t kBlockSize = 1024;
-constexpr size_t kSaveFileSize = kBlockSize * kInstances;
+constexpr size_t kSaveFileSize = kBlockSize * kInstCount;
 constexpr size_t kEntrySize = 4;
 constexpr int kSensorsPerInst = 256;
 constexpr int kStateBits = 16;
@@ -156,7 +155,7 @@ INT8U exclusive_set(INT8U SensorNum, int BMCInst, const ExclusiveTexts& texts, A
 /* ---- Save area -------------------------------------------------------- */
 
 /* Block k of the mapped save file, or MAP_FAILED while unavailable. */
-uint8_t* Sensor_Save_Mapp[kInstances] = {
+uint8_t* Sensor_Save_Mapp[kInstCount] = {
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
@@ -183,7 +182,7 @@ constexpr size_t kPathMax = 512;
 void fill_new_save_file(int fd)
 {
     const uint8_t zeros[kBlockSize] = {};
-    for (int k = 0; k < kInstances; ++k) {
+    for (int k = 0; k < kInstCount; ++k) {
         ssize_t n = write(fd, zeros, sizeof(zeros));
         (void)n;
     }
@@ -213,7 +212,7 @@ void map_save_file(int fd)
     }
     sns_fd = fd;
     Sensor_Save_Mapp[0] = static_cast<uint8_t*>(map);
-    for (int k = 1; k < kInstances; ++k) {
+    for (int k = 1; k < kInstCount; ++k) {
         Sensor_Save_Mapp[k] = map == MAP_FAILED
                                   ? static_cast<uint8_t*>(MAP_FAILED)
                                   : static_cast<uint8_t*>(map) + static_cast<size_t>(k) * kBlockSize;
