@@ -58,6 +58,12 @@ struct Tracer {
     }
 };
 
+/* The lines of the power monitor: PSUs, fans, redundancy recovery,
+ * sequence flags and the alarm LED. */
+constexpr Tracer kTracePowerMon{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
+/* The lines of node error evaluation and of the outage marks. */
+constexpr Tracer kTraceUtil{T_REGION_LIB_UTIL, SP_MID_BASE_UTIL};
+
 /* 64-bit values are traced as two words, high word first. */
 inline int hi32(uint64_t v)
 {

@@ -13,7 +13,6 @@ namespace {
 
 using namespace znpdk;
 
-constexpr Tracer trace_seq{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
 constexpr uint64_t kChassisSequenceMask = 0x0BFFFF0000000000ull;
 
 /* Serialises this process's read-modify-writes of the shared flags area. */
@@ -57,8 +56,8 @@ uint64_t znpdklib_shmem_sequence_flags(int mode, uint64_t target)
         znpdklib_Various_sharemem_read(&area);
         return area.job_in_sequence & target;
     }
-    trace_seq(kLevelInfo, 0x0541100F, "znpdklib_shmem_sequence_flags():mode=%d target = %8.8x %8.8x", mode,
-              hi32(target), lo32(target));
+    kTracePowerMon(kLevelInfo, 0x0541100F, "znpdklib_shmem_sequence_flags():mode=%d target = %8.8x %8.8x",
+                   mode, hi32(target), lo32(target));
     ScopeLock lock(&v_mutex);
     znpdklib_Various_sharemem_read(&area);
     if (mode == 1) {
@@ -75,8 +74,8 @@ int znpdklib_monitor_enable_check(int BMCInst)
 {
     if (BMCInst != kChassisInst) {
         if ((read_common(root()).status & COMMON_STATUS_PSW_POWER_KILLED) != 0) {
-            trace_seq(kLevelInfo, 0x05411000, "znpdklib_monitor_enable_check():Inst=%d PSW power killed",
-                      BMCInst);
+            kTracePowerMon(kLevelInfo, 0x05411000, "znpdklib_monitor_enable_check():Inst=%d PSW power killed",
+                           BMCInst);
             return -1;
         }
     }
@@ -85,12 +84,12 @@ int znpdklib_monitor_enable_check(int BMCInst)
     if (going == 0) {
         return 0;
     }
-    trace_seq(kLevelDetail, 0x05411001,
-              "znpdklib_monitor_enable_check():Inst=%d now sequence go on. check = %8.8x %8.8x", BMCInst,
-              hi32(mask), lo32(mask));
-    trace_seq(kLevelDetail, 0x05411002,
-              "znpdklib_monitor_enable_check():Inst=%d now sequence go on. going = %8.8x %8.8x", BMCInst,
-              hi32(going), lo32(going));
+    kTracePowerMon(kLevelDetail, 0x05411001,
+                   "znpdklib_monitor_enable_check():Inst=%d now sequence go on. check = %8.8x %8.8x", BMCInst,
+                   hi32(mask), lo32(mask));
+    kTracePowerMon(kLevelDetail, 0x05411002,
+                   "znpdklib_monitor_enable_check():Inst=%d now sequence go on. going = %8.8x %8.8x", BMCInst,
+                   hi32(going), lo32(going));
     return 1;
 }
 
@@ -109,8 +108,8 @@ int znpdklib_monitor_enable_check_gio(int BMCInst)
     memset(&res, 0, sizeof(res));
     GetSensorReading(&req, sizeof(req), reinterpret_cast<INT8U*>(&res), BMCInst);
     int status = ((res.OptionalStatus & 0x7F) << 8) | res.ComparisonStatus;
-    trace_seq(kLevelInfo, 0x05411100, "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x",
-              BMCInst, status);
+    kTracePowerMon(kLevelInfo, 0x05411100, "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x",
+                   BMCInst, status);
     if ((status & 0x01F8) == 0) {
         return 1;
     }
@@ -123,7 +122,7 @@ int znpdklib_monitor_enable_check_gio(int BMCInst)
     }
     uint32_t sequence = read_common(node).sequence;
     if ((sequence & COMMON_SEQUENCE_POWER_OFF) != 0) {
-        trace_seq(
+        kTracePowerMon(
             kLevelInfo, 0x05411101,
             "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x but off seq running(%8.8x)",
             BMCInst, status, static_cast<int>(sequence));

@@ -52,11 +52,15 @@ bool in(const Text& t, void* pc)
     return a >= t.lo && a < t.hi;
 }
 
-/* True when the nearest owning frame of this allocation is the library's. */
-bool library_allocates()
+/* True when the nearest owning frame of this allocation is the library's;
+ * `caller` is malloc's own caller where known (a direct call needs no unwinding). */
+bool library_allocates(void* caller = nullptr)
 {
     if (t_counting == 0 || t_inside != 0) {
         return false;
+    }
+    if (caller != nullptr && (in(g_lib, caller) || in(g_sim, caller))) {
+        return in(g_lib, caller);
     }
     t_inside = 1;
     void* frames[64];
@@ -72,9 +76,9 @@ bool library_allocates()
     return lib;
 }
 
-void charge()
+void charge(void* caller = nullptr)
 {
-    if (library_allocates()) {
+    if (library_allocates(caller)) {
         ++g_lib_allocs;
     }
 }
@@ -102,19 +106,19 @@ void __libc_free(void*);
 
 void* malloc(size_t size)
 {
-    charge();
+    charge(__builtin_return_address(0));
     return __libc_malloc(size);
 }
 
 void* calloc(size_t n, size_t size)
 {
-    charge();
+    charge(__builtin_return_address(0));
     return __libc_calloc(n, size);
 }
 
 void* realloc(void* p, size_t size)
 {
-    charge();
+    charge(__builtin_return_address(0));
     return __libc_realloc(p, size);
 }
 
