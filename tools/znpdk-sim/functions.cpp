@@ -252,6 +252,35 @@ std::vector<Function> build_table()
 
 #undef FN
 
+} // namespace
+
+IntRange int_range(const CType& c)
+{
+    if (c.is_bool) {
+        return {0, 1};
+    }
+    unsigned bits = static_cast<unsigned>(8 * c.size);
+    if (c.is_signed) {
+        return {-(int64_t(1) << (bits - 1)), (uint64_t(1) << (bits - 1)) - 1};
+    }
+    return {0, bits >= 64 ? UINT64_MAX : (uint64_t(1) << bits) - 1};
+}
+
+IntRange pointee_range(PK k)
+{
+    switch (k) {
+    case PK::U16Ref:
+        return {0, UINT16_MAX};
+    case PK::I32Ref:
+    case PK::I32Arr:
+        return {INT32_MIN, INT32_MAX};
+    default:
+        return {0, UINT32_MAX};
+    }
+}
+
+namespace {
+
 size_t edit_distance(const std::string& a, const std::string& b)
 {
     std::vector<size_t> prev(b.size() + 1), cur(b.size() + 1);
@@ -297,29 +326,85 @@ size_t buffer_size(const Param& p, const ArgSpec& a)
     }
 }
 
+/* One integer of a C type, by value, with the range that type holds. */
+uint64_t int_arg(const CType& c, const Node& v, const char* what)
+{
+    IntRange r = int_range(c);
+    if (r.max_unsigned > uint64_t(INT64_MAX)) {
+        return get_uint(v, r.max_unsigned, what);
+    }
+    return static_cast<uint64_t>(get_int(v, r.min, static_cast<int64_t>(r.max_unsigned), what));
+}
+
+/* One value behind a pointer, "out" leaving it zero. */
+ArgSpec ref_arg(const Param& p, const Node& v, bool out, const char* what)
+{
+    ArgSpec a;
+    size_t n = p.kind == PK::U16Ref ? 2 : 4;
+    a.init.assign(n, 0);
+    if (!out) {
+        IntRange r = pointee_range(p.kind);
+        int64_t x = get_int(v, r.min, static_cast<int64_t>(r.max_unsigned), what);
+        std::memcpy(a.init.data(), &x, n); /* little-endian low bytes */
+    }
+    return a;
+}
+
+/* A list of 32-bit words: fixed arrays, procedure parameter and result words. */
+ArgSpec words_arg(const Param& p, const Node& v, bool out, const std::string& what)
+{
+    ArgSpec a;
+    bool fixed = p.kind == PK::I32Arr || p.kind == PK::U32Arr;
+    if (out && p.kind != PK::WordsIn) {
+        a.count = p.kind == PK::WordsOut ? 16 : p.count;
+        a.init.assign(4 * a.count, 0);
+        return a;
+    }
+    if (!v->is_array()) {
+        v.fail("expected " + what + " as a list of numbers, \"out\" or null, got " + v->dump());
+    }
+    size_t n = v->size();
+    if (fixed && n > p.count) {
+        v.fail(what + " holds " + std::to_string(p.count) + " values, " + std::to_string(n) + " given");
+    }
+    a.count = fixed ? p.count : n;
+    a.init.assign(4 * a.count, 0);
+    IntRange r = pointee_range(p.kind);
+    const char* word = p.kind == PK::I32Arr ? "an int" : "a 32-bit word";
+    for (size_t i = 0; i < n; ++i) {
+        uint32_t w =
+            static_cast<uint32_t>(get_int(v.at(i), r.min, static_cast<int64_t>(r.max_unsigned), word));
+        std::memcpy(a.init.data() + 4 * i, &w, 4);
+    }
+    return a;
+}
+
+ArgSpec struct_arg(const Param& p, const Node& v, bool out, const std::string& what)
+{
+    ArgSpec a;
+    const Type* t = p.kind == PK::EscTable ? find_type("Esc_Table_t") : p.type;
+    a.init.assign(t->size, 0);
+    if (!out) {
+        if (p.kind == PK::EscTable) {
+            v.fail("expected \"out\" or null for " + what);
+        }
+        fill(a.init.data(), *t, v);
+    }
+    return a;
+}
+
 ArgSpec parse_arg(const Function& f, size_t index, const Node& v)
 {
     const Param& p = f.params[index];
     const std::string what =
         f.name + " argument " + std::to_string(index) + " (" + p.name + ", " + kind_name(p.kind) + ")";
     ArgSpec a;
-    auto whatc = what.c_str();
     switch (p.kind) {
     case PK::U8:
-        a.bits = static_cast<uint64_t>(get_int(v, -128, 255, whatc)) & 0xFF;
-        return a;
     case PK::I32:
-        a.bits = static_cast<uint64_t>(get_int(v, INT32_MIN, UINT32_MAX, whatc));
-        return a;
     case PK::U32:
-        a.bits = static_cast<uint64_t>(get_int(v, INT32_MIN, UINT32_MAX, whatc)) & 0xFFFFFFFFu;
-        return a;
     case PK::U64:
-        if (v->is_number_integer() && !v->is_number_unsigned()) {
-            a.bits = static_cast<uint64_t>(get_int(v, INT64_MIN, INT64_MAX, whatc));
-        } else {
-            a.bits = get_uint(v, UINT64_MAX, whatc);
-        }
+        a.bits = int_arg(f.ctypes[index], v, what.c_str());
         return a;
     default:
         break;
@@ -332,54 +417,19 @@ ArgSpec parse_arg(const Function& f, size_t index, const Node& v)
     switch (p.kind) {
     case PK::U16Ref:
     case PK::I32Ref:
-    case PK::U32Ref: {
-        size_t n = p.kind == PK::U16Ref ? 2 : 4;
-        a.init.assign(n, 0);
-        if (!out) {
-            int64_t x = get_int(v, n == 2 ? -32768 : INT32_MIN, n == 2 ? 65535 : UINT32_MAX, whatc);
-            std::memcpy(a.init.data(), &x, n); /* little-endian low bytes */
-        }
-        return a;
-    }
+    case PK::U32Ref:
+        return ref_arg(p, v, out, what.c_str());
     case PK::I32Arr:
     case PK::U32Arr:
     case PK::WordsIn:
-    case PK::WordsOut: {
-        if (out && p.kind != PK::WordsIn) {
-            a.count = p.kind == PK::WordsOut ? 16 : p.count;
-            a.init.assign(4 * a.count, 0);
-            return a;
-        }
-        if (!v->is_array()) {
-            v.fail("expected " + what + " as a list of numbers, \"out\" or null, got " + v->dump());
-        }
-        size_t n = v->size();
-        if ((p.kind == PK::I32Arr || p.kind == PK::U32Arr) && n > p.count) {
-            v.fail(what + " holds " + std::to_string(p.count) + " values, " + std::to_string(n) + " given");
-        }
-        a.count = (p.kind == PK::I32Arr || p.kind == PK::U32Arr) ? p.count : n;
-        a.init.assign(4 * a.count, 0);
-        for (size_t i = 0; i < n; ++i) {
-            uint32_t w = static_cast<uint32_t>(get_int(v.at(i), INT32_MIN, UINT32_MAX, "a 32-bit word"));
-            std::memcpy(a.init.data() + 4 * i, &w, 4);
-        }
-        return a;
-    }
+    case PK::WordsOut:
+        return words_arg(p, v, out, what);
     case PK::Struct:
-    case PK::EscTable: {
-        const Type* t = p.kind == PK::EscTable ? find_type("Esc_Table_t") : p.type;
-        a.init.assign(t->size, 0);
-        if (!out) {
-            if (p.kind == PK::EscTable) {
-                v.fail("expected \"out\" or null for " + what);
-            }
-            fill(a.init.data(), *t, v);
-        }
-        return a;
-    }
+    case PK::EscTable:
+        return struct_arg(p, v, out, what);
     case PK::Component:
     case PK::Path:
-        a.text = get_string(v, whatc);
+        a.text = get_string(v, what.c_str());
         return a;
     default:
         break;
@@ -523,6 +573,32 @@ std::vector<std::string> similar_functions(const std::string& name)
     return out;
 }
 
+namespace {
+
+/* A name that is no parameter is named before any parameter is missed. */
+void check_param_names(const Function& f, const Node& args, const std::string& names)
+{
+    for (auto it = args->begin(); it != args->end(); ++it) {
+        bool known =
+            std::any_of(f.params.begin(), f.params.end(), [&](const Param& p) { return p.name == it.key(); });
+        if (known) {
+            continue;
+        }
+        std::string hint;
+        for (const Param& p : f.params) {
+            if (edit_distance(it.key(), p.name) <= std::max<size_t>(2, p.name.size() / 3)) {
+                hint = " (did you mean " + p.name + "?)";
+                break;
+            }
+        }
+        Node{&it.value(), ptr_add(args.ptr, it.key())}.fail(f.name + " has no parameter \"" + it.key() +
+                                                            "\"" + hint + "; it takes " +
+                                                            (names.empty() ? "none" : names));
+    }
+}
+
+} // namespace
+
 std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
 {
     std::vector<ArgSpec> arg_list;
@@ -549,6 +625,7 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
         return arg_list;
     }
     if (args->is_object()) {
+        check_param_names(f, args, names);
         ObjReader r(args);
         for (size_t i = 0; i < f.params.size(); ++i) {
             if (!r.has(f.params[i].name)) {

@@ -51,6 +51,7 @@ struct StepReport {
 };
 
 class Runner;
+struct Function;
 using Action = std::function<void(Runner&, StepReport&)>;
 using Check = std::function<void(Runner&, StepReport&)>;
 
@@ -62,7 +63,7 @@ struct Step {
     std::string report = "auto";
     bool background = false;
     std::string function; /* the function a call step calls */
-    std::string needs;    /* a hardware model this build lacks */
+    const Function* callee = nullptr;
     Action action;
     std::vector<Check> checks;
 };
@@ -86,8 +87,7 @@ Scenario load_scenario(const std::string& text, const std::string& file);
  * the run itself broke down. */
 int run_scenario(const Scenario& s, const Options& o);
 
-/* Functions the scenario calls that the library does not export, and
- * hardware models it uses that the simulated platform lacks. */
+/* Functions the scenario calls that the library does not export. */
 std::vector<std::string> missing_functions(const Scenario& s);
 
 /* Exit status of a run that could not start because of missing functions. */
