@@ -127,30 +127,14 @@ Param text(const char* n)
     return {n, PK::Path};
 }
 
-std::vector<Function> build_table()
+void sensor_functions(std::vector<Function>& t)
 {
     const char* S = "sensor state operations";
     const char* P = "sensor state persistence";
     const char* A = "shared flags area and controller checks";
     const char* U = "unit position ids";
-    const char* I = "initial sensor states";
-    const char* N = "node error evaluation";
-    const char* E = "escalation table";
-    const char* T = "port topology queries";
-    const char* Q = "port status and beacon check";
-    const char* O = "emergency and BMC-reboot outage";
-    const char* H = "procedure execution and record clearing";
-    const char* Sq = "sequence flags and monitor checks";
-    const char* L = "BoB alarm LED";
-    const char* R = "PSU redundancy";
-    const char* Rr = "redundancy recovery";
-    const char* Fs = "fan speed by reasons";
-    const char* Fr = "fan redundancy";
-    const char* Fc = "fan rotation checks";
-    const char* Fb = "fan check bookkeeping";
-    const char* Ft = "fan check threads";
     const PK u16r = PK::U16Ref;
-    return {
+    std::vector<Function> fns = {
         FN(ZNAPI_SetSensorWoS, S, u8("SensorNum"), i32("dir"), u8("offset"), i32("BMCInst")),
         FN(ZNAPI_SaveSensorTypeSEL, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"),
            u8("eventData3"), i32("BMCInst"), ref("recordId", u16r)),
@@ -180,6 +164,18 @@ std::vector<Function> build_table()
         FN(znpdklib_path2upid, U, text("path"), st("upid", "unit_position_id_t")),
         FN(znpdklib_upid2upid, U, i32("up"), i32("no"), compo("compo"), st("upid", "unit_position_id_t")),
         FN(znpdklib_upid2upid_pc, U, i32("up"), i32("no"), text("path"), st("upid", "unit_position_id_t")),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void start_up_and_port_functions(std::vector<Function>& t)
+{
+    const char* I = "initial sensor states";
+    const char* N = "node error evaluation";
+    const char* E = "escalation table";
+    const char* T = "port topology queries";
+    const char* Q = "port status and beacon check";
+    std::vector<Function> fns = {
         FN(ZNAPI_Sensor_Init, I, i32("BMCInst")),
         FN(znpdklib_Init_Sensor_Bob, I),
         FN(znpdklib_Init_Sensor_PSU, I),
@@ -203,6 +199,17 @@ std::vector<Function> build_table()
         FN(znpdklib_updateQuorPortStatus, Q, i32("routerno")),
         FN(znpdklib_checkBeaconErrorPort, Q, i32("routerno")),
         FN(znpdklib_clearQuorPortErrorStatus, Q, i32("routerno"), i32("lportno")),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void outage_and_flag_functions(std::vector<Function>& t)
+{
+    const char* O = "emergency and BMC-reboot outage";
+    const char* H = "procedure execution and record clearing";
+    const char* Sq = "sequence flags and monitor checks";
+    const char* L = "BoB alarm LED";
+    std::vector<Function> fns = {
         FN(znpdklib_setEmergencyOutage, O, i32("type"), i32("no"), u8("val")),
         FN(znpdklib_clearEmergencyOutage, O, i32("type"), i32("no")),
         FN(znpdklib_setBMCRebootOutage, O, i32("type"), i32("no"), u8("val")),
@@ -227,6 +234,20 @@ std::vector<Function> build_table()
         FN(znpdklib_shmem_corvo_job_regist_flags, Sq, i32("mode"), i32("BMCInst"), u8("regist_mode"),
            u8("regist_method"), st("datap", "job_regist_rows")),
         FN(znpdklib_clear_bob_alarm_led, L),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void redundancy_and_fan_functions(std::vector<Function>& t)
+{
+    const char* R = "PSU redundancy";
+    const char* Rr = "redundancy recovery";
+    const char* Fs = "fan speed by reasons";
+    const char* Fr = "fan redundancy";
+    const char* Fc = "fan rotation checks";
+    const char* Fb = "fan check bookkeeping";
+    const char* Ft = "fan check threads";
+    std::vector<Function> fns = {
         FN(znpdklib_check_psu_redundancy, R, i32("mode")),
         FN(znpdklib_check_psu_redundancy_for_psu_control, R, i32("mode"), i32("psuno")),
         FN(znpdklib_redundancy_recover, Rr, i32("sensor_clear")),
@@ -248,6 +269,17 @@ std::vector<Function> build_table()
         FN(znpdklib_get_fan_check_phase, Fb),
         FN(znpdklib_create_fan_rotation_check_thread, Ft, u8("mode"), u32("fan_target")),
     };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+std::vector<Function> build_table()
+{
+    std::vector<Function> t;
+    sensor_functions(t);
+    start_up_and_port_functions(t);
+    outage_and_flag_functions(t);
+    redundancy_and_fan_functions(t);
+    return t;
 }
 
 #undef FN
@@ -640,16 +672,13 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
     args.fail("expected the arguments as a list or as an object by parameter name, got " + args->dump());
 }
 
-CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list)
+namespace {
+
+/* The arguments as passed: integers, component handles and buffers made
+ * from the argument list. Empty error = ready to call. */
+std::string make_slots(const Function& f, const std::vector<ArgSpec>& arg_list,
+                       std::vector<std::vector<uint8_t>>& bufs, std::vector<Slot>& slots)
 {
-    CallResult res;
-    void* symbol = library_symbol(f.name);
-    if (symbol == nullptr) {
-        res.error = f.name + " is not exported by the library";
-        return res;
-    }
-    std::vector<std::vector<uint8_t>> bufs(arg_list.size());
-    std::vector<Slot> slots(arg_list.size());
     for (size_t i = 0; i < arg_list.size(); ++i) {
         const Param& p = f.params[i];
         const ArgSpec& a = arg_list[i];
@@ -660,8 +689,7 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list
         if (p.kind == PK::Component) {
             int oid = component_id(a.text);
             if (oid < 0) {
-                res.error = "no component at " + a.text;
-                return res;
+                return "no component at " + a.text;
             }
             slots[i].ptr = zsim::component(oid);
             continue;
@@ -678,45 +706,65 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list
         }
         slots[i].ptr = bufs[i].data();
     }
+    return "";
+}
+
+/* What the function left behind one pointer parameter (null when nothing to read). */
+json read_back(const Param& p, uint8_t* b, const ArgSpec& a)
+{
+    switch (p.kind) {
+    case PK::U16Ref: {
+        uint16_t v;
+        std::memcpy(&v, b, 2);
+        return v;
+    }
+    case PK::I32Ref: {
+        int32_t v;
+        std::memcpy(&v, b, 4);
+        return v;
+    }
+    case PK::U32Ref: {
+        uint32_t v;
+        std::memcpy(&v, b, 4);
+        return v;
+    }
+    case PK::I32Arr:
+    case PK::U32Arr:
+    case PK::WordsOut:
+        return read_words(b, a.count, p.kind == PK::I32Arr);
+    case PK::Struct:
+        return to_json(b, whole(*p.type));
+    case PK::EscTable:
+        return read_esc_table(b);
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace
+
+CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list)
+{
+    CallResult res;
+    void* symbol = library_symbol(f.name);
+    if (symbol == nullptr) {
+        res.error = f.name + " is not exported by the library";
+        return res;
+    }
+    std::vector<std::vector<uint8_t>> bufs(arg_list.size());
+    std::vector<Slot> slots(arg_list.size());
+    res.error = make_slots(f, arg_list, bufs, slots);
+    if (!res.error.empty()) {
+        return res;
+    }
     res.ret = f.invoke(symbol, slots);
     for (size_t i = 0; i < arg_list.size(); ++i) {
-        const Param& p = f.params[i];
         if (arg_list[i].null || bufs[i].empty()) {
             continue;
         }
-        uint8_t* b = bufs[i].data();
-        switch (p.kind) {
-        case PK::U16Ref: {
-            uint16_t v;
-            std::memcpy(&v, b, 2);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::I32Ref: {
-            int32_t v;
-            std::memcpy(&v, b, 4);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::U32Ref: {
-            uint32_t v;
-            std::memcpy(&v, b, 4);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::I32Arr:
-        case PK::U32Arr:
-        case PK::WordsOut:
-            res.out[p.name] = read_words(b, arg_list[i].count, p.kind == PK::I32Arr);
-            break;
-        case PK::Struct:
-            res.out[p.name] = to_json(b, whole(*p.type));
-            break;
-        case PK::EscTable:
-            res.out[p.name] = read_esc_table(b);
-            break;
-        default:
-            break;
+        json v = read_back(f.params[i], bufs[i].data(), arg_list[i]);
+        if (!v.is_null()) {
+            res.out[f.params[i].name] = v;
         }
     }
     return res;

@@ -496,32 +496,63 @@ bool call_by_name(const char* name)
 
 } // namespace
 
-int Runner::run(const Scenario& s)
+/* The set-up runs quietly; the save area is set up before its first
+ * library call (so that sensor calls of the set-up are kept), or after it
+ * when it calls none. */
+StepReport Runner::run_setup(const Scenario& s)
 {
-    StepReport setup_report;
-    setup_report.where = "/setup";
+    StepReport setup;
+    setup.where = "/setup";
+    bool area_ready = !s.save_area;
+    auto set_up_area = [&]() {
+        if (!area_ready && !call_by_name("ZNAPI_MemSensorAreaInit")) {
+            fail(setup, "/save_area", "ZNAPI_MemSensorAreaInit is not exported by the library");
+        }
+        area_ready = true;
+    };
     for (const Step& st : s.setup) {
+        if (st.kind == "call") {
+            set_up_area();
+        }
         StepReport r;
         run_step(st, r, true);
-        for (const Failure& f : r.failures) {
-            setup_report.failures.push_back(f);
-        }
+        setup.failures.insert(setup.failures.end(), r.failures.begin(), r.failures.end());
     }
-    if (s.save_area && !call_by_name("ZNAPI_MemSensorAreaInit")) {
-        fail(setup_report, "/save_area", "ZNAPI_MemSensorAreaInit is not exported by the library");
-    }
+    set_up_area();
     zsim::wait_library_threads();
+    return setup;
+}
+
+/* Whatever the steps said: the library's threads end and its locks stay in order. */
+StepReport Runner::run_end()
+{
+    StepReport end;
+    end.where = "/steps";
+    end.report = "quiet";
+    end.checks = 2;
+    if (!zsim::wait_library_threads()) {
+        fail(end, "/steps", "library threads still running at the end");
+    }
+    for (const std::string& v : zsim::lock_violations()) {
+        fail(end, "/steps", "component write-lock rule broken: " + v);
+    }
+    return end;
+}
+
+int Runner::run(const Scenario& s)
+{
+    StepReport setup = run_setup(s);
     start_ = marks_now();
     step_ = start_;
     if (!opts_.json) {
         std::printf("Scenario %s%s%s\n", s.name.c_str(), s.description.empty() ? "" : ": ",
                     s.description.c_str());
-        if (!setup_report.failures.empty()) {
-            print_step(setup_report);
+        if (!setup.failures.empty()) {
+            print_step(setup);
         }
     }
     json steps = json::array();
-    int failed = static_cast<int>(setup_report.failures.size());
+    int failed = static_cast<int>(setup.failures.size());
     int checks = failed;
     for (size_t i = 0; i < s.steps.size(); ++i) {
         StepReport r;
@@ -535,39 +566,34 @@ int Runner::run(const Scenario& s)
             print_step(r);
         }
     }
-    /* Whatever the steps said: the library's threads end and its locks stay in order. */
-    StepReport end;
-    end.where = "/steps";
-    end.report = "quiet";
-    end.checks = 2;
-    if (!zsim::wait_library_threads()) {
-        fail(end, "/steps", "library threads still running at the end");
-    }
-    for (const std::string& v : zsim::lock_violations()) {
-        fail(end, "/steps", "component write-lock rule broken: " + v);
-    }
+    StepReport end = run_end();
     checks += end.checks;
     failed += static_cast<int>(end.failures.size());
     int passed = checks - failed < 0 ? 0 : checks - failed;
     if (opts_.json) {
-        json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
-                    {"steps", steps},     {"expectations", checks}, {"passed", passed},
-                    {"failed", failed}};
-        json f = json::array();
-        for (const Failure& x : setup_report.failures) {
-            f.push_back({{"where", x.where}, {"what", x.what}});
-        }
-        for (const Failure& x : end.failures) {
-            f.push_back({{"where", x.where}, {"what", x.what}});
-        }
-        out["run_failures"] = f;
-        std::cout << out.dump(2) << std::endl;
+        print_json(s, steps, checks, passed, failed, {&setup, &end});
     } else {
         print_step(end);
         std::printf("\n%s: %d passed, %d failed\n", s.name.c_str(), passed, failed);
     }
     std::fflush(stdout);
     return failed;
+}
+
+void Runner::print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
+                        std::initializer_list<const StepReport*> run_reports) const
+{
+    json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
+                {"steps", steps},     {"expectations", checks}, {"passed", passed},
+                {"failed", failed}};
+    json f = json::array();
+    for (const StepReport* r : run_reports) {
+        for (const Failure& x : r->failures) {
+            f.push_back({{"where", x.where}, {"what", x.what}});
+        }
+    }
+    out["run_failures"] = f;
+    std::cout << out.dump(2) << std::endl;
 }
 
 int run_scenario(const Scenario& s, const Options& o)

@@ -4,6 +4,7 @@
 #define ZNPDK_SIM_TOOL_RUNNER_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,10 @@ class Runner {
     int run(const Scenario& s);
 
   private:
+    StepReport run_setup(const Scenario& s);
+    StepReport run_end();
+    void print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
+                    std::initializer_list<const StepReport*> run_reports) const;
     void run_step(const Step& st, StepReport& r, bool quiet);
     Marks marks_now() const;
     Snapshot snapshot() const;
