@@ -22,7 +22,10 @@ constexpr int kInstances = 18;
 constexpr int kLedSystem = 1; /* the chassis alarm LED of SYSTEM#0 */
 
 /* Events of one kind at one time print in this order. */
-enum Order { kRas, kSel, kSensor, kReasons, kLed, kPhase };
+enum Order { kError, kRas, kSel, kSensor, kReasons, kLed, kPhase };
+
+constexpr int kDebugLevel = 130;    /* the sensor layer's debug output */
+constexpr int kErrorLevel = 0x8002; /* error lines of the trace facility */
 
 std::string sensor_label(int inst, int num)
 {
@@ -309,8 +312,33 @@ void Runner::diff(const Snapshot& a, const Snapshot& b, StepReport& r) const
     }
 }
 
+/* The library's error lines: shown without --trace, since they often
+ * explain a result that surprises. */
+void Runner::collect_error_lines(StepReport& r) const
+{
+    std::vector<zsim::TraceLine> all = zsim::traces();
+    for (size_t k = step_.traces; k < all.size(); ++k) {
+        const zsim::TraceLine& t = all[k];
+        if (!(t.debug && t.level == kDebugLevel) && t.level != kErrorLevel) {
+            continue;
+        }
+        Event e;
+        e.t = t.time >= t0_ && t.time - t0_ <= r.t_end ? t.time - t0_ : r.t_end;
+        e.order = kError;
+        e.kind = "error_line";
+        e.data = {{"id", t.id},
+                  {"level", t.level},
+                  {"region", t.region},
+                  {"debug", t.debug},
+                  {"variant", t.variant}};
+        e.text = t.debug ? "debug output: " + t.text : "error trace " + hex(t.id, 8) + ": " + t.text;
+        r.events.push_back(e);
+    }
+}
+
 void Runner::collect_logs(StepReport& r) const
 {
+    collect_error_lines(r);
     for (int i = 0; i < kInstances; ++i) {
         std::vector<SELEventRecord_T> all = zsim::sel(i);
         for (size_t k = step_.sel[i]; k < all.size(); ++k) {
@@ -394,7 +422,22 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
 
 namespace {
 
-void print_events(const StepReport& r, bool verbose)
+/* The first lines with one trace id are shown, then how many more there were. */
+bool error_line_shown(const Event& e, std::map<uint32_t, int>& said, bool verbose)
+{
+    constexpr int kShown = 2;
+    int n = ++said[e.data["id"].get<uint32_t>()];
+    if (verbose || n <= kShown) {
+        return true;
+    }
+    if (n == kShown + 1) {
+        std::printf("   t=%-5u (more lines of error trace %s follow; --verbose or --trace shows them)\n", e.t,
+                    hex(e.data["id"].get<uint32_t>(), 8).c_str());
+    }
+    return false;
+}
+
+void print_events(const StepReport& r, bool verbose, bool traced)
 {
     if (r.report == "quiet") {
         return;
@@ -409,6 +452,7 @@ void print_events(const StepReport& r, bool verbose)
         return !verbose && (r.report == "summary" || (r.report == "auto" && per_inst[inst] > 12));
     };
     std::map<int, bool> said;
+    std::map<uint32_t, int> errors_said;
     for (const Event& e : r.events) {
         if (e.kind == "sensor") {
             int inst = e.data["inst"].get<int>();
@@ -420,6 +464,9 @@ void print_events(const StepReport& r, bool verbose)
                 }
                 continue;
             }
+        }
+        if (e.kind == "error_line" && (traced || !error_line_shown(e, errors_said, verbose))) {
+            continue; /* --trace printed it as it was written */
         }
         std::printf("   t=%-5u %s\n", e.t, e.text.c_str());
     }
@@ -451,7 +498,7 @@ void Runner::print_step(const StepReport& r) const
     if (!head.empty()) {
         std::printf("[t=%u] %s\n", r.t_start, head.c_str());
     }
-    print_events(r, opts_.verbose);
+    print_events(r, opts_.verbose, opts_.trace);
     for (const Failure& f : r.failures) {
         std::printf("   FAILED at %s: %s\n", f.where.c_str(), f.what.c_str());
     }

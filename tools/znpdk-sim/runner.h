@@ -63,6 +63,7 @@ class Runner {
     Marks marks_now() const;
     Snapshot snapshot() const;
     void diff(const Snapshot& before, const Snapshot& after, StepReport& r) const;
+    void collect_error_lines(StepReport& r) const;
     void collect_logs(StepReport& r) const;
     void print_step(const StepReport& r) const;
 

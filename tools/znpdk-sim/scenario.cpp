@@ -194,6 +194,7 @@ Scenario load_scenario(const std::string& text, const std::string& file)
     if (Node a = r.opt("save_area"); a.j) {
         s.save_area = get_bool(a, "true or false");
     }
+    MachineModel machine(s.default_machine);
     if (Node st = r.opt("setup"); st.j) {
         s.setup = parse_steps(st, true);
     }

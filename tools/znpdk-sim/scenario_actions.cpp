@@ -75,14 +75,18 @@ Action act_call(const Node& v, Step&)
 Action act_add_component(const Node& v, Step& st)
 {
     ObjReader r(v);
-    std::string path = path_of(r.at("path"));
+    Node path_node = r.at("path");
+    std::string path = path_of(path_node);
+    if (path.rfind('/') > 0) {
+        require_component(path_node, path.substr(0, path.rfind('/')));
+    }
     std::vector<std::string> parents;
     if (Node p = r.opt("parents"); p.j) {
         if (!p->is_array()) {
             p.fail("expected a list of component paths");
         }
         for (size_t i = 0; i < p->size(); ++i) {
-            parents.push_back(path_of(p.at(i)));
+            parents.push_back(existing_component(p.at(i)));
         }
     }
     auto common = std::make_shared<RecordChange>();
@@ -96,6 +100,7 @@ Action act_add_component(const Node& v, Step& st)
     int type = zsim::type_from_name(step.substr(0, hash));
     int no = std::atoi(step.c_str() + hash + 1);
     st.text = "component " + path + " added";
+    machine_added(path, parents);
     return [=](Runner& run, StepReport& rep) {
         std::vector<int> ids;
         for (const std::string& p : std::vector<std::string>{parent.empty() ? "/SYSTEM#0" : parent}) {
@@ -119,7 +124,8 @@ Action act_add_component(const Node& v, Step& st)
 
 Action act_remove_component(const Node& v, Step& st)
 {
-    std::string path = path_of(v);
+    std::string path = existing_component(v);
+    machine_removed(path);
     st.text = "component " + path + " removed";
     return [path](Runner& run, StepReport& rep) {
         int oid = component_id(path);
@@ -134,7 +140,7 @@ Action act_remove_component(const Node& v, Step& st)
 Action act_record(const Node& v, Step& st)
 {
     ObjReader r(v);
-    std::string path = path_of(r.at("path"));
+    std::string path = existing_component(r.at("path"));
     const RecordKind& kind = record_of(r.at("record"));
     auto change = std::make_shared<RecordChange>();
     change->type = kind.type;

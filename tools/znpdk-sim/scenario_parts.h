@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +25,25 @@ int i32_of(const Node& n, const char* what);
 /* A component path checked for its form ("/SYSTEM#0/TYPE#n/..." or without the root). */
 std::string path_of(const Node& n);
 const RecordKind& record_of(const Node& n);
+
+/* While a scenario is read: the components its machine has at the step
+ * being read (the default machine or the root alone, then what steps add
+ * and remove). */
+class MachineModel {
+  public:
+    explicit MachineModel(bool default_machine);
+    ~MachineModel();
+    MachineModel(const MachineModel&) = delete;
+    MachineModel& operator=(const MachineModel&) = delete;
+
+  private:
+    std::set<std::string> paths_;
+};
+/* A component path that names a component of the machine at this step. */
+std::string existing_component(const Node& n);
+void require_component(const Node& n, const std::string& path);
+void machine_added(const std::string& path, const std::vector<std::string>& parents);
+void machine_removed(const std::string& path);
 /* Checks field values against a type by storing them into scratch bytes. */
 void check_fields(const Type& t, const Node& fields);
 Ref bits_field(const Type& t, const Node& key_node, const std::string& key);

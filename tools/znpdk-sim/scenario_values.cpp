@@ -2,11 +2,139 @@
  * numbers, component paths, records and changes to their fields. */
 #include "scenario_parts.h"
 
-#include <cstring>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+#include "runner.h"
 #include "znpdk_sim/sim.h"
 
 namespace zcmd {
+
+namespace {
+
+/* Every path by which a component of the machine is reached, kept while a
+ * scenario is read so that steps name components that exist then. */
+std::set<std::string>* g_machine = nullptr;
+
+void walk(sp::sysobj::Component* c, const std::string& path, std::string& out)
+{
+    std::vector<sp::sysobj::Component*> kids;
+    c->getComponent(kids, false);
+    for (sp::sysobj::Component* k : kids) {
+        std::string canonical = zsim::path_of(k->getComponentId());
+        std::string p = path + canonical.substr(canonical.rfind('/'));
+        out += p + "\n";
+        walk(k, p, out);
+    }
+}
+
+/* The default machine's paths, from a machine built in a child process
+ * (this process's own machine, if any, stays as it is). */
+std::set<std::string> default_machine_paths()
+{
+    std::set<std::string> paths;
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return paths;
+    }
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        char tmpl[] = "/tmp/znpdk-sim-XXXXXX";
+        std::string out;
+        if (char* dir = mkdtemp(tmpl); dir != nullptr) {
+            zsim::init(dir);
+            zsim::build_default_machine();
+            walk(sp::sysobj::Component::getRoot(), "/SYSTEM#0", out);
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        }
+        for (size_t done = 0; done < out.size();) {
+            ssize_t n = write(fds[1], out.data() + done, out.size() - done);
+            if (n <= 0) {
+                break;
+            }
+            done += static_cast<size_t>(n);
+        }
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) {
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    if (pid > 0) {
+        waitpid(pid, nullptr, 0);
+    }
+    for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
+        paths.insert(text.substr(at, nl - at));
+    }
+    if (!paths.empty()) {
+        paths.insert("/SYSTEM#0");
+    }
+    return paths; /* empty: the machine could not be built, paths go unchecked */
+}
+
+} // namespace
+
+MachineModel::MachineModel(bool default_machine)
+{
+    static const std::set<std::string> kDefault = default_machine_paths();
+    paths_ = default_machine ? kDefault : std::set<std::string>{"/SYSTEM#0"};
+    g_machine = paths_.empty() ? nullptr : &paths_;
+}
+
+MachineModel::~MachineModel()
+{
+    g_machine = nullptr;
+}
+
+void require_component(const Node& n, const std::string& path)
+{
+    if (g_machine != nullptr && g_machine->count(full_path(path)) == 0) {
+        n.fail("the machine has no component " + full_path(path) +
+               " at this step (\"znpdk-sim machine\" lists the default machine; add_component adds one)");
+    }
+}
+
+std::string existing_component(const Node& n)
+{
+    std::string p = path_of(n);
+    require_component(n, p);
+    return p;
+}
+
+void machine_added(const std::string& path, const std::vector<std::string>& parents)
+{
+    if (g_machine == nullptr) {
+        return;
+    }
+    std::string step = path.substr(path.rfind('/'));
+    g_machine->insert(full_path(path));
+    for (const std::string& p : parents) {
+        g_machine->insert(full_path(p) + step);
+    }
+}
+
+void machine_removed(const std::string& path)
+{
+    if (g_machine == nullptr) {
+        return;
+    }
+    std::string p = full_path(path);
+    for (auto it = g_machine->lower_bound(p); it != g_machine->end() && it->compare(0, p.size(), p) == 0;) {
+        bool below = it->size() == p.size() || (*it)[p.size()] == '/';
+        it = below ? g_machine->erase(it) : std::next(it);
+    }
+}
 
 int inst_of(const Node& n)
 {
