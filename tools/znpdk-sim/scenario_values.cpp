@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <set>
 
 #include "runner.h"
 #include "znpdk_sim/sim.h"
+#include "znpdklib_types.h"
 
 namespace zcmd {
 
@@ -21,16 +23,51 @@ namespace {
  * scenario is read so that steps name components that exist then. */
 std::set<std::string>* g_machine = nullptr;
 
-void walk(sp::sysobj::Component* c, const std::string& path, std::string& out)
+/* Past the last machine component type (names are looked up, gaps skipped). */
+constexpr int kLastType = COMPO_SYSTEM + 128;
+
+/* Every path of one component: through its tree parent and through each
+ * further parent (a node is reached below its CMU and below the root). */
+void paths_of(sp::sysobj::Component* c, std::map<int, std::vector<std::string>>& memo)
 {
-    std::vector<sp::sysobj::Component*> kids;
-    c->getComponent(kids, false);
-    for (sp::sysobj::Component* k : kids) {
-        std::string canonical = zsim::path_of(k->getComponentId());
-        std::string p = path + canonical.substr(canonical.rfind('/'));
-        out += p + "\n";
-        walk(k, p, out);
+    int oid = c->getComponentId();
+    if (memo.count(oid)) {
+        return;
     }
+    std::vector<std::string>& mine = memo[oid];
+    std::string canonical = zsim::path_of(oid);
+    std::string step = canonical.substr(canonical.rfind('/'));
+    for (int type = COMPO_SYSTEM; type < kLastType; ++type) {
+        if (zsim::type_name(type).empty()) {
+            continue;
+        }
+        std::vector<sp::sysobj::Component*> parents;
+        c->getParents(type, parents);
+        for (sp::sysobj::Component* p : parents) {
+            paths_of(p, memo);
+            for (const std::string& pp : memo[p->getComponentId()]) {
+                mine.push_back(pp + step);
+            }
+        }
+    }
+    if (mine.empty()) {
+        mine.push_back(canonical);
+    }
+}
+
+std::string machine_listing()
+{
+    std::map<int, std::vector<std::string>> memo;
+    std::vector<sp::sysobj::Component*> all;
+    sp::sysobj::Component::getRoot()->getComponent(all, true);
+    std::string out;
+    for (sp::sysobj::Component* c : all) {
+        paths_of(c, memo);
+        for (const std::string& p : memo[c->getComponentId()]) {
+            out += p + "\n";
+        }
+    }
+    return out;
 }
 
 /* The default machine's paths, from a machine built in a child process
@@ -51,7 +88,7 @@ std::set<std::string> default_machine_paths()
         if (char* dir = mkdtemp(tmpl); dir != nullptr) {
             zsim::init(dir);
             zsim::build_default_machine();
-            walk(sp::sysobj::Component::getRoot(), "/SYSTEM#0", out);
+            out = machine_listing();
             std::error_code ec;
             std::filesystem::remove_all(dir, ec);
         }
