@@ -126,6 +126,8 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {wrap(R"({"fan": {"fan": 3}})"), "/steps/0/fan"},
         {wrap(R"({"fan": {"fan": 3, "stall": false}})"), ""},
         {wrap(R"({"fan": {"fan": 3, "stall": "yes"}})"), "/steps/0/fan/stall"},
+        {wrap(R"({"process": "Fan monitor", "note": "x"})"), "/steps/0/process"},
+        {wrap(R"({"process": "fan-mon_2", "note": "x"})"), ""},
         /* Components named must exist at that step. */
         {wrap(R"({"remove_component": "/SYSTEM#0/PSU#18"})"), "/steps/0/remove_component"},
         {wrap(R"({"remove_component": "/PSU#17"})"), ""},
@@ -400,4 +402,31 @@ TEST(SimScenarioRun, SetupCallsAreSavedAndErrorLinesShown)
     EXPECT_NE(printed.find("debug output: [znpdklib_sensor:"), std::string::npos) << printed;
     EXPECT_NE(printed.find("znpdklib_SetSensorWoS Error sns:250 dir:1 bit:0x0 BMCInst:17"), std::string::npos)
         << printed;
+}
+
+TEST(SimScenarioRun, NamedProcessesHandBackStatesAndLogs)
+{
+    const std::string text = R"({
+      "name": "procs",
+      "steps": [
+        {"process": "a", "call": "znpdklib_SetSensorWS", "args": [35, 1, "0x04", 0, 0, 17, "out"],
+         "expect": {"sensors": [{"inst": 17, "num": 35, "state": "0x0012"}]}},
+        {"process": "b", "call": "znpdklib_getDiscreteStatusSensorStatus", "args": [35, "out", 17],
+         "expect": {"ret": 0, "out": {"status": "0x0013"}}}
+      ]})";
+    std::string printed;
+    EXPECT_EQ(run_child(text, true, &printed), 1);
+    json run = json::parse(printed);
+    ASSERT_EQ(run["steps"].size(), 2u);
+    const json& first = run["steps"][0];
+    EXPECT_EQ(first["process"], "a");
+    ASSERT_EQ(first["events"].size(), 2u);
+    EXPECT_EQ(first["events"][0]["kind"], "sel");
+    EXPECT_EQ(first["events"][0]["SensorNum"], 35);
+    EXPECT_EQ(first["events"][1]["kind"], "sensor");
+    EXPECT_EQ(first["events"][1]["new"], 0x12);
+    EXPECT_EQ(run["steps"][1]["process"], "b");
+    EXPECT_EQ(run["steps"][1]["out"]["status"], 0x8012); /* bit 15 as the stack keeps it */
+    ASSERT_EQ(run["steps"][1]["failures"].size(), 1u);
+    EXPECT_EQ(run["steps"][1]["failures"][0]["where"], "/steps/1/expect/out/status");
 }

@@ -393,7 +393,10 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     step_ = marks_now();
     Snapshot before = quiet ? Snapshot() : snapshot();
     r.t_start = now();
-    if (st.action) {
+    r.process = st.process;
+    if (!st.process.empty()) {
+        procs_.run(st, *this, r);
+    } else if (st.action) {
         try {
             st.action(*this, r);
         } catch (const std::exception& e) {
@@ -496,7 +499,8 @@ void Runner::print_step(const StepReport& r) const
         std::printf("\n== %s\n", r.label.c_str());
     }
     if (!head.empty()) {
-        std::printf("[t=%u] %s\n", r.t_start, head.c_str());
+        std::printf("[t=%u] %s%s\n", r.t_start, r.process.empty() ? "" : (r.process + ": ").c_str(),
+                    head.c_str());
     }
     print_events(r, opts_.verbose, opts_.trace);
     for (const Failure& f : r.failures) {
@@ -512,6 +516,9 @@ json step_json(const StepReport& r)
     json j = {{"where", r.where}, {"t_start", r.t_start}, {"t_end", r.t_end}, {"text", r.text}};
     if (!r.label.empty()) {
         j["label"] = r.label;
+    }
+    if (!r.process.empty()) {
+        j["process"] = r.process;
     }
     if (r.has_call) {
         j["ret"] = r.ret;
@@ -548,6 +555,7 @@ bool call_by_name(const char* name)
  * when it calls none. */
 StepReport Runner::run_setup(const Scenario& s)
 {
+    procs_.start(process_names(s), s, *this);
     StepReport setup;
     setup.where = "/setup";
     bool area_ready = !s.save_area;
@@ -573,6 +581,7 @@ StepReport Runner::run_setup(const Scenario& s)
 /* Whatever the steps said: the library's threads end and its locks stay in order. */
 StepReport Runner::run_end()
 {
+    procs_.stop();
     StepReport end;
     end.where = "/steps";
     end.report = "quiet";

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "processes.h"
 #include "scenario.h"
 
 namespace zcmd {
@@ -68,6 +69,7 @@ class Runner {
     void print_step(const StepReport& r) const;
 
     const Options& opts_;
+    Processes procs_;
     uint32_t t0_;
     Marks start_;
     Marks step_;

@@ -54,6 +54,14 @@ void read_presentation(ObjReader& r, Step& st)
     if (Node l = r.opt("label"); l.j) {
         st.label = get_string(l, "a label");
     }
+    if (Node p = r.opt("process"); p.j) {
+        st.process = get_string(p, "a process name");
+        if (st.process.empty() ||
+            st.process.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_-") != std::string::npos) {
+            p.fail(
+                "a process name is a word of lower-case letters, digits, \"_\" and \"-\", such as \"fan\"");
+        }
+    }
     if (Node rp = r.opt("report"); rp.j) {
         st.report = get_string(rp, "full, summary or quiet");
         if (st.report != "full" && st.report != "summary" && st.report != "quiet") {
@@ -84,6 +92,11 @@ void read_call(ObjReader& r, const Node& v, Step& st)
     };
     if (Node b = r.opt("background"); b.j) {
         st.background = get_bool(b, "true or false");
+        /* A named process hands its states back when the step ends, so its threads end with it. */
+        if (st.background && !st.process.empty()) {
+            b.fail("a step in a named process waits for the library's threads; \"background\" is for the "
+                   "runner's own process");
+        }
     }
 }
 

@@ -37,6 +37,7 @@ struct StepReport {
     size_t index = 0;
     std::string where;
     std::string label;
+    std::string process;
     std::string text; /* what the step did */
     std::string report = "auto";
     uint32_t t_start = 0;
@@ -61,6 +62,7 @@ struct Step {
     std::string kind;
     std::string text;
     std::string report = "auto";
+    std::string process; /* "" = the runner's own process */
     bool background = false;
     std::string function; /* the function a call step calls */
     const Function* callee = nullptr;
