@@ -128,6 +128,11 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {wrap(R"({"fan": {"fan": 3, "stall": "yes"}})"), "/steps/0/fan/stall"},
         {wrap(R"({"process": "Fan monitor", "note": "x"})"), "/steps/0/process"},
         {wrap(R"({"process": "fan-mon_2", "note": "x"})"), ""},
+        {wrap(R"({"restart": 5})"), "/steps/0/restart"},
+        {wrap(R"({"bmc_reboot": true}, {"process": "a", "call": "ZNAPI_Sensor_Init", "args": [17]})"), ""},
+        {wrap(R"({"ac_power_cycle": true}, {"note": "x"}, {"call": "ZNAPI_Sensor_Init", "args": [17]})"),
+         "/steps/2"},
+        {wrap(R"({"bmc_reboot": false}, {"call": "ZNAPI_Sensor_Init", "args": [17]})"), ""},
         /* Components named must exist at that step. */
         {wrap(R"({"remove_component": "/SYSTEM#0/PSU#18"})"), "/steps/0/remove_component"},
         {wrap(R"({"remove_component": "/PSU#17"})"), ""},
@@ -429,4 +434,30 @@ TEST(SimScenarioRun, NamedProcessesHandBackStatesAndLogs)
     EXPECT_EQ(run["steps"][1]["out"]["status"], 0x8012); /* bit 15 as the stack keeps it */
     ASSERT_EQ(run["steps"][1]["failures"].size(), 1u);
     EXPECT_EQ(run["steps"][1]["failures"][0]["where"], "/steps/1/expect/out/status");
+}
+
+TEST(SimScenarioRun, RebootsKeepWhatTheNonVolatileDiskHolds)
+{
+    struct Case {
+        const char* step;
+        bool acon;             /* the AC power-on marker after the step */
+        const char* recovered; /* after an AC power-on nothing is recovered */
+    };
+    const Case cases[] = {{R"({"bmc_reboot": true})", false, "0x000a"},
+                          {R"({"ac_power_cycle": true})", true, "0"}};
+    for (const Case& c : cases) {
+        std::string text = std::string(R"({"name": "r", "steps": [
+            {"file": {"path": "/tmp/x", "text": "1"}}, {"file": {"path": "/var/nvrdisk/x", "text": "2"}},
+            {"process": "a", "call": "znpdklib_SetSensorWoS", "args": [129, 1, 3, 17]}, )") +
+                           c.step + R"(,
+            {"expect": {"files": [{"path": "/tmp/x", "exists": false}, {"path": "/var/nvrdisk/x", "text": "2"},
+                                  {"path": "/tmp/.boot/.acon", "exists": )" +
+                           (c.acon ? "true" : "false") + R"(}],
+                        "sensors": [{"inst": 17, "num": 129, "state": 0}],
+                        "saved_sensors": [{"inst": 17, "num": 129, "reading": "0x000a"}]}},
+            {"process": "a", "call": "ZNAPI_MemSensorInfoRecover", "args": [17],
+             "expect": {"ret": 0, "sensors": [{"inst": 17, "num": 129, "state": ")" +
+                           c.recovered + R"("}]}}]})";
+        EXPECT_EQ(run_child(text), 0) << c.step;
+    }
 }

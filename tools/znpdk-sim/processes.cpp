@@ -223,6 +223,11 @@ json run_here(const Step& st, Runner& run, const json& request)
     }
     json request;
     while (recv_msg(fd, request)) {
+        if (request.contains("end")) {
+            zsim::wait_library_threads();
+            send_msg(fd, {{"ended", true}});
+            break;
+        }
         const std::vector<Step>& list = request["setup"].get<bool>() ? s.setup : s.steps;
         const Step& st = list.at(request["index"].get<size_t>());
         if (!send_msg(fd, run_here(st, run, request))) {
@@ -265,8 +270,10 @@ std::vector<std::string> process_names(const Scenario& s)
     std::vector<std::string> names;
     for (const std::vector<Step>* list : {&s.setup, &s.steps}) {
         for (const Step& st : *list) {
-            if (!st.process.empty() && std::find(names.begin(), names.end(), st.process) == names.end()) {
-                names.push_back(st.process);
+            for (const std::string& n : {st.process, st.restarts}) {
+                if (!n.empty() && n != "*" && std::find(names.begin(), names.end(), n) == names.end()) {
+                    names.push_back(n);
+                }
             }
         }
     }
@@ -278,29 +285,110 @@ Processes::~Processes()
     stop();
 }
 
-void Processes::start(const std::vector<std::string>& names, const Scenario& s, Runner& run)
+/* The zygote: forked before this process uses the library, it forks every
+ * named process (also restarted ones) with a library that was never used.
+ * Each incarnation gets one of the socket pairs made beforehand. */
+[[noreturn]] void Processes::zygote(int ctl, const Scenario& s, Runner& run)
 {
-    for (const std::string& name : names) {
-        int fds[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
-            continue;
-        }
+    signal(SIGCHLD, SIG_IGN); /* ended processes are reaped at once */
+    for (const Slot& slot : slots_) {
+        close(slot.runner_fd);
+    }
+    int k = 0;
+    while (read_all(ctl, reinterpret_cast<char*>(&k), sizeof k)) {
         std::fflush(nullptr);
         pid_t pid = fork();
         if (pid == 0) {
-            close(fds[0]);
-            for (const auto& other : children_) {
-                close(other.second.fd);
+            close(ctl);
+            for (size_t i = 0; i < slots_.size(); ++i) {
+                if (static_cast<int>(i) != k) {
+                    close(slots_[i].child_fd);
+                }
             }
-            serve(fds[1], s, run);
+            serve(slots_[k].child_fd, s, run);
         }
-        close(fds[1]);
-        if (pid < 0) {
-            close(fds[0]);
-            continue;
+        close(slots_[k].child_fd);
+        if (write(ctl, &pid, sizeof pid) != sizeof pid) {
+            break;
         }
-        children_[name] = Child{pid, fds[0]};
     }
+    _exit(0);
+}
+
+void Processes::start(const std::vector<std::string>& names, const Scenario& s, Runner& run)
+{
+    if (names.empty()) {
+        return;
+    }
+    for (int i = 0; i < kIncarnations; ++i) {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+            break;
+        }
+        slots_.push_back({fds[0], fds[1]});
+    }
+    int ctl[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ctl) != 0) {
+        return;
+    }
+    std::fflush(nullptr);
+    zygote_ = fork();
+    if (zygote_ == 0) {
+        close(ctl[0]);
+        zygote(ctl[1], s, run);
+    }
+    close(ctl[1]);
+    ctl_ = ctl[0];
+    for (const Slot& slot : slots_) {
+        close(slot.child_fd);
+    }
+    for (const std::string& name : names) {
+        spawn(name);
+    }
+}
+
+bool Processes::spawn(const std::string& name)
+{
+    if (ctl_ < 0 || next_slot_ >= static_cast<int>(slots_.size())) {
+        return false;
+    }
+    int k = next_slot_++;
+    pid_t pid = -1;
+    if (write(ctl_, &k, sizeof k) != sizeof k || !read_all(ctl_, reinterpret_cast<char*>(&pid), sizeof pid) ||
+        pid < 0) {
+        return false;
+    }
+    children_[name] = Child{pid, slots_[k].runner_fd};
+    return true;
+}
+
+void Processes::end(const std::string& name)
+{
+    auto it = children_.find(name);
+    if (it == children_.end()) {
+        return;
+    }
+    json answer;
+    if (send_msg(it->second.fd, {{"end", true}})) {
+        recv_msg(it->second.fd, answer); /* the process has let its threads end */
+    }
+    close(it->second.fd);
+    children_.erase(it);
+}
+
+bool Processes::restart(const std::string& name)
+{
+    end(name);
+    return spawn(name);
+}
+
+std::vector<std::string> Processes::names() const
+{
+    std::vector<std::string> out;
+    for (const auto& c : children_) {
+        out.push_back(c.first);
+    }
+    return out;
 }
 
 void Processes::run(const Step& st, Runner& run, StepReport& rep)
@@ -332,12 +420,18 @@ void Processes::run(const Step& st, Runner& run, StepReport& rep)
 
 void Processes::stop()
 {
-    for (auto& c : children_) {
-        close(c.second.fd);
-        int status = 0;
-        waitpid(c.second.pid, &status, 0);
+    for (const std::string& name : names()) {
+        end(name);
     }
-    children_.clear();
+    for (size_t k = static_cast<size_t>(next_slot_); k < slots_.size(); ++k) {
+        close(slots_[k].runner_fd);
+    }
+    slots_.clear();
+    if (ctl_ >= 0) {
+        close(ctl_);
+        ctl_ = -1;
+        waitpid(zygote_, nullptr, 0);
+    }
 }
 
 } // namespace zcmd

@@ -29,15 +29,34 @@ class Processes {
      * the PSU controller image and the clock go with it and come back with
      * the SEL records, RAS logs and trace lines it made. */
     void run(const Step& st, Runner& run, StepReport& rep);
-    /* Ends every child. */
+    /* Ends a process (after its library threads) and starts it again with
+     * a library that was never used; false when it cannot be started. */
+    bool restart(const std::string& name);
+    std::vector<std::string> names() const;
+    /* Ends every process. */
     void stop();
+
+    /* Incarnations a scenario may start in all (first starts and restarts). */
+    static constexpr int kIncarnations = 32;
 
   private:
     struct Child {
         pid_t pid = -1;
         int fd = -1;
     };
+    struct Slot {
+        int runner_fd;
+        int child_fd;
+    };
+    [[noreturn]] void zygote(int ctl, const Scenario& s, Runner& run);
+    bool spawn(const std::string& name);
+    void end(const std::string& name);
+
     std::map<std::string, Child> children_;
+    std::vector<Slot> slots_;
+    int next_slot_ = 0;
+    int ctl_ = -1;
+    pid_t zygote_ = -1;
 };
 
 /* The process names a scenario's steps use, in order of first use. */

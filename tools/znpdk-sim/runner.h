@@ -39,6 +39,7 @@ class Runner {
     uint32_t now() const;
     uint32_t t0() const { return t0_; }
     const Options& options() const { return opts_; }
+    Processes& processes() { return procs_; }
 
     /* Lists produced since the current step began, or since the start. */
     std::vector<json> sel_items(int inst, bool since_start) const;

@@ -138,6 +138,14 @@ Step parse_step(const Node& n, bool in_setup)
             read_call(r, v, st);
         }
     }
+    bool& rebooted = machine_rebooted();
+    if (kind == "call" && st.process.empty() && rebooted) {
+        n.fail("after a BMC reboot or AC power cycle the runner's own process holds the library of before; "
+               "name the process this call runs in (\"process\": \"...\")");
+    }
+    if (st.restarts == "*") {
+        rebooted = true;
+    }
     if (Node e = r.opt("expect"); e.j) {
         if (in_setup) {
             e.fail("the set-up has no expectations; put them in a step");

@@ -62,7 +62,8 @@ struct Step {
     std::string kind;
     std::string text;
     std::string report = "auto";
-    std::string process; /* "" = the runner's own process */
+    std::string process;  /* "" = the runner's own process */
+    std::string restarts; /* the process a restart step restarts, "*" for all */
     bool background = false;
     std::string function; /* the function a call step calls */
     const Function* callee = nullptr;

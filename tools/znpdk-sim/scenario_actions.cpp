@@ -3,11 +3,13 @@
 #include "scenario_parts.h"
 
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 
 #include "functions.h"
 #include "runner.h"
+#include "znpdk_sim/fan.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
@@ -307,6 +309,66 @@ Action act_file(const Node& v, Step& st)
     };
 }
 
+/* ---- Restarts ---------------------------------------------------------------- */
+
+Action act_restart(const Node& v, Step& st)
+{
+    std::string name = get_string(v, "a process name");
+    st.text = "process " + name + " restarts (its library starts afresh and sets up its save area)";
+    st.restarts = name;
+    return [name](Runner& run, StepReport& rep) {
+        if (!run.processes().restart(name)) {
+            run.fail(rep, rep.where, "process " + name + " could not be started again");
+        }
+    };
+}
+
+/* Every named process starts again and the IPMI stack starts empty; what
+ * lived under /tmp is gone, /var/nvrdisk stays. */
+void reboot(Runner& run, StepReport& rep)
+{
+    for (const std::string& name : run.processes().names()) {
+        if (!run.processes().restart(name)) {
+            run.fail(rep, rep.where, "process " + name + " could not be started again");
+        }
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(zsim::file_path("/tmp"), ec);
+    for (int i = 0; i < 18; ++i) {
+        for (int n = 0; n < 256; ++n) {
+            if (zsim::sensor_present(i, static_cast<uint8_t>(n))) {
+                zsim::set_sensor_reading(i, static_cast<uint8_t>(n), 0);
+            }
+        }
+    }
+}
+
+Action act_bmc_reboot(const Node& v, Step& st)
+{
+    if (!get_bool(v, "true or false")) {
+        st.text = "no BMC reboot";
+        return [](Runner&, StepReport&) {};
+    }
+    st.text = "BMC reboot: every process restarts, the IPMI stack starts empty, /tmp is emptied";
+    st.restarts = "*";
+    return reboot;
+}
+
+Action act_ac_power_cycle(const Node& v, Step& st)
+{
+    if (!get_bool(v, "true or false")) {
+        st.text = "no AC power cycle";
+        return [](Runner&, StepReport&) {};
+    }
+    st.text = "AC power cycle: the BMC reboots after an AC power-on, the fans power on afresh";
+    st.restarts = "*";
+    return [](Runner& run, StepReport& rep) {
+        reboot(run, rep);
+        zsim::write_file("/tmp/.boot/.acon", {});
+        zsim::fan_power_on();
+    };
+}
+
 /* One injected failure: its value read, its action made. */
 using InjectParser = Action (*)(const std::string& kind, const Node& n);
 
@@ -452,6 +514,9 @@ void add_machine_actions(ActionTable& t)
     t["reset_sensors"] = act_reset_sensors;
     t["file"] = act_file;
     t["inject"] = act_inject;
+    t["restart"] = act_restart;
+    t["bmc_reboot"] = act_bmc_reboot;
+    t["ac_power_cycle"] = act_ac_power_cycle;
 }
 
 } // namespace zcmd

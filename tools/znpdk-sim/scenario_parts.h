@@ -44,6 +44,8 @@ std::string existing_component(const Node& n);
 void require_component(const Node& n, const std::string& path);
 void machine_added(const std::string& path, const std::vector<std::string>& parents);
 void machine_removed(const std::string& path);
+/* Whether a step read so far rebooted the BMC (every process restarted). */
+bool& machine_rebooted();
 /* Checks field values against a type by storing them into scratch bytes. */
 void check_fields(const Type& t, const Node& fields);
 Ref bits_field(const Type& t, const Node& key_node, const std::string& key);

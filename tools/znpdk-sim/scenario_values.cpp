@@ -122,8 +122,15 @@ std::set<std::string> default_machine_paths()
 
 } // namespace
 
+bool& machine_rebooted()
+{
+    static bool rebooted = false;
+    return rebooted;
+}
+
 MachineModel::MachineModel(bool default_machine)
 {
+    machine_rebooted() = false;
     static const std::set<std::string> kDefault = default_machine_paths();
     paths_ = default_machine ? kDefault : std::set<std::string>{"/SYSTEM#0"};
     g_machine = paths_.empty() ? nullptr : &paths_;
