@@ -35,7 +35,8 @@ std::string wrap(const std::string& steps)
 
 /* Runs a scenario in a child process; its result is the failure count.
  * What the run prints goes to `printed` when given. */
-int run_child(const std::string& text, bool as_json = false, std::string* printed = nullptr)
+int run_child(const std::string& text, bool as_json = false, std::string* printed = nullptr,
+              const std::string& timeline = "")
 {
     Scenario s = load_scenario(text, "test.json");
     char path[] = "/tmp/znpdk-simcmd-out-XXXXXX";
@@ -48,6 +49,7 @@ int run_child(const std::string& text, bool as_json = false, std::string* printe
         (void)out;
         Options o;
         o.json = as_json;
+        o.timeline = timeline;
         return run_scenario(s, o);
     });
     if (printed != nullptr) {
@@ -459,5 +461,56 @@ TEST(SimScenarioRun, RebootsKeepWhatTheNonVolatileDiskHolds)
              "expect": {"ret": 0, "sensors": [{"inst": 17, "num": 129, "state": ")" +
                            c.recovered + R"("}]}}]})";
         EXPECT_EQ(run_child(text), 0) << c.step;
+    }
+}
+
+TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
+{
+    const std::string text = R"({
+      "name": "picture",
+      "steps": [
+        {"sensor": {"inst": 17, "num": 129, "reading": "0x0004"}},
+        {"advance": 10},
+        {"sensor": {"inst": 17, "num": 129, "reading": "0x0002"}},
+        {"process": "a", "call": "znpdklib_SetSensorWS", "args": [35, 1, "0x04", 0, 0, 17, "out"]},
+        {"advance": 10},
+        {"restart": "a"},
+        {"reset_sensors": 5}
+      ]})";
+    char path[] = "/tmp/znpdk-simcmd-svg-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    ASSERT_EQ(run_child(text, false, nullptr, path), 0);
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    const std::string svg = ss.str();
+    unlink(path);
+    auto count = [&](const std::string& needle) {
+        size_t n = 0;
+        for (size_t at = svg.find(needle); at != std::string::npos; at = svg.find(needle, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    const std::pair<const char*, size_t> expected[] = {
+        {"class=\"lane\"", 4},
+        {"data-name=\"17/0x81 PSU Redundancy\"", 1},
+        {"data-name=\"17/0x23 Environment\"", 1},
+        {"data-name=\"SEL records and RAS logs\"", 1},
+        {"class=\"change\"", 3},
+        {"<g class=\"change\" data-t=\"0\" data-value=\"4\">", 1},
+        {"<g class=\"change\" data-t=\"10\" data-value=\"2\">", 1},
+        {"<g class=\"change\" data-t=\"10\" data-process=\"a\" data-value=\"18\">", 1},
+        {"<circle class=\"sel\" data-t=\"10\" data-process=\"a\"", 1},
+        {"<circle class=\"ras\"", 0},
+        {"<g class=\"restart\" data-t=\"20\" data-process=\"a\">", 1},
+        {"<g class=\"tick\" data-t=\"20\">", 1},
+        {"<rect class=\"bulk\" data-t=\"20\"", 1}, /* node 4's 97 sensors: one mark, no lanes */
+        {"data-name=\"5/", 0},
+    };
+    for (const auto& e : expected) {
+        EXPECT_EQ(count(e.first), e.second) << e.first << "\n" << svg;
     }
 }

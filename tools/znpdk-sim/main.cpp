@@ -39,6 +39,8 @@ const char* const kUsage =
     "  --json               print each run as JSON\n"
     "  --trace              print every trace line as it is written\n"
     "  --verbose            list every sensor change, also of large initialisations\n"
+    "  --timeline FILE.svg  draw the run: a lane per sensor that changed, the alarm LED, fan\n"
+    "                       reasons and check phase, SEL/RAS marks, restarts (one scenario)\n"
     "  --keep-root DIR      run in DIR and keep the machine's files there (with several\n"
     "                       files, each in DIR/NAME, NAME being the file's name without .json)\n"
     "\n"
@@ -271,6 +273,8 @@ int main(int argc, char** argv)
             o.trace = true;
         } else if (args[i] == "--verbose") {
             o.verbose = true;
+        } else if (args[i] == "--timeline" && i + 1 < args.size()) {
+            o.timeline = args[++i];
         } else if (args[i] == "--keep-root" && i + 1 < args.size()) {
             o.keep_root = true;
             o.root = args[++i];
@@ -284,6 +288,10 @@ int main(int argc, char** argv)
     try {
         if (cmd == "demo") {
             return run_files({"-demo-"}, o, false);
+        }
+        if (!o.timeline.empty() && cmd == "run" && rest.size() != 1) {
+            std::fprintf(stderr, "znpdk-sim: --timeline pictures one scenario; give one file\n");
+            return 2;
         }
         if ((cmd == "run" || cmd == "check") && !rest.empty()) {
             return run_files(rest, o, cmd == "check");

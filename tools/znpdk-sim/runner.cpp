@@ -11,6 +11,7 @@
 
 #include "fields.h"
 #include "functions.h"
+#include "timeline.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
@@ -394,6 +395,7 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     Snapshot before = quiet ? Snapshot() : snapshot();
     r.t_start = now();
     r.process = st.process;
+    r.restarts = st.restarts;
     if (!st.process.empty()) {
         procs_.run(st, *this, r);
     } else if (st.action) {
@@ -579,6 +581,17 @@ StepReport Runner::run_setup(const Scenario& s)
 }
 
 /* Whatever the steps said: the library's threads end and its locks stay in order. */
+bool Runner::write_timeline(const Scenario& s, const std::vector<StepReport>& steps) const
+{
+    std::FILE* f = std::fopen(opts_.timeline.c_str(), "w");
+    if (f == nullptr) {
+        return false;
+    }
+    std::string svg = timeline_svg(s.name, steps);
+    bool ok = std::fwrite(svg.data(), 1, svg.size(), f) == svg.size();
+    return std::fclose(f) == 0 && ok;
+}
+
 StepReport Runner::run_end()
 {
     procs_.stop();
@@ -608,6 +621,7 @@ int Runner::run(const Scenario& s)
         }
     }
     json steps = json::array();
+    std::vector<StepReport> pictured;
     int failed = static_cast<int>(setup.failures.size());
     int checks = failed;
     for (size_t i = 0; i < s.steps.size(); ++i) {
@@ -621,6 +635,13 @@ int Runner::run(const Scenario& s)
         } else {
             print_step(r);
         }
+        if (!opts_.timeline.empty()) {
+            pictured.push_back(std::move(r));
+        }
+    }
+    if (!opts_.timeline.empty() && !write_timeline(s, pictured)) {
+        std::fprintf(stderr, "znpdk-sim: cannot write the timeline to %s\n", opts_.timeline.c_str());
+        ++failed;
     }
     StepReport end = run_end();
     checks += end.checks;

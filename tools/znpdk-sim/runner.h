@@ -59,6 +59,7 @@ class Runner {
   private:
     StepReport run_setup(const Scenario& s);
     StepReport run_end();
+    bool write_timeline(const Scenario& s, const std::vector<StepReport>& steps) const;
     void print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
                     std::initializer_list<const StepReport*> run_reports) const;
     void run_step(const Step& st, StepReport& r, bool quiet);

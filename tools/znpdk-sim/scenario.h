@@ -17,7 +17,8 @@ struct Options {
     bool trace = false;
     bool verbose = false;
     bool keep_root = false;
-    std::string root; /* "" = a fresh temporary directory */
+    std::string root;     /* "" = a fresh temporary directory */
+    std::string timeline; /* an SVG file to write the run's picture to */
 };
 
 struct Event {
@@ -38,7 +39,8 @@ struct StepReport {
     std::string where;
     std::string label;
     std::string process;
-    std::string text; /* what the step did */
+    std::string restarts; /* as the step's */
+    std::string text;     /* what the step did */
     std::string report = "auto";
     uint32_t t_start = 0;
     uint32_t t_end = 0;
