@@ -145,6 +145,101 @@ std::string attrs(uint32_t t, const std::string& process)
            (process.empty() ? "" : " data-process=\"" + esc(process) + "\"");
 }
 
+/* Where things go: times to x, the picture's height. */
+struct Canvas {
+    uint32_t end = 1;
+    double scale = 1;
+    int height = 0;
+    int x(uint32_t t) const { return kLabelWidth + static_cast<int>(t * scale); }
+};
+
+std::string ticks(const Canvas& c)
+{
+    std::string svg;
+    for (uint32_t t = 0, step = tick_step(c.end); t <= c.end; t += step) {
+        svg += "<g class=\"tick\"" + attrs(t, "") + "><line x1=\"" + std::to_string(c.x(t)) + "\" y1=\"" +
+               std::to_string(kTop - 8) + "\" x2=\"" + std::to_string(c.x(t)) + "\" y2=\"" +
+               std::to_string(c.height - 24) + "\" stroke=\"#ddd\"/><text x=\"" + std::to_string(c.x(t)) +
+               "\" y=\"" + std::to_string(kTop - 12) + "\">t=" + std::to_string(t) + "</text></g>\n";
+    }
+    return svg;
+}
+
+std::string lane_head(const std::string& name, int y)
+{
+    return "<g class=\"lane\" data-name=\"" + esc(name) + "\"><text x=\"8\" y=\"" + std::to_string(y + 15) +
+           "\">" + esc(name) + "</text>\n";
+}
+
+/* A value over time: one bar per state, the new value written at each change. */
+std::string value_lane(const Canvas& c, const Lane& l, int y)
+{
+    std::string svg = lane_head(l.name, y);
+    uint64_t value = l.first;
+    uint32_t from = 0;
+    for (size_t i = 0; i <= l.changes.size(); ++i) {
+        uint32_t to = i < l.changes.size() ? l.changes[i].t : c.end;
+        svg += "<rect x=\"" + std::to_string(c.x(from)) + "\" y=\"" + std::to_string(y + 3) + "\" width=\"" +
+               std::to_string(std::max(1, c.x(to) - c.x(from))) + "\" height=\"" +
+               std::to_string(kLaneHeight - 6) + "\" fill=\"" + colour(value) + "\" stroke=\"#bbb\"/>\n";
+        if (i < l.changes.size()) {
+            const Change& ch = l.changes[i];
+            svg += "<g class=\"change\"" + attrs(ch.t, ch.process) + " data-value=\"" +
+                   std::to_string(ch.value) + "\"><title>t=" + std::to_string(ch.t) +
+                   (ch.process.empty() ? "" : " " + esc(ch.process) + ":") + " " + esc(ch.text) +
+                   "</title><text x=\"" + std::to_string(c.x(ch.t) + 2) + "\" y=\"" + std::to_string(y + 15) +
+                   "\">" + hex(ch.value, 0) + "</text></g>\n";
+            value = ch.value;
+            from = ch.t;
+        }
+    }
+    return svg + "</g>\n";
+}
+
+std::string log_lane(const Canvas& c, const std::vector<std::pair<const Event*, std::string>>& marks, int y)
+{
+    std::string svg = lane_head("SEL records and RAS logs", y);
+    for (const auto& m : marks) {
+        const Event& e = *m.first;
+        svg += "<circle class=\"" + e.kind + "\"" + attrs(e.t, m.second) + " cx=\"" +
+               std::to_string(c.x(e.t)) + "\" cy=\"" + std::to_string(y + 11) + "\" r=\"5\" fill=\"" +
+               (e.kind == "ras" ? "#d32f2f" : "#1976d2") + "\"><title>t=" + std::to_string(e.t) + " " +
+               esc(e.text) + "</title></circle>\n";
+    }
+    return svg + "</g>\n";
+}
+
+std::string bulk_lane(const Canvas& c, const std::vector<Bulk>& bulk, int y)
+{
+    std::string svg = lane_head("many sensors of an instance", y);
+    for (const Bulk& b : bulk) {
+        svg += "<rect class=\"bulk\"" + attrs(b.t, b.process) + " x=\"" + std::to_string(c.x(b.t) - 3) +
+               "\" y=\"" + std::to_string(y + 5) +
+               "\" width=\"6\" height=\"12\" fill=\"#78909c\"><title>t=" + std::to_string(b.t) +
+               " instance " + std::to_string(b.inst) + ": " + std::to_string(b.count) +
+               " sensors changed</title></rect>\n";
+    }
+    return svg + "</g>\n";
+}
+
+std::string restart_lines(const Canvas& c, const std::vector<StepReport>& steps)
+{
+    std::string svg;
+    for (const StepReport& r : steps) {
+        if (r.restarts.empty()) {
+            continue;
+        }
+        std::string what = r.restarts == "*" ? r.text : "restart " + r.restarts;
+        int x = c.x(r.t_start);
+        svg += "<g class=\"restart\"" + attrs(r.t_start, r.restarts == "*" ? "" : r.restarts) +
+               "><line x1=\"" + std::to_string(x) + "\" y1=\"" + std::to_string(kTop - 4) + "\" x2=\"" +
+               std::to_string(x) + "\" y2=\"" + std::to_string(c.height - 24) +
+               "\" stroke=\"#000\" stroke-dasharray=\"4 3\"/><text x=\"" + std::to_string(x + 3) + "\" y=\"" +
+               std::to_string(c.height - 10) + "\">" + esc(what) + "</text></g>\n";
+    }
+    return svg;
+}
+
 } // namespace
 
 std::string timeline_svg(const std::string& title, const std::vector<StepReport>& steps)
@@ -153,83 +248,22 @@ std::string timeline_svg(const std::string& title, const std::vector<StepReport>
     std::vector<std::pair<const Event*, std::string>> marks;
     std::vector<Bulk> bulk;
     collect(steps, lanes, marks, bulk);
-    uint32_t end = 1;
+    Canvas c;
     for (const StepReport& r : steps) {
-        end = std::max(end, r.t_end);
+        c.end = std::max(c.end, r.t_end);
     }
-    const double scale = double(kPlotWidth) / end;
-    auto x = [&](uint32_t t) { return kLabelWidth + static_cast<int>(t * scale); };
-    const int rows = static_cast<int>(lanes.size()) + 2;
-    const int height = kTop + rows * kLaneHeight + 30;
+    c.scale = double(kPlotWidth) / c.end;
+    c.height = kTop + static_cast<int>(lanes.size() + 2) * kLaneHeight + 30;
     std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" +
                       std::to_string(kLabelWidth + kPlotWidth + 40) + "\" height=\"" +
-                      std::to_string(height) + "\" font-family=\"sans-serif\" font-size=\"11\">\n";
-    svg += "<text x=\"8\" y=\"18\" font-size=\"14\">" + esc(title) + "</text>\n";
-    for (uint32_t t = 0, step = tick_step(end); t <= end; t += step) {
-        svg += "<g class=\"tick\"" + attrs(t, "") + "><line x1=\"" + std::to_string(x(t)) + "\" y1=\"" +
-               std::to_string(kTop - 8) + "\" x2=\"" + std::to_string(x(t)) + "\" y2=\"" +
-               std::to_string(height - 24) + "\" stroke=\"#ddd\"/><text x=\"" + std::to_string(x(t)) +
-               "\" y=\"" + std::to_string(kTop - 12) + "\">t=" + std::to_string(t) + "</text></g>\n";
-    }
-    int row = 0;
+                      std::to_string(c.height) + "\" font-family=\"sans-serif\" font-size=\"11\">\n";
+    svg += "<text x=\"8\" y=\"18\" font-size=\"14\">" + esc(title) + "</text>\n" + ticks(c);
+    int y = kTop;
     for (const auto& kv : lanes) {
-        const Lane& l = kv.second;
-        int y = kTop + row++ * kLaneHeight;
-        svg += "<g class=\"lane\" data-name=\"" + esc(l.name) + "\"><text x=\"8\" y=\"" +
-               std::to_string(y + 15) + "\">" + esc(l.name) + "</text>\n";
-        uint64_t value = l.first;
-        uint32_t from = 0;
-        for (size_t i = 0; i <= l.changes.size(); ++i) {
-            uint32_t to = i < l.changes.size() ? l.changes[i].t : end;
-            svg += "<rect x=\"" + std::to_string(x(from)) + "\" y=\"" + std::to_string(y + 3) +
-                   "\" width=\"" + std::to_string(std::max(1, x(to) - x(from))) + "\" height=\"" +
-                   std::to_string(kLaneHeight - 6) + "\" fill=\"" + colour(value) + "\" stroke=\"#bbb\"/>\n";
-            if (i < l.changes.size()) {
-                const Change& c = l.changes[i];
-                svg += "<g class=\"change\"" + attrs(c.t, c.process) + " data-value=\"" +
-                       std::to_string(c.value) + "\"><title>t=" + std::to_string(c.t) +
-                       (c.process.empty() ? "" : " " + esc(c.process) + ":") + " " + esc(c.text) +
-                       "</title><text x=\"" + std::to_string(x(c.t) + 2) + "\" y=\"" +
-                       std::to_string(y + 15) + "\">" + hex(c.value, 0) + "</text></g>\n";
-                value = c.value;
-                from = c.t;
-            }
-        }
-        svg += "</g>\n";
+        svg += value_lane(c, kv.second, y);
+        y += kLaneHeight;
     }
-    int y = kTop + row * kLaneHeight;
-    svg += "<g class=\"lane\" data-name=\"SEL records and RAS logs\"><text x=\"8\" y=\"" +
-           std::to_string(y + 15) + "\">SEL records and RAS logs</text>\n";
-    for (const auto& m : marks) {
-        const Event& e = *m.first;
-        svg += "<circle class=\"" + e.kind + "\"" + attrs(e.t, m.second) + " cx=\"" + std::to_string(x(e.t)) +
-               "\" cy=\"" + std::to_string(y + 11) + "\" r=\"5\" fill=\"" +
-               (e.kind == "ras" ? "#d32f2f" : "#1976d2") + "\"><title>t=" + std::to_string(e.t) + " " +
-               esc(e.text) + "</title></circle>\n";
-    }
-    svg += "</g>\n";
-    y += kLaneHeight;
-    svg += "<g class=\"lane\" data-name=\"many sensors of an instance\"><text x=\"8\" y=\"" +
-           std::to_string(y + 15) + "\">many sensors of an instance</text>\n";
-    for (const Bulk& b : bulk) {
-        svg += "<rect class=\"bulk\"" + attrs(b.t, b.process) + " x=\"" + std::to_string(x(b.t) - 3) +
-               "\" y=\"" + std::to_string(y + 5) +
-               "\" width=\"6\" height=\"12\" fill=\"#78909c\"><title>t=" + std::to_string(b.t) +
-               " instance " + std::to_string(b.inst) + ": " + std::to_string(b.count) +
-               " sensors changed</title></rect>\n";
-    }
-    svg += "</g>\n";
-    for (const StepReport& r : steps) {
-        if (r.restarts.empty()) {
-            continue;
-        }
-        std::string what = r.restarts == "*" ? r.text : "restart " + r.restarts;
-        svg += "<g class=\"restart\"" + attrs(r.t_start, r.restarts == "*" ? "" : r.restarts) +
-               "><line x1=\"" + std::to_string(x(r.t_start)) + "\" y1=\"" + std::to_string(kTop - 4) +
-               "\" x2=\"" + std::to_string(x(r.t_start)) + "\" y2=\"" + std::to_string(height - 24) +
-               "\" stroke=\"#000\" stroke-dasharray=\"4 3\"/><text x=\"" + std::to_string(x(r.t_start) + 3) +
-               "\" y=\"" + std::to_string(height - 10) + "\">" + esc(what) + "</text></g>\n";
-    }
+    svg += log_lane(c, marks, y) + bulk_lane(c, bulk, y + kLaneHeight) + restart_lines(c, steps);
     return svg + "</svg>\n";
 }
 
