@@ -1,0 +1,67 @@
+/* Named processes of a scenario: each a real child process with its own
+ * library state, sharing the simulated machine with the runner. */
+#ifndef ZNPDK_SIM_TOOL_PROCESSES_H
+#define ZNPDK_SIM_TOOL_PROCESSES_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "scenario.h"
+
+namespace zcmd {
+
+class Runner;
+
+class Processes {
+  public:
+    Processes() = default;
+    Processes(const Processes&) = delete;
+    Processes& operator=(const Processes&) = delete;
+    ~Processes();
+
+    /* Starts one child per name before the library is used in this
+     * process, so that each begins with a library of its own. */
+    void start(const std::vector<std::string>& names, const Scenario& s, Runner& run);
+    /* Runs a step's action in its process: the IPMI stack's sensor states,
+     * the PSU controller image and the clock go with it and come back with
+     * the SEL records, RAS logs and trace lines it made. */
+    void run(const Step& st, Runner& run, StepReport& rep);
+    /* Ends a process (after its library threads) and starts it again with
+     * a library that was never used; false when it cannot be started. */
+    bool restart(const std::string& name);
+    std::vector<std::string> names() const;
+    /* Ends every process. */
+    void stop();
+
+    /* Incarnations a scenario may start in all (first starts and restarts). */
+    static constexpr int kIncarnations = 32;
+
+  private:
+    struct Child {
+        pid_t pid = -1;
+        int fd = -1;
+    };
+    struct Slot {
+        int runner_fd;
+        int child_fd;
+    };
+    [[noreturn]] void zygote(int ctl, const Scenario& s, Runner& run);
+    bool spawn(const std::string& name);
+    void end(const std::string& name);
+
+    std::map<std::string, Child> children_;
+    std::vector<Slot> slots_;
+    int next_slot_ = 0;
+    int ctl_ = -1;
+    pid_t zygote_ = -1;
+};
+
+/* The process names a scenario's steps use, in order of first use. */
+std::vector<std::string> process_names(const Scenario& s);
+
+} // namespace zcmd
+
+#endif
