@@ -9,7 +9,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,7 +29,8 @@ std::mutex g_root_mutex;
 std::string g_root;
 Shared* g_shared = nullptr;
 size_t g_shared_size = 0;
-int g_thread_baseline = 0;
+std::atomic<int> g_thread_baseline{0};
+constexpr int kResetWaitMs = 5000;
 
 struct Model {
     std::string name;
@@ -112,8 +115,21 @@ void reset_shared(Shared* s)
     s->magic = kMagic;
 }
 
+/* Runtimes that start a helper thread lazily at the first thread creation
+ * (ThreadSanitizer's background thread) start it here, before the baseline
+ * is taken, so it never counts as a library thread. */
+void settle_runtime_threads()
+{
+    static const bool settled = [] {
+        std::thread([] {}).join();
+        return true;
+    }();
+    (void)settled;
+}
+
 void reset_process_local()
 {
+    reset_kill_points();
     reset_ipmi();
     reset_db_local();
     reset_znlib();
@@ -121,11 +137,18 @@ void reset_process_local()
     reset_driver();
     reset_clock_local();
     run_model_hooks();
+    settle_runtime_threads();
     g_thread_baseline = count_tasks();
 }
 
 void start(const std::string& root, bool fresh)
 {
+    /* A check thread of the previous machine still running would see the
+     * sensor tables and mutexes reset under it: let it end first (bounded,
+     * a thread the caller keeps running must not hang the reset). */
+    if (g_shared != nullptr) {
+        wait_library_threads(kResetWaitMs);
+    }
     make_dirs(root);
     make_dirs(root + "/var/nvrdisk/current/sensor");
     make_dirs(root + "/tmp/.boot");
