@@ -1,13 +1,14 @@
 /* Unit position ids of components, by table or from a caller's code. */
-#include "znpdklib_upid.h"
-
 #include <string.h>
 
-#include "znpdklib.h"
+#include <string>
 
-using sp::sysobj::Component;
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 namespace {
+
+using namespace znpdk;
 
 struct compo2upid_t {
     int type;
@@ -183,22 +184,6 @@ Component* resolve(const char* path)
 
 } // namespace
 
-std::vector<std::string> split(const std::string& line, char delim)
-{
-    std::vector<std::string> pieces;
-    std::string piece;
-    for (char c : line) {
-        if (c == delim) {
-            pieces.push_back(piece);
-            piece.clear();
-        } else {
-            piece += c;
-        }
-    }
-    pieces.push_back(piece);
-    return pieces;
-}
-
 /* A null `upid` is left alone (-1); a null component gives an all-zero id. */
 int znpdklib_compo2upid(Component* compo, unit_position_id_t* upid)
 {
@@ -222,9 +207,7 @@ int znpdklib_upid2upid(int up, int no, Component* compo, unit_position_id_t* upi
         return -1;
     }
     memset(upid, 0, sizeof(*upid));
-    if (compo == nullptr) {
-        return -1;
-    }
+    /* One-layer codes take nothing from the component, so they need none. */
     uint8_t own = static_cast<uint8_t>(no & 0xFF);
     switch (up) {
     case UPID_SHELF:
@@ -238,7 +221,7 @@ int znpdklib_upid2upid(int up, int no, Component* compo, unit_position_id_t* upi
         fill(upid, up, 1, own);
         return 0;
     case UPID_C_SBCC: {
-        Component* parent = compo->getParent();
+        Component* parent = compo != nullptr ? compo->getParent() : nullptr;
         if (parent == nullptr) {
             return -1;
         }
@@ -249,7 +232,7 @@ int znpdklib_upid2upid(int up, int no, Component* compo, unit_position_id_t* upi
     case UPID_TRP:
     case UPID_A_LP:
     case UPID_A_RP: {
-        Component* parent = compo->getParent();
+        Component* parent = compo != nullptr ? compo->getParent() : nullptr;
         Component* grand = parent != nullptr ? parent->getParent() : nullptr;
         if (grand == nullptr) {
             return -1;
@@ -268,12 +251,8 @@ int znpdklib_path2upid(char* path, unit_position_id_t* upid)
     if (path == nullptr || upid == nullptr) {
         return -1;
     }
-    try {
-        return znpdklib_compo2upid(resolve(path), upid);
-    } catch (...) {
-        memset(upid, 0, sizeof(*upid));
-        return -1;
-    }
+    memset(upid, 0, sizeof(*upid));
+    return guard(__func__, -1, [&] { return znpdklib_compo2upid(resolve(path), upid); });
 }
 
 int znpdklib_upid2upid_pc(int up, int no, char* path, unit_position_id_t* upid)
@@ -281,10 +260,6 @@ int znpdklib_upid2upid_pc(int up, int no, char* path, unit_position_id_t* upid)
     if (path == nullptr || upid == nullptr) {
         return -1;
     }
-    try {
-        return znpdklib_upid2upid(up, no, resolve(path), upid);
-    } catch (...) {
-        memset(upid, 0, sizeof(*upid));
-        return -1;
-    }
+    memset(upid, 0, sizeof(*upid));
+    return guard(__func__, -1, [&] { return znpdklib_upid2upid(up, no, resolve(path), upid); });
 }

@@ -3,8 +3,6 @@
  * checks and their threads, and the bookkeeping they share in the system
  * record on the root component.
  */
-#include "znpdklib.h"
-
 #include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -14,26 +12,25 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include <fstream>
-#include <string>
-
 #include "ipmi_stack.h"
 #include "sp_sysobj.h"
 #include "sp_trace.h"
 #include "sputil.h"
 #include "znlib.h"
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 namespace {
 
-using sp::sysobj::Component;
+using namespace znpdk;
 
-constexpr int kChassisInst = 17;
 constexpr int kRegion = T_REGION_POWER_MON;
 constexpr int kModule = SP_MID_BASE_UTIL;
+constexpr Tracer tr{kRegion, kModule};
 
-constexpr int kLvInfo = 0x8001;
-constexpr int kLvError = 0x8002;
-constexpr int kLvDetail = 0x0801;
+constexpr int kLvInfo = kLevelInfo;
+constexpr int kLvError = kLevelError;
+constexpr int kLvDetail = kLevelDetail;
 
 constexpr int kFanCount = 8;
 constexpr uint32_t kAllFans = 0xFF;
@@ -64,27 +61,13 @@ constexpr uint32_t kDebugDummyData = 0x40;
 constexpr uint32_t kDebugSuspend = 0x80;
 
 constexpr char kResultsFmt[] = "check_fan_rotation():fan_check_result=%d %d %d %d %d %d %d %d";
+constexpr char kFanBoard[] = "/SYSTEM#0/BOBC#0";
+constexpr char kFanProcedure[] = "BOB_R_BOBC_FANC";
 
 /* Lock order: chk_fan_rotation_mutex, chk_fan_redundacy_mutex, then one
  * component write lock; neither is taken while a write lock is held. */
 pthread_mutex_t chk_fan_rotation_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t chk_fan_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-/* Trace helpers: values are passed as the platform's ints. */
-void tr(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
-{
-    sp_trace2(level, kRegion, kModule, id, fmt, a1, a2, a3, a4);
-}
-
-int hi32(uint64_t v)
-{
-    return static_cast<int>(static_cast<uint32_t>(v >> 32));
-}
-
-int lo32(uint64_t v)
-{
-    return static_cast<int>(static_cast<uint32_t>(v));
-}
 
 int fanu_of(int fanno)
 {
@@ -104,23 +87,13 @@ bool in_set(uint32_t set, int fanno)
 /* State word of a chassis sensor, bit 15 masked off. */
 uint16_t read_sensor(int sensor)
 {
-    INT16U st = 0;
-    znpdklib_getDiscreteStatusSensorStatus(sensor, &st, kChassisInst);
-    return static_cast<uint16_t>(st & 0x7FFF);
+    return sensor_word(sensor, kChassisInst);
 }
 
 /* A missing root reads as an all-zero record and is never written. */
-void read_system(Component* root, current_system_info_t* info)
+current_system_info_t read_system()
 {
-    memset(info, 0, sizeof(*info));
-    if (root != nullptr) {
-        root->getProperty(PROP_CURRENT_INFO, info, sizeof(*info));
-    }
-}
-
-void read_system(current_system_info_t* info)
-{
-    read_system(Component::getRoot(), info);
+    return read_record<current_system_info_t>(root(), PROP_CURRENT_INFO);
 }
 
 /* Read-modify-write of the system record under the root's write lock: the
@@ -128,16 +101,8 @@ void read_system(current_system_info_t* info)
  * after the write while the lock is still held. */
 template <typename F, typename G> void modify_system(F&& change, G&& written)
 {
-    Component* root = Component::getRoot();
-    Component::WriteLock lock(root);
-    current_system_info_t info;
-    read_system(root, &info);
-    if (change(info)) {
-        if (root != nullptr) {
-            root->setProperty(PROP_CURRENT_INFO, &info, sizeof(info));
-        }
-        written(info);
-    }
+    Component* top = root();
+    modify_record<current_system_info_t>(top, top, PROP_CURRENT_INFO, change, written);
 }
 
 template <typename F> void modify_system(F&& change)
@@ -222,14 +187,10 @@ uint32_t now_seconds()
     return static_cast<uint32_t>(time(nullptr));
 }
 
-/* The setup record (debug words) of the root; zero when unreadable. */
-void read_setup(setup_system_info_t* setup)
+/* The root's setup record (debug words); zero when unreadable. */
+setup_system_info_t read_setup()
 {
-    memset(setup, 0, sizeof(*setup));
-    Component* root = Component::getRoot();
-    if (root != nullptr) {
-        root->getProperty(PROP_SETUP_INFO, setup, sizeof(*setup));
-    }
+    return read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
 }
 
 uint32_t debug_word(const setup_system_info_t& setup, int word)
@@ -270,139 +231,275 @@ extern "C" {
 
 void znpdklib_set_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
-       static_cast<int>(fan_target));
-    const uint32_t timer = now_seconds();
-    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-        const uint32_t old_time = info.fan_start_time[i];
-        const uint8_t old_result = info.fan_check_result[i];
-        info.fan_start_time[i] = timer;
-        if (fan_start_time != nullptr) {
-            fan_start_time[i] = timer;
-        }
-        info.fan_check_result[i] = 0;
-        sp_trace26(
-            kLvInfo, kRegion, kModule, 0x800C0002,
-            "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
-            fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
+    guard_void(__func__, [&] {
+        tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
+           static_cast<int>(fan_target));
+        const uint32_t timer = now_seconds();
+        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+            const uint32_t old_time = info.fan_start_time[i];
+            const uint8_t old_result = info.fan_check_result[i];
+            info.fan_start_time[i] = timer;
+            if (fan_start_time != nullptr) {
+                fan_start_time[i] = timer;
+            }
+            info.fan_check_result[i] = 0;
+            sp_trace26(
+                kLvInfo, kRegion, kModule, 0x800C0002,
+                "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
+                fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
+        });
+        trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+               written.times);
     });
-    trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-           written.times);
 }
 
 void znpdklib_clear_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
-       static_cast<int>(fan_target));
-    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-        if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
-            /* Another check restamped this fan: its time is not ours. */
-            tr(kLvInfo, 0x80100003,
-               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
-               fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
-               static_cast<int>(info.fan_start_time[i]));
-            return;
-        }
-        const uint32_t old_time = info.fan_start_time[i];
-        info.fan_start_time[i] = 0;
-        tr(kLvInfo, 0x80100002, "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d",
-           fanu_of(i), fan_of(i), static_cast<int>(old_time), 0);
+    guard_void(__func__, [&] {
+        tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
+           static_cast<int>(fan_target));
+        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+            if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
+                /* Another check restamped this fan: its time is not ours. */
+                tr(kLvInfo, 0x80100003,
+                   "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
+                   fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
+                   static_cast<int>(info.fan_start_time[i]));
+                return;
+            }
+            const uint32_t old_time = info.fan_start_time[i];
+            info.fan_start_time[i] = 0;
+            tr(kLvInfo, 0x80100002,
+               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d", fanu_of(i),
+               fan_of(i), static_cast<int>(old_time), 0);
+        });
+        trace8(0x8010FFFF,
+               "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+               written.times);
     });
-    trace8(0x8010FFFF, "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-           written.times);
 }
 
 bool znpdklib_is_check_fan_executing(void)
 {
-    current_system_info_t info;
-    read_system(&info);
-    static const uint32_t zeros[kFanCount] = {};
-    if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
-        trace8(0x800B0002, "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
-               info.fan_start_time);
-        return true;
-    }
-    tr(kLvDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
-    return false;
+    return guard(__func__, false, [&]() -> bool {
+        const current_system_info_t info = read_system();
+        static const uint32_t zeros[kFanCount] = {};
+        if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
+            trace8(0x800B0002,
+                   "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
+                   info.fan_start_time);
+            return true;
+        }
+        tr(kLvDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
+        return false;
+    });
 }
 
 /* A null pointer stamps nothing: a caller that cannot learn the stamped time
  * could never clear it, and a stale attach time would block every recovery. */
 void znpdklib_set_check_fan_start_time_by_attach(uint32_t* fan_start_time)
 {
-    tr(kLvInfo, 0x80130001, "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
-       fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
-    if (fan_start_time != nullptr) {
-        const uint32_t timer = now_seconds();
-        exchange_system_field(
-            &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
-                *fan_start_time = timer;
-                tr(kLvInfo, 0x80130002,
-                   "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-                   static_cast<int>(old_time), static_cast<int>(timer));
-            });
-    }
-    tr(kLvInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
+    guard_void(__func__, [&] {
+        tr(kLvInfo, 0x80130001, "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
+           fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
+        if (fan_start_time != nullptr) {
+            const uint32_t timer = now_seconds();
+            exchange_system_field(
+                &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
+                    *fan_start_time = timer;
+                    tr(kLvInfo, 0x80130002,
+                       "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+                       static_cast<int>(old_time), static_cast<int>(timer));
+                });
+        }
+        tr(kLvInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
+    });
 }
 
 void znpdklib_clear_check_fan_start_time_by_attach(uint32_t fan_start_time)
 {
-    tr(kLvInfo, 0x80140001, "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
-       static_cast<int>(fan_start_time));
-    uint32_t old_time = 0;
-    modify_system(
-        [&](current_system_info_t& info) {
-            if (info.fan_start_time_by_attach != fan_start_time) {
-                tr(kLvInfo, 0x80140003,
-                   "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
-                   static_cast<int>(fan_start_time), static_cast<int>(info.fan_start_time_by_attach));
-                return false;
-            }
-            old_time = info.fan_start_time_by_attach;
-            info.fan_start_time_by_attach = 0;
-            return true;
-        },
-        [&](const current_system_info_t&) {
-            tr(kLvInfo, 0x80140002,
-               "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-               static_cast<int>(old_time), 0);
-        });
-    tr(kLvInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
+    guard_void(__func__, [&] {
+        tr(kLvInfo, 0x80140001, "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
+           static_cast<int>(fan_start_time));
+        uint32_t old_time = 0;
+        modify_system(
+            [&](current_system_info_t& info) {
+                if (info.fan_start_time_by_attach != fan_start_time) {
+                    tr(kLvInfo, 0x80140003,
+                       "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
+                       static_cast<int>(fan_start_time), static_cast<int>(info.fan_start_time_by_attach));
+                    return false;
+                }
+                old_time = info.fan_start_time_by_attach;
+                info.fan_start_time_by_attach = 0;
+                return true;
+            },
+            [&](const current_system_info_t&) {
+                tr(kLvInfo, 0x80140002,
+                   "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+                   static_cast<int>(old_time), 0);
+            });
+        tr(kLvInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
+    });
 }
 
 bool znpdklib_is_check_fan_executing_by_attach(void)
 {
-    current_system_info_t info;
-    read_system(&info);
-    if (info.fan_start_time_by_attach != 0) {
-        tr(kLvInfo, 0x80150002,
-           "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
-           static_cast<int>(info.fan_start_time_by_attach));
-        return true;
-    }
-    tr(kLvDetail, 0x80150001, "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
-    return false;
+    return guard(__func__, false, [&]() -> bool {
+        const current_system_info_t info = read_system();
+        if (info.fan_start_time_by_attach != 0) {
+            tr(kLvInfo, 0x80150002,
+               "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
+               static_cast<int>(info.fan_start_time_by_attach));
+            return true;
+        }
+        tr(kLvDetail, 0x80150001, "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
+        return false;
+    });
 }
 
 void znpdklib_set_fan_check_phase(uint8_t phase)
 {
-    tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
-    exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
-        tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase, phase);
+    guard_void(__func__, [&] {
+        tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
+        exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
+            tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase,
+               phase);
+        });
+        tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
     });
-    tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
 }
 
 uint8_t znpdklib_get_fan_check_phase(void)
 {
-    current_system_info_t info;
-    read_system(&info);
-    return info.fan_check_phase;
+    return guard(__func__, uint8_t{0}, [&]() -> uint8_t {
+        const current_system_info_t info = read_system();
+        return info.fan_check_phase;
+    });
 }
 
 } /* extern "C" */
 
 /* ---- Fan speed control by reasons ---------------------------------------- */
+
+namespace {
+
+/* Both masks empty, or one reason both set and withdrawn: -2 after its line. */
+bool reasons_valid(uint64_t set_reason, uint64_t reset_reason)
+{
+    if (set_reason == 0 && reset_reason == 0) {
+        tr(kLvError, 0x80030002,
+           "znpdklib_change_fan_speed():not specified reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
+           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+        return false;
+    }
+    if ((set_reason & reset_reason) != 0) {
+        tr(kLvError, 0x80030003,
+           "znpdklib_change_fan_speed():specified same reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
+           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+        return false;
+    }
+    return true;
+}
+
+/* Applies the reasons to the system record; answers the mask before and after. */
+void update_reasons(uint64_t set_reason, uint64_t reset_reason, uint64_t* org_reason, uint64_t* new_reason)
+{
+    modify_system([&](current_system_info_t& info) {
+        *org_reason = info.fanfull_reason;
+        if (set_reason != 0) {
+            info.fanfull_reason |= set_reason;
+        }
+        if (reset_reason != 0) {
+            info.fanfull_reason &= ~reset_reason;
+        }
+        *new_reason = info.fanfull_reason;
+        if (*new_reason == *org_reason) {
+            tr(kLvInfo, 0x80030004,
+               "znpdklib_change_fan_speed():not change reason. fanfull_reason=0x%08x%08x", hi32(*new_reason),
+               lo32(*new_reason));
+            return false;
+        }
+        tr(kLvInfo, 0x80030005, "znpdklib_change_fan_speed():update fanfull_reason=0x%08x%08x => 0x%08x%08x",
+           hi32(*org_reason), lo32(*org_reason), hi32(*new_reason), lo32(*new_reason));
+        return true;
+    });
+}
+
+/* The controller only follows the zero / non-zero transitions of the mask:
+ * the procedure mode for one, or null when the speed stays. */
+const char* speed_mode(uint64_t org_reason, uint64_t new_reason)
+{
+    if (org_reason != 0 && new_reason != 0) {
+        tr(kLvInfo, 0x80030006,
+           "znpdklib_change_fan_speed():skip fan max speed(already max speed). fanfull_reason=0x%08x%08x",
+           hi32(new_reason), lo32(new_reason));
+        return nullptr;
+    }
+    if (org_reason == 0) {
+        tr(kLvInfo, 0x80030007, "znpdklib_change_fan_speed():change max fan speed. fanfull_reason=0x%08x%08x",
+           hi32(new_reason), lo32(new_reason));
+        return "MAX_FANSPEED";
+    }
+    tr(kLvInfo, 0x80030008, "znpdklib_change_fan_speed():restore fan speed. fanfull_reason=0x%08x%08x",
+       hi32(new_reason), lo32(new_reason));
+    return "RESTORE_FANSPEED";
+}
+
+/* Runs the fan controller procedure in `mode`; a failure is registered. */
+bool run_speed_procedure(const char* mode)
+{
+    uint32_t data = 0;
+    splog_info loginfo;
+    splog_linkup_info loglink;
+    memset(&loginfo, 0, sizeof(loginfo));
+    memset(&loglink, 0, sizeof(loglink));
+    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kFanBoard, kFanProcedure, mode, nullptr,
+                                                                 &data, &loginfo, &loglink);
+    if (ret != 0) {
+        tr(kLvInfo, 0x80030009, "znpdklib_change_fan_speed():change fan speed failed. ret=%d data=0x%08x",
+           ret, static_cast<int>(data));
+        znpdklib_log_save_sel_error_log(&loginfo, &loglink);
+        return false;
+    }
+    return true;
+}
+
+int change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
+{
+    tr(kLvInfo, 0x80030001,
+       "znpdklib_change_fan_speed():start. set_reason=0x%08x%08x reset_reason=0x%08x%08x", hi32(set_reason),
+       lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+    if (!reasons_valid(set_reason, reset_reason)) {
+        return -2;
+    }
+    uint64_t org_reason = 0;
+    uint64_t new_reason = 0;
+    update_reasons(set_reason, reset_reason, &org_reason, &new_reason);
+    if (new_reason == org_reason) {
+        return 1;
+    }
+    /* The procedure runs outside the record lock. */
+    const char* mode = speed_mode(org_reason, new_reason);
+    if (mode == nullptr) {
+        return 1;
+    }
+    if (!run_speed_procedure(mode)) {
+        return -1;
+    }
+    if (new_reason != 0) {
+        const uint32_t fan_target = usable_fan_target(
+            0x8003000A,
+            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
+            0x8003000B,
+            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
+        znpdklib_create_fan_rotation_check_thread(1, fan_target);
+    }
+    tr(kLvInfo, 0x8003FFFF, "znpdklib_change_fan_speed():end.");
+    return 0;
+}
+
+} // namespace
 
 extern "C" {
 
@@ -425,90 +522,7 @@ int znpdklib_restore_fan_speed(uint64_t reason)
 
 int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 {
-    tr(kLvInfo, 0x80030001,
-       "znpdklib_change_fan_speed():start. set_reason=0x%08x%08x reset_reason=0x%08x%08x", hi32(set_reason),
-       lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
-    if (set_reason == 0 && reset_reason == 0) {
-        tr(kLvError, 0x80030002,
-           "znpdklib_change_fan_speed():not specified reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
-           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
-        return -2;
-    }
-    if ((set_reason & reset_reason) != 0) {
-        tr(kLvError, 0x80030003,
-           "znpdklib_change_fan_speed():specified same reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
-           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
-        return -2;
-    }
-
-    uint64_t org_reason = 0;
-    uint64_t new_reason = 0;
-    modify_system([&](current_system_info_t& info) {
-        org_reason = info.fanfull_reason;
-        if (set_reason != 0) {
-            info.fanfull_reason |= set_reason;
-        }
-        if (reset_reason != 0) {
-            info.fanfull_reason &= ~reset_reason;
-        }
-        new_reason = info.fanfull_reason;
-        if (new_reason == org_reason) {
-            tr(kLvInfo, 0x80030004,
-               "znpdklib_change_fan_speed():not change reason. fanfull_reason=0x%08x%08x", hi32(new_reason),
-               lo32(new_reason));
-            return false;
-        }
-        tr(kLvInfo, 0x80030005, "znpdklib_change_fan_speed():update fanfull_reason=0x%08x%08x => 0x%08x%08x",
-           hi32(org_reason), lo32(org_reason), hi32(new_reason), lo32(new_reason));
-        return true;
-    });
-    if (new_reason == org_reason) {
-        return 1;
-    }
-
-    /* The procedure runs outside the record lock: the mask is what counts,
-     * the controller only follows its zero / non-zero transitions. */
-    const char* mode = nullptr;
-    if (org_reason != 0 && new_reason != 0) {
-        tr(kLvInfo, 0x80030006,
-           "znpdklib_change_fan_speed():skip fan max speed(already max speed). fanfull_reason=0x%08x%08x",
-           hi32(new_reason), lo32(new_reason));
-        return 1;
-    }
-    if (org_reason == 0) {
-        tr(kLvInfo, 0x80030007, "znpdklib_change_fan_speed():change max fan speed. fanfull_reason=0x%08x%08x",
-           hi32(new_reason), lo32(new_reason));
-        mode = "MAX_FANSPEED";
-    } else {
-        tr(kLvInfo, 0x80030008, "znpdklib_change_fan_speed():restore fan speed. fanfull_reason=0x%08x%08x",
-           hi32(new_reason), lo32(new_reason));
-        mode = "RESTORE_FANSPEED";
-    }
-
-    uint32_t data = 0;
-    splog_info loginfo;
-    splog_linkup_info loglink;
-    memset(&loginfo, 0, sizeof(loginfo));
-    memset(&loglink, 0, sizeof(loglink));
-    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog("/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", mode,
-                                                                 nullptr, &data, &loginfo, &loglink);
-    if (ret != 0) {
-        tr(kLvInfo, 0x80030009, "znpdklib_change_fan_speed():change fan speed failed. ret=%d data=0x%08x",
-           ret, static_cast<int>(data));
-        znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-        return -1;
-    }
-
-    if (new_reason != 0) {
-        const uint32_t fan_target = usable_fan_target(
-            0x8003000A,
-            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
-            0x8003000B,
-            "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
-        znpdklib_create_fan_rotation_check_thread(1, fan_target);
-    }
-    tr(kLvInfo, 0x8003FFFF, "znpdklib_change_fan_speed():end.");
-    return 0;
+    return guard(__func__, -1, [&] { return change_fan_speed(set_reason, reset_reason); });
 }
 
 } /* extern "C" */
@@ -528,59 +542,60 @@ void log_transition(const char* ras_code, uint32_t id, const char* fmt, INT8U of
     znpdklib_exSetSensorWoS(kSnsFanRedundancy, offset, kChassisInst);
 }
 
-/* The evaluation behind both exported checks; fanc_err may be null. */
-int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no)
+/* The debug words may switch the check off. */
+bool redundancy_check_ignored()
 {
-    tr(kLvInfo, 0x80060001, "check_fan_redundancy():start. mode=%d logregist=%d chk_fanu_no=%d", mode,
-       logregist, chk_fanu_no);
-    int result = 0;
-    int mainte_fanu_no = -1;
-    int okfan = 0;
-    int tmp_okfan = 0;
-    uint64_t set_reason = 0;
-    uint64_t reset_reason = 0;
-
-    setup_system_info_t setup;
-    read_setup(&setup);
+    const setup_system_info_t setup = read_setup();
     const uint32_t debug_flag_common0 = debug_word(setup, DBGW_BMCFW_MODULE_COMMON0);
     const uint32_t debug_flag_bmcinit = debug_word(setup, DBGW_BMCFW_MODULE_BMCINIT);
     if ((debug_flag_common0 & 0x2) != 0 || (debug_flag_bmcinit & 0x10000) != 0) {
         tr(kLvInfo, 0x8006000C,
            "check_fan_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
            static_cast<int>(debug_flag_common0), static_cast<int>(debug_flag_bmcinit));
-        return 0;
+        return true;
     }
+    return false;
+}
 
+/* The first FANU under maintenance, or -1. */
+int maintenance_fanu()
+{
     for (int n = 0; n < kFanuCount; ++n) {
         const uint16_t mainte_sns = read_sensor(kSnsFanuMainte0 + n);
         if ((mainte_sns & kMainteOn) != 0) {
             tr(kLvInfo, 0x80060002, "check_fan_redundancy():FANU#%d maintenance. mainte_sns=0x%04x", n,
                mainte_sns);
-            mainte_fanu_no = n;
-            break;
+            return n;
         }
     }
-    if (mode == 3 && mainte_fanu_no != -1) {
-        tr(kLvInfo, 0x8006000B, "check_fan_redundancy():Maintenance check NG. FANU#%d is already maintenace",
-           mainte_fanu_no);
-        return 2;
-    }
+    return -1;
+}
 
+struct FanCount {
+    int okfan = 0;
+    int tmp_okfan = 0; /* counted only because their FANU is under maintenance */
+};
+
+/* Fans that count as working: usable ones, and the fans of the FANU under
+ * maintenance or (mode 3) of the FANU about to enter it. */
+FanCount count_ok_fans(int mode, int mainte_fanu_no, int chk_fanu_no)
+{
+    FanCount count;
     for (int i = 0; i < kFanCount; ++i) {
         INT16U frue = 0;
         const int unit = fanu_of(i);
         if (is_usable_fan(static_cast<uint8_t>(i), &frue)) {
-            ++okfan;
+            ++count.okfan;
             tr(kLvInfo, 0x80060003, "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x", unit,
                fan_of(i), frue);
         } else if (unit == mainte_fanu_no) {
-            ++okfan;
-            ++tmp_okfan;
+            ++count.okfan;
+            ++count.tmp_okfan;
             tr(kLvInfo, 0x80060004,
                "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d is maintenance",
                unit, fan_of(i), frue, mainte_fanu_no);
         } else if (mode == 3 && unit == chk_fanu_no) {
-            ++okfan;
+            ++count.okfan;
             tr(kLvInfo, 0x80060005,
                "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d maintenance check target",
                unit, fan_of(i), frue, chk_fanu_no);
@@ -589,50 +604,80 @@ int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no
                fan_of(i), frue);
         }
     }
+    return count;
+}
 
-    {
-        ScopeLock lock(&chk_fan_redundacy_mutex);
-        result = okfan == kFanCount ? 0 : (okfan == kFanCount - 1 ? 1 : 2);
-        const uint16_t redundancy_sns = read_sensor(kSnsFanRedundancy);
-        tr(kLvInfo, 0x80060007,
-           "check_fan_redundancy():okfan=%d tmp_okfan=%d redundancy_sns=0x%04x result=%d", okfan, tmp_okfan,
-           redundancy_sns, result);
-
-        if (logregist != 0) {
-            if (result == 0) {
-                if (mode == 2 && tmp_okfan == 0 && !znpdklib_is_check_fan_executing_by_attach() &&
-                    (redundancy_sns & (kRedLost | kRedShortage)) != 0) {
-                    log_transition("BFW_CFG_FAN_H2", 0x80060008,
-                                   "check_fan_redundancy():recover fan redundancy. ras_code=%s", 1);
-                    znpdklib_redundancy_recover(1);
-                    reset_reason = kReasonLost | kReasonShortage;
-                }
-            } else if (result == 1) {
-                if ((redundancy_sns & kRedLost) == 0) {
-                    log_transition("BFW_CFG_FAN_H0", 0x80060009,
-                                   "check_fan_redundancy():fan redundancy lost. ras_code=%s", 2);
-                    set_reason = kReasonLost;
-                    if ((redundancy_sns & kRedShortage) != 0) {
-                        tr(kLvInfo, 0x8006000D, "check_fan_redundancy():fan redundancy shortage to lost");
-                        znpdklib_redundancy_recover_shortage2lost();
-                    }
-                }
-            } else if ((redundancy_sns & kRedShortage) == 0) {
-                log_transition("BFW_CFG_FAN_H1", 0x8006000A,
-                               "check_fan_redundancy():fan redundancy shortage. ras_code=%s", 3);
-                set_reason = kReasonShortage;
+/* Registers a change of the verdict and moves the sensor; answers the
+ * full-speed reasons to set and to withdraw. */
+void register_transition(int mode, int result, int tmp_okfan, uint16_t redundancy_sns, uint64_t* set_reason,
+                         uint64_t* reset_reason)
+{
+    if (result == 0) {
+        if (mode == 2 && tmp_okfan == 0 && !znpdklib_is_check_fan_executing_by_attach() &&
+            (redundancy_sns & (kRedLost | kRedShortage)) != 0) {
+            log_transition("BFW_CFG_FAN_H2", 0x80060008,
+                           "check_fan_redundancy():recover fan redundancy. ras_code=%s", 1);
+            znpdklib_redundancy_recover(1);
+            *reset_reason = kReasonLost | kReasonShortage;
+        }
+    } else if (result == 1) {
+        if ((redundancy_sns & kRedLost) == 0) {
+            log_transition("BFW_CFG_FAN_H0", 0x80060009,
+                           "check_fan_redundancy():fan redundancy lost. ras_code=%s", 2);
+            *set_reason = kReasonLost;
+            if ((redundancy_sns & kRedShortage) != 0) {
+                tr(kLvInfo, 0x8006000D, "check_fan_redundancy():fan redundancy shortage to lost");
+                znpdklib_redundancy_recover_shortage2lost();
             }
         }
+    } else if ((redundancy_sns & kRedShortage) == 0) {
+        log_transition("BFW_CFG_FAN_H1", 0x8006000A,
+                       "check_fan_redundancy():fan redundancy shortage. ras_code=%s", 3);
+        *set_reason = kReasonShortage;
+    }
+}
 
-        if (set_reason != 0 || reset_reason != 0) {
-            if (fanc_err != nullptr) {
-                *fanc_err = 0;
-            }
-            if (znpdklib_change_fan_speed(set_reason, reset_reason) == -1 && fanc_err != nullptr) {
-                *fanc_err = 1;
-            }
+/* The verdict under chk_fan_redundacy_mutex, its registration and the fan
+ * speed that follows; fanc_err may be null. */
+int judge_redundancy(int mode, const FanCount& count, int* fanc_err, int logregist)
+{
+    ScopeLock lock(&chk_fan_redundacy_mutex);
+    const int result = count.okfan == kFanCount ? 0 : (count.okfan == kFanCount - 1 ? 1 : 2);
+    const uint16_t redundancy_sns = read_sensor(kSnsFanRedundancy);
+    tr(kLvInfo, 0x80060007, "check_fan_redundancy():okfan=%d tmp_okfan=%d redundancy_sns=0x%04x result=%d",
+       count.okfan, count.tmp_okfan, redundancy_sns, result);
+    uint64_t set_reason = 0;
+    uint64_t reset_reason = 0;
+    if (logregist != 0) {
+        register_transition(mode, result, count.tmp_okfan, redundancy_sns, &set_reason, &reset_reason);
+    }
+    if (set_reason != 0 || reset_reason != 0) {
+        if (fanc_err != nullptr) {
+            *fanc_err = 0;
+        }
+        if (znpdklib_change_fan_speed(set_reason, reset_reason) == -1 && fanc_err != nullptr) {
+            *fanc_err = 1;
         }
     }
+    return result;
+}
+
+/* The evaluation behind both exported checks; fanc_err may be null. */
+int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no)
+{
+    tr(kLvInfo, 0x80060001, "check_fan_redundancy():start. mode=%d logregist=%d chk_fanu_no=%d", mode,
+       logregist, chk_fanu_no);
+    if (redundancy_check_ignored()) {
+        return 0;
+    }
+    const int mainte_fanu_no = maintenance_fanu();
+    if (mode == 3 && mainte_fanu_no != -1) {
+        tr(kLvInfo, 0x8006000B, "check_fan_redundancy():Maintenance check NG. FANU#%d is already maintenace",
+           mainte_fanu_no);
+        return 2;
+    }
+    const FanCount count = count_ok_fans(mode, mainte_fanu_no, chk_fanu_no);
+    const int result = judge_redundancy(mode, count, fanc_err, logregist);
     tr(kLvInfo, 0x8006FFFF, "check_fan_redundancy():end. result=%d", result);
     return result;
 }
@@ -644,38 +689,44 @@ extern "C" {
 /* A null fanc_err is accepted: the verdict is still returned and acted on. */
 int znpdklib_check_fan_redundancy(int mode, int* fanc_err)
 {
-    tr(kLvInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
-    if (mode != 1 && mode != 2) {
-        tr(kLvError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
-        return -1;
-    }
-    const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
-    tr(kLvInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
-       fanc_err != nullptr ? *fanc_err : 0);
-    return rtn;
+    return guard(__func__, -1, [&]() -> int {
+        tr(kLvInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
+        if (mode != 1 && mode != 2) {
+            tr(kLvError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
+            return -1;
+        }
+        const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
+        tr(kLvInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
+           fanc_err != nullptr ? *fanc_err : 0);
+        return rtn;
+    });
 }
 
 int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no)
 {
-    tr(kLvInfo, 0x80050001, "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d", fanu_no);
-    if (fanu_no > 3) {
-        tr(kLvError, 0x80050002, "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d",
+    return guard(__func__, 1, [&]() -> int {
+        tr(kLvInfo, 0x80050001, "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d",
            fanu_no);
-        return 1;
-    }
-    const uint16_t poff = read_sensor(kSnsSystemPower);
-    if ((poff & kSysPowerOff) != 0) {
-        tr(kLvInfo, 0x80050003,
-           "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK", poff);
-        return 0;
-    }
-    int fanc_err = 0;
-    const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
-    const int result = rtn == 0 ? 0 : 1;
-    tr(kLvInfo, 0x8005FFFF,
-       "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d", rtn,
-       result);
-    return result;
+        if (fanu_no > 3) {
+            tr(kLvError, 0x80050002, "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d",
+               fanu_no);
+            return 1;
+        }
+        const uint16_t poff = read_sensor(kSnsSystemPower);
+        if ((poff & kSysPowerOff) != 0) {
+            tr(kLvInfo, 0x80050003,
+               "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK",
+               poff);
+            return 0;
+        }
+        int fanc_err = 0;
+        const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
+        const int result = rtn == 0 ? 0 : 1;
+        tr(kLvInfo, 0x8005FFFF,
+           "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d", rtn,
+           result);
+        return result;
+    });
 }
 
 } /* extern "C" */
@@ -699,9 +750,7 @@ void debug_sleep(uint32_t debug_flag)
     int isSleep = 0;
     uint32_t flag = 0;
     for (;;) {
-        setup_system_info_t setup;
-        read_setup(&setup);
-        flag = debug_word(setup, DBGW_BMCFW_MODULE_COMMON0);
+        flag = debug_word(read_setup(), DBGW_BMCFW_MODULE_COMMON0);
         if ((flag & debug_flag) == 0) {
             break;
         }
@@ -719,41 +768,47 @@ void debug_sleep(uint32_t debug_flag)
     }
 }
 
+/* Applies the lines "fan:speed" of an open debug input file. A line longer
+ * than the buffer is judged by its beginning; the rest is passed over. */
+void apply_dummy_lines(FILE* in, uint32_t fan_target, uint32_t* data)
+{
+    char line[256];
+    bool continued = false;
+    while (fgets(line, sizeof(line), in) != nullptr) {
+        const bool head = !continued;
+        continued = strchr(line, '\n') == nullptr;
+        int fanno = 0;
+        int val = 0;
+        if (!head || sscanf(line, "%d:%d", &fanno, &val) != 2 || fanno < 0 || fanno >= kFanCount ||
+            !in_set(fan_target, fanno)) {
+            continue;
+        }
+        const uint32_t org = data[fanno];
+        data[fanno] = static_cast<uint32_t>(val);
+        tr(kLvInfo, 0x80170002, "debug_fan_check_dummy_data():/FANU#%d/FAN#%d set dummy rotaion %d=>%d",
+           fanu_of(fanno), fan_of(fanno), static_cast<int>(org), val);
+    }
+}
+
 /* Replaces read speeds by the lines "fan:speed" of the debug input file. */
 void debug_fan_check_dummy_data(uint32_t fan_target, uint32_t* data)
 {
-    setup_system_info_t setup;
-    read_setup(&setup);
-    const uint32_t flag = debug_word(setup, DBGW_BMCFW_MODULE_COMMON0);
+    const uint32_t flag = debug_word(read_setup(), DBGW_BMCFW_MODULE_COMMON0);
     if ((flag & kDebugDummyData) == 0) {
         return;
     }
     tr(kLvInfo, 0x80170001, "debug_fan_check_dummy_data():debug flag enable. debug flag=0x%08x",
        static_cast<int>(flag));
-    char name[128];
-    snprintf(name, sizeof(name), "%s", "/tmp/debug_fan_check_dummy_data");
-    try {
-        if (!sp::util::file::FileCheck::exist(name)) {
-            sp_trace4(kLvInfo, kRegion, kModule, 0x80170003,
-                      "debug_fan_check_dummy_data():debug file(%s) not exist", name);
-            return;
-        }
-        std::ifstream in(getSPFilePath(name));
-        std::string line;
-        while (std::getline(in, line)) {
-            int fanno = 0;
-            int val = 0;
-            if (sscanf(line.c_str(), "%d:%d", &fanno, &val) != 2 || fanno < 0 || fanno >= kFanCount ||
-                !in_set(fan_target, fanno)) {
-                continue;
-            }
-            const uint32_t org = data[fanno];
-            data[fanno] = static_cast<uint32_t>(val);
-            tr(kLvInfo, 0x80170002, "debug_fan_check_dummy_data():/FANU#%d/FAN#%d set dummy rotaion %d=>%d",
-               fanu_of(fanno), fan_of(fanno), static_cast<int>(org), val);
-        }
-    } catch (...) {
-        /* A debug aid only: without memory the real readings stand. */
+    const char* const name = "/tmp/debug_fan_check_dummy_data";
+    if (!sp::util::file::FileCheck::exist(name)) {
+        sp_trace4(kLvInfo, kRegion, kModule, 0x80170003,
+                  "debug_fan_check_dummy_data():debug file(%s) not exist", name);
+        return;
+    }
+    FILE* in = fopen(getSPFilePath(name).c_str(), "r");
+    if (in != nullptr) {
+        apply_dummy_lines(in, fan_target, data);
+        fclose(in);
     }
 }
 
@@ -776,15 +831,11 @@ int check_fan_rotation_err_registable(uint8_t fanno, uint32_t threshold)
            fanno, frue);
         return 0;
     }
-    if (threshold == kThresholdMax) {
-        current_system_info_t info;
-        read_system(&info);
-        if (info.fanfull_reason == 0) {
-            tr(kLvInfo, 0x800F0004,
-               "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d frue_sns=0x%04x",
-               fanno, static_cast<int>(threshold), frue);
-            return 0;
-        }
+    if (threshold == kThresholdMax && read_system().fanfull_reason == 0) {
+        tr(kLvInfo, 0x800F0004,
+           "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d frue_sns=0x%04x",
+           fanno, static_cast<int>(threshold), frue);
+        return 0;
     }
     tr(kLvInfo, 0x800F0005,
        "check_fan_rotation_err_registable():registable. fanno=%d threshold=%d frue_sns=0x%04x", fanno,
@@ -804,33 +855,11 @@ void write_fan_check_results(const uint8_t results[kFanCount], uint32_t id_after
         [&](const current_system_info_t& info) { trace8u8(id_after, kResultsFmt, info.fan_check_result); });
 }
 
-/* The polling check. Bits above the last fan are ignored: they could never
- * be decided and the poll would not end. */
-int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint32_t max_time,
-                       uint32_t threshold)
+/* Fans outside the target that read not installed in a FANU under
+ * maintenance: one such missing fan is no fault of the machine. */
+uint8_t count_mainte_uninstalled(uint32_t target)
 {
-    uint32_t target = fan_check_target & kAllFans;
-    tr(kLvInfo, 0x80090001, "check_fan_rotation():start. fan_check_target=0x%08x max_time=%d threshold=%d",
-       static_cast<int>(fan_check_target), static_cast<int>(max_time), static_cast<int>(threshold));
-    uint32_t data[kFanCount + 1];
-    splog_info loginfo;
-    splog_linkup_info loglink;
-    uint32_t para = 0;
-    memset(data, 0, sizeof(data));
-    memset(&loginfo, 0, sizeof(loginfo));
-    memset(&loglink, 0, sizeof(loglink));
-    uint8_t ngfan = 0;
-    uint8_t mainte_uninstall_fan = 0;
-
-    if (threshold != kThresholdSpinup) {
-        debug_sleep(kDebugSuspend);
-    }
-
-    current_system_info_t cinfo;
-    read_system(&cinfo);
-    trace8u8(0x8009000E, "check_fan_rotation():fan_check_result=%d %d %d %d %d %d %d %d",
-             cinfo.fan_check_result);
-
+    uint8_t count = 0;
     for (int i = 0; i < kFanCount; ++i) {
         if (in_set(target, i)) {
             continue;
@@ -838,97 +867,127 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
         const uint16_t mainte_sns = read_sensor(kSnsFanuMainte0 + fanu_of(i));
         const uint16_t frue_sns = read_sensor(kSnsFrueFan0 + i);
         if ((mainte_sns & kMainteOn) != 0 && (frue_sns & 0x0001) != 0) {
-            ++mainte_uninstall_fan;
+            ++count;
             tr(kLvInfo, 0x80090008,
                "check_fan_rotation():/FANU#%d/FAN#%d maintenace and unsitall. mainte_sns=0x%04x frue_sns=0x%04x",
                fanu_of(i), fan_of(i), mainte_sns, frue_sns);
         }
     }
-    tr(kLvInfo, 0x80090002, "check_fan_rotation():target=0x%02x mainte_uninstall_fan=%d",
-       static_cast<int>(target), mainte_uninstall_fan);
+    return count;
+}
 
-    if (target == 0) {
-        tr(kLvInfo, 0x80090009, "check_fan_rotation():fan check target is not specified");
+/* What one rotation check carries from poll to poll. */
+struct RotationCheck {
+    uint32_t target;
+    const uint32_t* fan_start_time;
+    uint32_t max_time;
+    uint32_t threshold;
+    current_system_info_t cinfo;
+    uint32_t data[kFanCount + 1];
+    splog_info loginfo;
+    splog_linkup_info loglink;
+};
+
+/* The fan missed its time: result 1, and a RAS log where it may be registered. */
+void register_timeout(RotationCheck& c, int i, uint32_t timer)
+{
+    c.cinfo.fan_check_result[i] = 1;
+    c.target &= ~(1u << i);
+    sp_trace27(
+        kLvInfo, kRegion, kModule, 0x80090007,
+        "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d target=0x%02x",
+        fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.cinfo.fan_start_time[i]),
+        static_cast<int>(timer), static_cast<int>(c.max_time), static_cast<int>(c.target));
+    make_ras(&c.loginfo, &c.loglink, "BFW_FAN_CHK_H0");
+    c.loginfo.part1_pos[0] = static_cast<uint8_t>(fanu_of(i));
+    c.loginfo.part1_pos[1] = static_cast<uint8_t>(fan_of(i));
+    if (check_fan_rotation_err_registable(static_cast<uint8_t>(i), c.threshold) == 1) {
+        znpdklib_log_save_sel_error_log(&c.loginfo, &c.loglink);
+    } else {
+        tr(kLvInfo, 0x8009000C, "check_fan_rotation():/FANU#%d/FAN#%d skip regist fan rotation error SEL",
+           fanu_of(i), fan_of(i));
     }
-    while (target != 0) {
-        const uint32_t timer = now_seconds();
-        para = target;
-        const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(
-            "/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", "READ_FANSPEED", &para, data, &loginfo, &loglink);
-        if (ret < 0) {
-            tr(kLvError, 0x80090004,
-               "check_fan_rotation():read fanspeed failed. target=0x%02x fanc_err=0x%08x",
-               static_cast<int>(target), static_cast<int>(data[kFanCount]));
-            znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-            for (int n = 0; n < kFancCount; ++n) {
-                if ((data[kFanCount] & (1u << n)) != 0) {
-                    cinfo.fan_check_result[n] = 2;
-                    cinfo.fan_check_result[n + kFancCount] = 2;
-                }
-            }
-            write_fan_check_results(cinfo.fan_check_result, 0x8009000F);
-            return -2;
-        }
-        debug_fan_check_dummy_data(target, data);
-        trace8(0x80090005, "check_fan_rotation():FAN speed %d %d %d %d %d %d %d %d", data, kLvDetail);
+}
 
-        current_system_info_t cinfo_time_check;
-        read_system(&cinfo_time_check);
-        for (int i = 0; i < kFanCount; ++i) {
-            if (!in_set(target, i)) {
-                continue;
-            }
-            if (fan_start_time != nullptr && fan_start_time[i] != cinfo_time_check.fan_start_time[i]) {
-                target &= ~(1u << i);
-                sp_trace25(
-                    kLvInfo, kRegion, kModule, 0x8009000D,
-                    "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d fan_start_time_db=%d target=0x%02x",
-                    fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
-                    static_cast<int>(cinfo_time_check.fan_start_time[i]), static_cast<int>(target));
-            } else if (data[i] >= threshold) {
-                target &= ~(1u << i);
-                sp_trace25(
-                    kLvInfo, kRegion, kModule, 0x80090006,
-                    "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d target=0x%02x",
-                    fanu_of(i), fan_of(i), static_cast<int>(data[i]), static_cast<int>(threshold),
-                    static_cast<int>(target));
-            } else if (timer - cinfo.fan_start_time[i] >= max_time) {
-                cinfo.fan_check_result[i] = 1;
-                target &= ~(1u << i);
-                sp_trace27(
-                    kLvInfo, kRegion, kModule, 0x80090007,
-                    "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d target=0x%02x",
-                    fanu_of(i), fan_of(i), static_cast<int>(data[i]),
-                    static_cast<int>(cinfo.fan_start_time[i]), static_cast<int>(timer),
-                    static_cast<int>(max_time), static_cast<int>(target));
-                make_ras(&loginfo, &loglink, "BFW_FAN_CHK_H0");
-                loginfo.part1_pos[0] = static_cast<uint8_t>(fanu_of(i));
-                loginfo.part1_pos[1] = static_cast<uint8_t>(fan_of(i));
-                if (check_fan_rotation_err_registable(static_cast<uint8_t>(i), threshold) == 1) {
-                    znpdklib_log_save_sel_error_log(&loginfo, &loglink);
-                } else {
-                    tr(kLvInfo, 0x8009000C,
-                       "check_fan_rotation():/FANU#%d/FAN#%d skip regist fan rotation error SEL", fanu_of(i),
-                       fan_of(i));
-                }
-            }
-        }
-        if (target == 0) {
-            tr(kLvInfo, 0x80090003, "check_fan_rotation():All FAN check complete. target=0x%02x",
-               static_cast<int>(target));
-            write_fan_check_results(cinfo.fan_check_result, 0x80090010);
-            break;
-        }
-        start_sleep(2);
+/* One fan of the target after a read: restamped by another check, up to
+ * speed, timed out, or still waited for. */
+void judge_fan(RotationCheck& c, int i, const current_system_info_t& now, uint32_t timer)
+{
+    if (c.fan_start_time != nullptr && c.fan_start_time[i] != now.fan_start_time[i]) {
+        c.target &= ~(1u << i);
+        sp_trace25(
+            kLvInfo, kRegion, kModule, 0x8009000D,
+            "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d fan_start_time_db=%d target=0x%02x",
+            fanu_of(i), fan_of(i), static_cast<int>(c.fan_start_time[i]),
+            static_cast<int>(now.fan_start_time[i]), static_cast<int>(c.target));
+    } else if (c.data[i] >= c.threshold) {
+        c.target &= ~(1u << i);
+        sp_trace25(
+            kLvInfo, kRegion, kModule, 0x80090006,
+            "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d target=0x%02x",
+            fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.threshold),
+            static_cast<int>(c.target));
+    } else if (timer - c.cinfo.fan_start_time[i] >= c.max_time) {
+        register_timeout(c, i, timer);
     }
+}
 
+/* A failed read: the fans of every FANC in error fail (2) and are stored. */
+void record_read_failure(RotationCheck& c)
+{
+    tr(kLvError, 0x80090004, "check_fan_rotation():read fanspeed failed. target=0x%02x fanc_err=0x%08x",
+       static_cast<int>(c.target), static_cast<int>(c.data[kFanCount]));
+    znpdklib_log_save_sel_error_log(&c.loginfo, &c.loglink);
+    for (int n = 0; n < kFancCount; ++n) {
+        if ((c.data[kFanCount] & (1u << n)) != 0) {
+            c.cinfo.fan_check_result[n] = 2;
+            c.cinfo.fan_check_result[n + kFancCount] = 2;
+        }
+    }
+    write_fan_check_results(c.cinfo.fan_check_result, 0x8009000F);
+}
+
+/* One read of the fan speeds and the judgement of every fan still waited
+ * for: -2 when the read failed, 1 when every fan is decided, else 0. */
+int poll_once(RotationCheck& c)
+{
+    const uint32_t timer = now_seconds();
+    uint32_t para = c.target;
+    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kFanBoard, kFanProcedure, "READ_FANSPEED",
+                                                                 &para, c.data, &c.loginfo, &c.loglink);
+    if (ret < 0) {
+        record_read_failure(c);
+        return -2;
+    }
+    debug_fan_check_dummy_data(c.target, c.data);
+    trace8(0x80090005, "check_fan_rotation():FAN speed %d %d %d %d %d %d %d %d", c.data, kLvDetail);
+    const current_system_info_t now = read_system();
+    for (int i = 0; i < kFanCount; ++i) {
+        if (in_set(c.target, i)) {
+            judge_fan(c, i, now, timer);
+        }
+    }
+    if (c.target != 0) {
+        return 0;
+    }
+    tr(kLvInfo, 0x80090003, "check_fan_rotation():All FAN check complete. target=0x%02x",
+       static_cast<int>(c.target));
+    write_fan_check_results(c.cinfo.fan_check_result, 0x80090010);
+    return 1;
+}
+
+/* The verdict: 0 all fans fine, 2 one failed (and no fan is missing under
+ * maintenance), -1 more; a failure re-runs the redundancy check. */
+int rotation_verdict(const uint8_t results[kFanCount], uint8_t mainte_uninstall_fan)
+{
+    uint8_t ngfan = 0;
     for (int i = 0; i < kFanCount; ++i) {
         INT16U frue = 0;
-        if (cinfo.fan_check_result[i] != 0 || !is_usable_fan(static_cast<uint8_t>(i), &frue)) {
+        if (results[i] != 0 || !is_usable_fan(static_cast<uint8_t>(i), &frue)) {
             ++ngfan;
             tr(kLvInfo, 0x80090011,
                "check_fan_rotation():/FANU#%d/FAN#%d NG. fan_check_result=%d frue_sns=0x%04x", fanu_of(i),
-               fan_of(i), cinfo.fan_check_result[i], frue);
+               fan_of(i), results[i], frue);
         }
     }
     int result = 0;
@@ -945,6 +1004,43 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
     return result;
 }
 
+/* The polling check. Bits above the last fan are ignored: they could never
+ * be decided and the poll would not end. */
+int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint32_t max_time,
+                       uint32_t threshold)
+{
+    RotationCheck c;
+    memset(&c, 0, sizeof(c));
+    c.target = fan_check_target & kAllFans;
+    c.fan_start_time = fan_start_time;
+    c.max_time = max_time;
+    c.threshold = threshold;
+    tr(kLvInfo, 0x80090001, "check_fan_rotation():start. fan_check_target=0x%08x max_time=%d threshold=%d",
+       static_cast<int>(fan_check_target), static_cast<int>(max_time), static_cast<int>(threshold));
+    if (threshold != kThresholdSpinup) {
+        debug_sleep(kDebugSuspend);
+    }
+    c.cinfo = read_system();
+    trace8u8(0x8009000E, kResultsFmt, c.cinfo.fan_check_result);
+    const uint8_t mainte_uninstall_fan = count_mainte_uninstalled(c.target);
+    tr(kLvInfo, 0x80090002, "check_fan_rotation():target=0x%02x mainte_uninstall_fan=%d",
+       static_cast<int>(c.target), mainte_uninstall_fan);
+    if (c.target == 0) {
+        tr(kLvInfo, 0x80090009, "check_fan_rotation():fan check target is not specified");
+    }
+    while (c.target != 0) {
+        const int polled = poll_once(c);
+        if (polled < 0) {
+            return -2;
+        }
+        if (polled > 0) {
+            break;
+        }
+        start_sleep(2);
+    }
+    return rotation_verdict(c.cinfo.fan_check_result, mainte_uninstall_fan);
+}
+
 /* The full-speed check used by the second check and the max speed thread. */
 int max_speed_check(uint32_t fan_target)
 {
@@ -955,11 +1051,7 @@ int max_speed_check(uint32_t fan_target)
     return rtn;
 }
 
-} // namespace
-
-extern "C" {
-
-int znpdklib_check_fan_spinup(void)
+int check_fan_spinup()
 {
     tr(kLvInfo, 0x80070001, "znpdklib_check_fan_spinup():start");
     const uint32_t fan_target = usable_fan_target(
@@ -980,75 +1072,101 @@ int znpdklib_check_fan_spinup(void)
     return rtn;
 }
 
+/* The fans the second check waits for: stamped, not yet failed, usable. */
+uint32_t second_check_target(const current_system_info_t& info)
+{
+    uint32_t fan_target = 0;
+    for (int i = 0; i < kFanCount; ++i) {
+        INT16U frue = 0;
+        if (info.fan_start_time[i] != 0 && info.fan_check_result[i] == 0 &&
+            is_usable_fan(static_cast<uint8_t>(i), &frue)) {
+            fan_target |= 1u << i;
+            tr(kLvInfo, 0x80080005,
+               "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d frue_sns=0x%04x",
+               fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
+        } else {
+            sp_trace25(
+                kLvInfo, kRegion, kModule, 0x80080006,
+                "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d fan_check_result=%d frue_sns=0x%04x",
+                fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), info.fan_check_result[i],
+                frue);
+        }
+    }
+    return fan_target;
+}
+
+/* Full speed set while the second check ran: no thread checks it before
+ * phase 2, so the check does it here. */
+int max_speed_after_second_check(int rtn)
+{
+    tr(kLvInfo, 0x80080007,
+       "znpdklib_check_fan_rotation(): max speed is set while 2nd check. execute max speed check");
+    start_sleep(5);
+    if (read_system().fanfull_reason == 0) {
+        tr(kLvInfo, 0x8008000A,
+           "znpdklib_check_fan_rotation(): skip max speed check. fanfull_reason is alraedy clear");
+        return rtn;
+    }
+    const uint32_t fan_target = usable_fan_target(
+        0x80080008,
+        "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
+        0x80080009,
+        "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
+    return max_speed_check(fan_target);
+}
+
+/* The second check under chk_fan_rotation_mutex; false when skipped. */
+bool second_check(int* result)
+{
+    ScopeLock lock(&chk_fan_rotation_mutex);
+    const uint8_t phase = znpdklib_get_fan_check_phase();
+    if (phase == 0x02 || phase == 0x82) {
+        tr(kLvInfo, 0x8008000B,
+           "znpdklib_check_fan_rotation():skip. fan_check_phase is already 2nd end. phase=0x%02x", phase);
+        return false;
+    }
+    if (!znpdklib_is_check_fan_executing()) {
+        tr(kLvInfo, 0x80080002, "znpdklib_check_fan_rotation():skip");
+        return false;
+    }
+    const current_system_info_t info = read_system();
+    const uint32_t fan_target = second_check_target(info);
+    const uint32_t threshold = info.fanfull_reason != 0 ? kThresholdMax : kThresholdNormal;
+    tr(kLvInfo, 0x80080004,
+       "znpdklib_check_fan_rotation():fan_target=0x%08x threshold=%d fanfull_reason=0x%08x%08x",
+       static_cast<int>(fan_target), static_cast<int>(threshold), hi32(info.fanfull_reason),
+       lo32(info.fanfull_reason));
+    int rtn = check_fan_rotation(fan_target, nullptr, 15, threshold);
+    znpdklib_clear_check_fan_start_time(kAllFans, nullptr);
+    const bool full_now = read_system().fanfull_reason != 0;
+    if (threshold == kThresholdNormal && full_now && rtn >= 0) {
+        rtn = max_speed_after_second_check(rtn);
+    }
+    znpdklib_set_fan_check_phase(rtn < 0 ? 0x82 : 0x02);
+    *result = rtn;
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+int znpdklib_check_fan_spinup(void)
+{
+    return guard(__func__, -1, check_fan_spinup);
+}
+
 int znpdklib_check_fan_rotation(void)
 {
-    tr(kLvInfo, 0x80080001, "znpdklib_check_fan_rotation():start");
-    int rtn = 0;
-    {
-        ScopeLock lock(&chk_fan_rotation_mutex);
-        const uint8_t phase = znpdklib_get_fan_check_phase();
-        if (phase == 0x02 || phase == 0x82) {
-            tr(kLvInfo, 0x8008000B,
-               "znpdklib_check_fan_rotation():skip. fan_check_phase is already 2nd end. phase=0x%02x", phase);
+    return guard(__func__, -1, [] {
+        tr(kLvInfo, 0x80080001, "znpdklib_check_fan_rotation():start");
+        int rtn = 0;
+        if (!second_check(&rtn)) {
             return 1;
         }
-        if (!znpdklib_is_check_fan_executing()) {
-            tr(kLvInfo, 0x80080002, "znpdklib_check_fan_rotation():skip");
-            return 1;
-        }
-
-        current_system_info_t info;
-        read_system(&info);
-        uint32_t fan_target = 0;
-        for (int i = 0; i < kFanCount; ++i) {
-            INT16U frue = 0;
-            if (info.fan_start_time[i] != 0 && info.fan_check_result[i] == 0 &&
-                is_usable_fan(static_cast<uint8_t>(i), &frue)) {
-                fan_target |= 1u << i;
-                tr(kLvInfo, 0x80080005,
-                   "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d frue_sns=0x%04x",
-                   fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
-            } else {
-                sp_trace25(
-                    kLvInfo, kRegion, kModule, 0x80080006,
-                    "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d fan_check_result=%d frue_sns=0x%04x",
-                    fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), info.fan_check_result[i],
-                    frue);
-            }
-        }
-        const uint32_t threshold = info.fanfull_reason != 0 ? kThresholdMax : kThresholdNormal;
-        tr(kLvInfo, 0x80080004,
-           "znpdklib_check_fan_rotation():fan_target=0x%08x threshold=%d fanfull_reason=0x%08x%08x",
-           static_cast<int>(fan_target), static_cast<int>(threshold), hi32(info.fanfull_reason),
-           lo32(info.fanfull_reason));
-
-        rtn = check_fan_rotation(fan_target, nullptr, 15, threshold);
-        znpdklib_clear_check_fan_start_time(kAllFans, nullptr);
-
-        /* Full speed set while the check ran: no thread checks it before
-         * phase 2, so the check does it here. */
-        read_system(&info);
-        if (threshold == kThresholdNormal && info.fanfull_reason != 0 && rtn >= 0) {
-            tr(kLvInfo, 0x80080007,
-               "znpdklib_check_fan_rotation(): max speed is set while 2nd check. execute max speed check");
-            start_sleep(5);
-            read_system(&info);
-            if (info.fanfull_reason == 0) {
-                tr(kLvInfo, 0x8008000A,
-                   "znpdklib_check_fan_rotation(): skip max speed check. fanfull_reason is alraedy clear");
-            } else {
-                fan_target = usable_fan_target(
-                    0x80080008,
-                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is max speed check target. frue_sns=0x%04x fan_target=0x%08x",
-                    0x80080009,
-                    "znpdklib_check_fan_rotation(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
-                rtn = max_speed_check(fan_target);
-            }
-        }
-        znpdklib_set_fan_check_phase(rtn < 0 ? 0x82 : 0x02);
-    }
-    tr(kLvInfo, 0x8008FFFF, "znpdklib_check_fan_rotation():end. rtn=%d", rtn);
-    return rtn;
+        tr(kLvInfo, 0x8008FFFF, "znpdklib_check_fan_rotation():end. rtn=%d", rtn);
+        return rtn;
+    });
 }
 
 } /* extern "C" */
@@ -1079,9 +1197,8 @@ void trace_outcome(uint32_t fan_target, int rtn, uint32_t id_error, const char* 
     }
 }
 
-void* Fan_Max_Rotate_Check_Thread(void* pArg)
+void max_rotate_check(uint32_t fan_target)
 {
-    const uint32_t fan_target = take_thread_arg(pArg);
     int rtn = 0;
     tr(kLvInfo, 0x800D0001, "[Fan_Max_Rotate_Check_Thread] start. fan_target=0x%08x",
        static_cast<int>(fan_target));
@@ -1095,9 +1212,7 @@ void* Fan_Max_Rotate_Check_Thread(void* pArg)
             tr(kLvInfo, 0x800D0002, "[Fan_Max_Rotate_Check_Thread] skip max speed check. System Poff(0x%04x)",
                poff);
         } else {
-            current_system_info_t info;
-            read_system(&info);
-            if (info.fanfull_reason != 0) {
+            if (read_system().fanfull_reason != 0) {
                 rtn = check_fan_rotation(fan_target, fan_start_time, 0, kThresholdMax);
             } else {
                 tr(kLvInfo, 0x800D0003,
@@ -1112,17 +1227,14 @@ void* Fan_Max_Rotate_Check_Thread(void* pArg)
         tr(kLvInfo, 0x800DFFFF, "[Fan_Max_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
            static_cast<int>(fan_target), rtn);
     }
-    pthread_exit(nullptr);
 }
 
-void* Fan_Rotate_Check_Thread(void* pArg)
+void rotate_check(uint32_t fan_target)
 {
-    const uint32_t fan_target = take_thread_arg(pArg);
     int rtn = 0;
     tr(kLvInfo, 0x80120001, "[Fan_Rotate_Check_Thread] start. fan_target=0x%08x",
        static_cast<int>(fan_target));
-    current_system_info_t info;
-    read_system(&info);
+    const current_system_info_t info = read_system();
     const uint32_t threshold = info.fanfull_reason != 0 ? kThresholdMax : kThresholdNormal;
     uint32_t fan_start_time[kFanCount] = {};
     uint32_t fan_start_time_by_attach = 0;
@@ -1144,14 +1256,49 @@ void* Fan_Rotate_Check_Thread(void* pArg)
         tr(kLvInfo, 0x8012FFFF, "[Fan_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
            static_cast<int>(fan_target), rtn);
     }
+}
+
+/* pthread_exit unwinds the thread: it stays outside the guard. */
+void* Fan_Max_Rotate_Check_Thread(void* pArg)
+{
+    const uint32_t fan_target = take_thread_arg(pArg);
+    guard_void(__func__, [fan_target] { max_rotate_check(fan_target); });
     pthread_exit(nullptr);
 }
 
-} // namespace
+void* Fan_Rotate_Check_Thread(void* pArg)
+{
+    const uint32_t fan_target = take_thread_arg(pArg);
+    guard_void(__func__, [fan_target] { rotate_check(fan_target); });
+    pthread_exit(nullptr);
+}
 
-extern "C" {
+/* One detached thread owning a copy of `fan_target`. */
+void start_check_thread(uint8_t mode, uint32_t fan_target)
+{
+    uint32_t* arg = static_cast<uint32_t*>(malloc(sizeof(uint32_t)));
+    if (arg == nullptr) {
+        /* No memory for the argument: no thread, the caller cannot be told. */
+        IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error allocating thread argument\n", "znpdklib_fan",
+                             __LINE__);
+        return;
+    }
+    *arg = fan_target;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t tid;
+    const int ret =
+        pthread_create(&tid, &attr, mode == 2 ? Fan_Rotate_Check_Thread : Fan_Max_Rotate_Check_Thread, arg);
+    if (ret != 0) {
+        IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error creating thread\n", "znpdklib_fan", __LINE__);
+        /* No thread took the block over, so it is still ours. */
+        free(arg);
+    }
+    pthread_attr_destroy(&attr);
+}
 
-void znpdklib_create_fan_rotation_check_thread(uint8_t mode, uint32_t fan_target)
+void create_check_thread(uint8_t mode, uint32_t fan_target)
 {
     tr(kLvInfo, 0x80110001,
        "znpdklib_create_fan_rotation_check_thread():start. mode=0x%02x fan_target=0x%08x", mode,
@@ -1168,28 +1315,13 @@ void znpdklib_create_fan_rotation_check_thread(uint8_t mode, uint32_t fan_target
         return;
     }
 
-    uint32_t* arg = static_cast<uint32_t*>(malloc(sizeof(uint32_t)));
-    if (arg == nullptr) {
-        /* No memory for the argument: no thread, the caller cannot be told. */
-        IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error allocating thread argument\n", "znpdklib_fan",
-                             __LINE__);
-    } else {
-        *arg = fan_target;
-        pthread_attr_t attr;
-        pthread_attr_init(&attr);
-        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-        pthread_t tid;
-        const int ret = pthread_create(
-            &tid, &attr, mode == 2 ? Fan_Rotate_Check_Thread : Fan_Max_Rotate_Check_Thread, arg);
-        if (ret != 0) {
-            IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error creating thread\n", "znpdklib_fan",
-                                 __LINE__);
-            /* No thread took the block over, so it is still ours. */
-            free(arg);
-        }
-        pthread_attr_destroy(&attr);
-    }
+    start_check_thread(mode, fan_target);
     tr(kLvInfo, 0x8011FFFF, "znpdklib_create_fan_rotation_check_thread():end.");
 }
 
-} /* extern "C" */
+} // namespace
+
+extern "C" void znpdklib_create_fan_rotation_check_thread(uint8_t mode, uint32_t fan_target)
+{
+    guard_void(__func__, [&] { create_check_thread(mode, fan_target); });
+}

@@ -2,13 +2,13 @@
  * Interconnect router ports: wiring, offline/external answers, and the port
  * status sensors driven by the link check and beacon (link-up) procedures.
  */
-#include "znpdklib.h"
-
 #include <stdio.h>
 #include <string.h>
 
 #include "sp_trace.h"
 #include "znlib.h"
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 /* Wiring of the normal and the small-scale configuration, one row per
  * router; -1 = not wired. */
@@ -92,43 +92,36 @@ const int remote_port_no_list_small[16][10] = {
 
 namespace {
 
-const int LV_DETAIL = 0x801;
-const int LV_INFO = 0x8001;
-const int LV_ERROR = 0x8002;
+using namespace znpdk;
+
+constexpr Tracer trace_quor{T_REGION_LIB_QUOR, SP_MID_BASE_UTIL};
 /* The two "continue" lines go to the platform's own region and module. */
-const int REGION_CONTINUE = 127;
-const int MODULE_CONTINUE = 144;
+constexpr Tracer trace_continue_line{127, 144};
 
-const int ROUTER_COUNT = 16;
-const int PORT_COUNT = 10;
-const uint32_t ALL_PORTS = 0x3FF;
-const int CHASSIS_INST = 17;
-const int MAINTE_SENSOR = 4;
-const int MAINTE_CMU_SENSOR_BASE = 5;
-const int PORT_STATE_SENSOR_BASE = 86;
-const int PORT_ERROR_SENSOR_BASE = 76;
-const int PORT_CLEAR_SENSOR1_BASE = 15;
-const int PORT_CLEAR_SENSOR2_BASE = 25;
-const int LINK_CHECK_WORDS = 30;
-
-void trace(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0)
-{
-    sp_trace2(level, T_REGION_LIB_QUOR, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, 0);
-}
+constexpr int kRouterCount = 16;
+constexpr int kPortCount = 10;
+constexpr uint32_t kAllPorts = 0x3FF;
+constexpr int kMainteSensor = 4;
+constexpr int kMainteCmuSensorBase = 5;
+constexpr int kPortStateSensorBase = 86;
+constexpr int kPortErrorSensorBase = 76;
+constexpr int kPortClearSensor1Base = 15;
+constexpr int kPortClearSensor2Base = 25;
+constexpr int kLinkCheckWords = 30;
 
 void trace_continue(uint32_t id, const char* fmt)
 {
-    sp_trace2(LV_INFO, REGION_CONTINUE, MODULE_CONTINUE, id, fmt, 0, 0, 0, 0);
+    trace_continue_line(kLevelInfo, id, fmt);
 }
 
 bool valid_router(int routerno)
 {
-    return routerno >= 0 && routerno < ROUTER_COUNT;
+    return routerno >= 0 && routerno < kRouterCount;
 }
 
 bool valid_port(int portno)
 {
-    return portno >= 0 && portno < PORT_COUNT;
+    return portno >= 0 && portno < kPortCount;
 }
 
 /* Router number in the form the port map wants it. */
@@ -174,7 +167,7 @@ struct PhysicalQueryIds {
     const char* end_fmt;
 };
 
-const PhysicalQueryIds OFFLINE_IDS = {
+const PhysicalQueryIds kOfflineIds = {
     0x5300100,
     0x5300101,
     0x5300102,
@@ -187,7 +180,7 @@ const PhysicalQueryIds OFFLINE_IDS = {
     "[znpdklib_isPhysicalPortOffline] end (routerno=%d pportno=%d ret=%d)",
 };
 
-const PhysicalQueryIds EXTERNAL_IDS = {
+const PhysicalQueryIds kExternalIds = {
     0x5300300,
     0x5300301,
     0x5300302,
@@ -207,19 +200,19 @@ bool read_router_record(const PhysicalQueryIds& ids, int routerno, int pportno,
 {
     char path[128];
     snprintf(path, sizeof(path), "/SYSTEM#0/ROUTER#%d", routerno);
-    trace(LV_DETAIL, ids.start, ids.start_fmt, routerno, pportno);
+    trace_quor(kLevelDetail, ids.start, ids.start_fmt, routerno, pportno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, ids.bad_router, ids.bad_router_fmt, routerno);
+        trace_quor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
         return false;
     }
     if (!valid_port(pportno)) {
-        trace(LV_ERROR, ids.bad_port, ids.bad_port_fmt, pportno);
+        trace_quor(kLevelError, ids.bad_port, ids.bad_port_fmt, pportno);
         return false;
     }
     memset(info, 0, sizeof(*info));
     int ret = znlib_DBGetProperty(path, PROP_CURRENT_HARD_INFO, sizeof(*info), info);
     if (ret != 0) {
-        trace(LV_ERROR, ids.read_failed, ids.read_failed_fmt, ret);
+        trace_quor(kLevelError, ids.read_failed, ids.read_failed_fmt, ret);
         return false;
     }
     return true;
@@ -261,19 +254,19 @@ struct RowQueryIds {
 int copy_wiring_row(const RowQueryIds& ids, const int (&normal)[16][10], const int (&small)[16][10],
                     int routerno, int* out)
 {
-    trace(LV_INFO, ids.start, ids.start_fmt, routerno);
+    trace_quor(kLevelInfo, ids.start, ids.start_fmt, routerno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, ids.bad_router, ids.bad_router_fmt, routerno);
+        trace_quor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
         return -1;
     }
     if (out == nullptr) {
-        trace(LV_ERROR, ids.null_buffer, ids.null_buffer_fmt);
+        trace_quor(kLevelError, ids.null_buffer, ids.null_buffer_fmt);
         return -1;
     }
     /* An unreadable setup record (-1) counts as small-scale. */
     const int(&table)[16][10] = znpdklib_isSmallScaleSystemConfiguration() != 0 ? small : normal;
     memcpy(out, table[routerno], sizeof(table[routerno]));
-    trace(LV_INFO, ids.end, ids.end_fmt, routerno);
+    trace_quor(kLevelInfo, ids.end, ids.end_fmt, routerno);
     return 0;
 }
 
@@ -283,15 +276,15 @@ int read_chassis_state(int sensor, uint16_t* word)
 {
     GetSensorReadingRes_T res;
     memset(&res, 0, sizeof(res));
-    int ret = ZNAPI_GetSensorReading(sensor, &res, CHASSIS_INST);
+    int ret = ZNAPI_GetSensorReading(sensor, &res, kChassisInst);
     *word = static_cast<uint16_t>(res.ComparisonStatus | ((res.OptionalStatus & 0x7F) << 8));
     return ret;
 }
 
 /* The sensor set that failed, for the update's error traces. */
-const char* const SET_FAILED_FMT =
+const char* const kSetFailedFmt =
     "[znpdklib_updateQuorPortStatus] Failed to znpdklib_SetSensorWS(snsno=%d BMCInst=%d ret=%d)";
-const char* const EXSET_FAILED_FMT =
+const char* const kExsetFailedFmt =
     "[znpdklib_updateQuorPortStatus] Failed to znpdklib_exSetSensorWoS(snsno=%d BMCInst=%d ret=%d)";
 
 /* One sensor change; a failure is traced under `id` and turns `*result`
@@ -300,7 +293,7 @@ void set_port_sensor(INT8U sensor, INT8U dir, INT8U offset, int inst, uint32_t i
 {
     int ret = znpdklib_SetSensorWoS(sensor, dir, offset, inst);
     if (ret != 0) {
-        trace(LV_ERROR, id, SET_FAILED_FMT, sensor, inst, ret);
+        trace_quor(kLevelError, id, kSetFailedFmt, sensor, inst, ret);
         *result = -1;
     }
 }
@@ -309,7 +302,7 @@ void exset_port_sensor(INT8U sensor, INT8U offset, int inst, uint32_t id, int* r
 {
     int ret = znpdklib_exSetSensorWoS(sensor, offset, inst);
     if (ret != 0) {
-        trace(LV_ERROR, id, EXSET_FAILED_FMT, sensor, inst, ret);
+        trace_quor(kLevelError, id, kExsetFailedFmt, sensor, inst, ret);
         *result = -1;
     }
 }
@@ -319,49 +312,96 @@ bool link_state_c(uint32_t status)
     return (status & 0x30) == 0x30 && (status & 0x3FFC0) != 0xC0;
 }
 
+/* The state and error sensors of one logical port from its link status. */
+void update_port_sensors(int routerno, int n, uint32_t status, int* result)
+{
+    const int inst = routerno + 1;
+    const INT8U state_sensor = sensor_no(kPortStateSensorBase, n);
+    const INT8U error_sensor = sensor_no(kPortErrorSensorBase, n);
+    if (znpdklib_isLogicalPortOffline(routerno, n) == 0) {
+        set_port_sensor(state_sensor, 0, 0, inst, 0x530060A, result);
+    }
+    if (status & 0x4) {
+        set_port_sensor(state_sensor, 1, 1, inst, 0x5300603, result);
+        exset_port_sensor(error_sensor, 0, inst, 0x5300604, result);
+    } else if (status & 0x2) {
+        exset_port_sensor(error_sensor, 2, inst, 0x5300605, result);
+    } else if (link_state_c(status)) {
+        exset_port_sensor(error_sensor, 1, inst, 0x5300606, result);
+    } else if (znpdklib_isLogicalPortOffline(routerno, n) != 0) {
+        set_port_sensor(state_sensor, 1, 0, inst, 0x5300607, result);
+        exset_port_sensor(error_sensor, 0, inst, 0x5300608, result);
+    } else {
+        exset_port_sensor(error_sensor, 0, inst, 0x5300609, result);
+    }
+}
+
+/* Physical ports the beacon check covers: not waited for, not offline. A
+ * waited port whose physical number is outside 0..9 names no port and is
+ * left out of the physical mask. */
+uint32_t beacon_target_ports(int routerno, uint32_t waitLogicalPort)
+{
+    uint32_t waited = 0;
+    for (int n = 0; n < kPortCount; ++n) {
+        if (waitLogicalPort & (1u << n)) {
+            int pport = physical_port(routerno, n);
+            if (valid_port(pport)) {
+                waited |= 1u << pport;
+            }
+        }
+    }
+    uint32_t targetPort = ~waited & kAllPorts;
+    for (int p = 0; p < kPortCount; ++p) {
+        if ((targetPort & (1u << p)) && znpdklib_isPhysicalPortOffline(routerno, p) != 0) {
+            targetPort &= ~(1u << p);
+        }
+    }
+    return targetPort;
+}
+
 } // namespace
 
 extern "C" {
 
 int znpdklib_isSmallScaleSystemConfiguration(void)
 {
-    trace(LV_INFO, 0x5300C00, "[znpdklib_isSmallScaleSystemConfiguration] start");
+    trace_quor(kLevelInfo, 0x5300C00, "[znpdklib_isSmallScaleSystemConfiguration] start");
     setup_system_info_t setup;
     memset(&setup, 0, sizeof(setup));
     int ret = znlib_DBGetProperty("/SYSTEM#0", PROP_SETUP_INFO, sizeof(setup), &setup);
     if (ret != 0) {
-        trace(LV_ERROR, 0x5300C01,
-              "[znpdklib_isSmallScaleSystemConfiguration] Failed to get SetupInfo DB(ret=%d)", ret);
+        trace_quor(kLevelError, 0x5300C01,
+                   "[znpdklib_isSmallScaleSystemConfiguration] Failed to get SetupInfo DB(ret=%d)", ret);
         return -1;
     }
     int diff = static_cast<int>(setup.quorSpace[1].Z) - static_cast<int>(setup.quorSpace[0].Z);
     int result = diff == 3 ? 1 : 0;
-    trace(LV_INFO, 0x5300CFF, "[znpdklib_isSmallScaleSystemConfiguration] end (ret=%d)", result);
+    trace_quor(kLevelInfo, 0x5300CFF, "[znpdklib_isSmallScaleSystemConfiguration] end (ret=%d)", result);
     return result;
 }
 
 int znpdklib_isPhysicalPortOffline(int routerno, int pportno)
 {
     current_router_hard_info_t info;
-    if (!read_router_record(OFFLINE_IDS, routerno, pportno, &info)) {
+    if (!read_router_record(kOfflineIds, routerno, pportno, &info)) {
         return -1;
     }
     int result = info.quordata.phyPort[pportno].online != 1 ? 1 : 0;
-    trace(LV_DETAIL, OFFLINE_IDS.end, OFFLINE_IDS.end_fmt, routerno, pportno, result);
+    trace_quor(kLevelDetail, kOfflineIds.end, kOfflineIds.end_fmt, routerno, pportno, result);
     return result;
 }
 
 int znpdklib_isLogicalPortOffline(int routerno, int lportno)
 {
-    trace(LV_DETAIL, 0x5300200, "[znpdklib_isLogicalPortOffline] start (routerno=%d lportno=%d)", routerno,
-          lportno);
+    trace_quor(kLevelDetail, 0x5300200, "[znpdklib_isLogicalPortOffline] start (routerno=%d lportno=%d)",
+               routerno, lportno);
     return znpdklib_isPhysicalPortOffline(routerno, physical_port(routerno, lportno));
 }
 
 int znpdklib_isPhysicalPortExternal(int routerno, int pportno)
 {
     current_router_hard_info_t info;
-    if (!read_router_record(EXTERNAL_IDS, routerno, pportno, &info)) {
+    if (!read_router_record(kExternalIds, routerno, pportno, &info)) {
         return -1;
     }
     int result = 0;
@@ -371,14 +411,14 @@ int znpdklib_isPhysicalPortExternal(int routerno, int pportno)
         bool swapped = (info.quordata.portConfig & 0x10) != 0;
         result = in_external_group(routerno, (pportno == 0) != swapped) ? 1 : 0;
     }
-    trace(LV_DETAIL, EXTERNAL_IDS.end, EXTERNAL_IDS.end_fmt, routerno, pportno, result);
+    trace_quor(kLevelDetail, kExternalIds.end, kExternalIds.end_fmt, routerno, pportno, result);
     return result;
 }
 
 int znpdklib_isLogicalPortExternal(int routerno, int lportno)
 {
-    trace(LV_DETAIL, 0x5300400, "[znpdklib_isLogicalPortExternal] start (routerno=%d lportno=%d)", routerno,
-          lportno);
+    trace_quor(kLevelDetail, 0x5300400, "[znpdklib_isLogicalPortExternal] start (routerno=%d lportno=%d)",
+               routerno, lportno);
     return znpdklib_isPhysicalPortExternal(routerno, physical_port(routerno, lportno));
 }
 
@@ -416,19 +456,19 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
 {
     static const char* const read_failed_fmt =
         "[znpdklib_checkWaitEnableLogicalPort] Failed to ZNAPI_GetSensorReading(snsno=%d BMCInst=%d ret=%d)";
-    trace(LV_INFO, 0x5300500, "[znpdklib_checkWaitEnableLogicalPort] start (routerno=%d)", routerno);
+    trace_quor(kLevelInfo, 0x5300500, "[znpdklib_checkWaitEnableLogicalPort] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, 0x5300501, "[znpdklib_checkWaitEnableLogicalPort] parameter error (routerno=%d)",
-              routerno);
+        trace_quor(kLevelError, 0x5300501,
+                   "[znpdklib_checkWaitEnableLogicalPort] parameter error (routerno=%d)", routerno);
         return -1;
     }
     if (waitLogicalPort == nullptr) {
-        trace(LV_ERROR, 0x5300502,
-              "[znpdklib_checkWaitEnableLogicalPort] parameter error (waitLogicalPort=NULL)");
+        trace_quor(kLevelError, 0x5300502,
+                   "[znpdklib_checkWaitEnableLogicalPort] parameter error (waitLogicalPort=NULL)");
         return -1;
     }
-    const int cmu_sensor = MAINTE_CMU_SENSOR_BASE + routerno / 2;
-    for (int n = 0; n < PORT_COUNT; ++n) {
+    const int cmu_sensor = kMainteCmuSensorBase + routerno / 2;
+    for (int n = 0; n < kPortCount; ++n) {
         const uint32_t bit = 1u << n;
         if (znpdklib_isLogicalPortOffline(routerno, n) != 0) {
             *waitLogicalPort &= ~bit;
@@ -440,9 +480,9 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
         /* An external port is waited for only while both maintenance
          * sensors show bit 0x1; they are read afresh for every port. */
         uint16_t word = 0;
-        int ret = read_chassis_state(MAINTE_SENSOR, &word);
+        int ret = read_chassis_state(kMainteSensor, &word);
         if (ret != 0) {
-            trace(LV_ERROR, 0x5300503, read_failed_fmt, MAINTE_SENSOR, CHASSIS_INST, ret);
+            trace_quor(kLevelError, 0x5300503, read_failed_fmt, kMainteSensor, kChassisInst, ret);
             return -1;
         }
         if ((word & 0x1) == 0) {
@@ -451,41 +491,42 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
         }
         ret = read_chassis_state(cmu_sensor, &word);
         if (ret != 0) {
-            trace(LV_ERROR, 0x5300504, read_failed_fmt, cmu_sensor, CHASSIS_INST, ret);
+            trace_quor(kLevelError, 0x5300504, read_failed_fmt, cmu_sensor, kChassisInst, ret);
             return -1;
         }
         if ((word & 0x1) == 0) {
             *waitLogicalPort &= ~bit;
         }
     }
-    trace(LV_INFO, 0x53005FF,
-          "[znpdklib_checkWaitEnableLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)", routerno,
-          static_cast<int>(*waitLogicalPort));
+    trace_quor(kLevelInfo, 0x53005FF,
+               "[znpdklib_checkWaitEnableLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)", routerno,
+               static_cast<int>(*waitLogicalPort));
     return 0;
 }
 
 int znpdklib_checkWaitEnableInternalLogicalPort(int routerno, uint32_t* waitLogicalPort)
 {
-    trace(LV_INFO, 0x5300800, "[znpdklib_checkWaitEnableInternalLogicalPort] start (routerno=%d)", routerno);
+    trace_quor(kLevelInfo, 0x5300800, "[znpdklib_checkWaitEnableInternalLogicalPort] start (routerno=%d)",
+               routerno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, 0x5300801,
-              "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (routerno=%d)", routerno);
+        trace_quor(kLevelError, 0x5300801,
+                   "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (routerno=%d)", routerno);
         return -1;
     }
     if (waitLogicalPort == nullptr) {
-        trace(LV_ERROR, 0x5300802,
-              "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (waitLogicalPort=NULL)");
+        trace_quor(kLevelError, 0x5300802,
+                   "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (waitLogicalPort=NULL)");
         return -1;
     }
-    for (int n = 0; n < PORT_COUNT; ++n) {
+    for (int n = 0; n < kPortCount; ++n) {
         if (znpdklib_isLogicalPortOffline(routerno, n) != 0 ||
             znpdklib_isLogicalPortExternal(routerno, n) != 0) {
             *waitLogicalPort &= ~(1u << n);
         }
     }
-    trace(LV_INFO, 0x53008FF,
-          "[znpdklib_checkWaitEnableInternalLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)", routerno,
-          static_cast<int>(*waitLogicalPort));
+    trace_quor(kLevelInfo, 0x53008FF,
+               "[znpdklib_checkWaitEnableInternalLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)",
+               routerno, static_cast<int>(*waitLogicalPort));
     return 0;
 }
 
@@ -494,19 +535,20 @@ int znpdklib_updateQuorPortStatus(int routerno)
     int result = 0;
     char target[256];
     target_path(target, sizeof(target), routerno);
-    trace(LV_INFO, 0x5300600, "[znpdklib_updateQuorPortStatus] start (routerno=%d)", routerno);
+    trace_quor(kLevelInfo, 0x5300600, "[znpdklib_updateQuorPortStatus] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, 0x5300601, "[znpdklib_updateQuorPortStatus] parameter error (routerno=%d)", routerno);
+        trace_quor(kLevelError, 0x5300601, "[znpdklib_updateQuorPortStatus] parameter error (routerno=%d)",
+                   routerno);
         return -1;
     }
 
-    const uint32_t para[1] = {ALL_PORTS};
-    uint32_t link[LINK_CHECK_WORDS];
+    const uint32_t para[1] = {kAllPorts};
+    uint32_t link[kLinkCheckWords];
     memset(link, 0, sizeof(link));
     int ret = znlib_hce_exechap(target, "CPUICC_E_QNR_LINK_CHECK", "", para, link);
     if (ret != 0) {
-        trace(LV_ERROR, 0x5300602,
-              "[znpdklib_updateQuorPortStatus] Failed to exec HAP for QuorLinkCheck(ret=%d)", ret);
+        trace_quor(kLevelError, 0x5300602,
+                   "[znpdklib_updateQuorPortStatus] Failed to exec HAP for QuorLinkCheck(ret=%d)", ret);
         if (znpdklib_check_rtnd_error(routerno) != 0) {
             return -2;
         }
@@ -518,34 +560,15 @@ int znpdklib_updateQuorPortStatus(int routerno)
 
     /* A physical port outside 0..9 from the port map has no status word:
      * the port is judged as status 0 (only its offline state counts). */
-    uint32_t status[PORT_COUNT];
-    for (int n = 0; n < PORT_COUNT; ++n) {
+    uint32_t status[kPortCount];
+    for (int n = 0; n < kPortCount; ++n) {
         int pport = physical_port(routerno, n);
         status[n] = valid_port(pport) ? link[pport] : 0;
     }
-
-    const int inst = routerno + 1;
-    for (int n = 0; n < PORT_COUNT; ++n) {
-        const INT8U state_sensor = sensor_no(PORT_STATE_SENSOR_BASE, n);
-        const INT8U error_sensor = sensor_no(PORT_ERROR_SENSOR_BASE, n);
-        if (znpdklib_isLogicalPortOffline(routerno, n) == 0) {
-            set_port_sensor(state_sensor, 0, 0, inst, 0x530060A, &result);
-        }
-        if (status[n] & 0x4) {
-            set_port_sensor(state_sensor, 1, 1, inst, 0x5300603, &result);
-            exset_port_sensor(error_sensor, 0, inst, 0x5300604, &result);
-        } else if (status[n] & 0x2) {
-            exset_port_sensor(error_sensor, 2, inst, 0x5300605, &result);
-        } else if (link_state_c(status[n])) {
-            exset_port_sensor(error_sensor, 1, inst, 0x5300606, &result);
-        } else if (znpdklib_isLogicalPortOffline(routerno, n) != 0) {
-            set_port_sensor(state_sensor, 1, 0, inst, 0x5300607, &result);
-            exset_port_sensor(error_sensor, 0, inst, 0x5300608, &result);
-        } else {
-            exset_port_sensor(error_sensor, 0, inst, 0x5300609, &result);
-        }
+    for (int n = 0; n < kPortCount; ++n) {
+        update_port_sensors(routerno, n, status[n], &result);
     }
-    trace(LV_INFO, 0x53006FF, "[znpdklib_updateQuorPortStatus] end (routerno=%d)", routerno);
+    trace_quor(kLevelInfo, 0x53006FF, "[znpdklib_updateQuorPortStatus] end (routerno=%d)", routerno);
     return result;
 }
 
@@ -553,47 +576,33 @@ int znpdklib_checkBeaconErrorPort(int routerno)
 {
     char target[256];
     target_path(target, sizeof(target), routerno);
-    uint32_t waitLogicalPort = ALL_PORTS;
-    trace(LV_INFO, 0x5300700, "[znpdklib_checkBeaconErrorPort] start (routerno=%d)", routerno);
+    uint32_t waitLogicalPort = kAllPorts;
+    trace_quor(kLevelInfo, 0x5300700, "[znpdklib_checkBeaconErrorPort] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace(LV_ERROR, 0x5300701, "[znpdklib_checkBeaconErrorPort] parameter error (routerno=%d)", routerno);
+        trace_quor(kLevelError, 0x5300701, "[znpdklib_checkBeaconErrorPort] parameter error (routerno=%d)",
+                   routerno);
         return -1;
     }
     int ret = znpdklib_checkWaitEnableLogicalPort(routerno, &waitLogicalPort);
     if (ret != 0) {
-        trace(LV_ERROR, 0x5300702,
-              "[znpdklib_checkBeaconErrorPort] Failed to checkWaitEnableLogicalPort(routerno=%d ret=%d)",
-              routerno, ret);
+        trace_quor(kLevelError, 0x5300702,
+                   "[znpdklib_checkBeaconErrorPort] Failed to checkWaitEnableLogicalPort(routerno=%d ret=%d)",
+                   routerno, ret);
         return -1;
     }
 
-    /* A waited port whose physical number is outside 0..9 names no port
-     * and is left out of the physical mask. */
-    uint32_t waited = 0;
-    for (int n = 0; n < PORT_COUNT; ++n) {
-        if (waitLogicalPort & (1u << n)) {
-            int pport = physical_port(routerno, n);
-            if (valid_port(pport)) {
-                waited |= 1u << pport;
-            }
-        }
-    }
-    uint32_t targetPort = ~waited & ALL_PORTS;
-    for (int p = 0; p < PORT_COUNT; ++p) {
-        if ((targetPort & (1u << p)) && znpdklib_isPhysicalPortOffline(routerno, p) != 0) {
-            targetPort &= ~(1u << p);
-        }
-    }
-
-    trace(LV_INFO, 0x5300703, "[znpdklib_checkBeaconErrorPort] Target Physical Port 0x%08x (routerno=%d)",
-          static_cast<int>(targetPort), routerno);
+    const uint32_t targetPort = beacon_target_ports(routerno, waitLogicalPort);
+    trace_quor(kLevelInfo, 0x5300703,
+               "[znpdklib_checkBeaconErrorPort] Target Physical Port 0x%08x (routerno=%d)",
+               static_cast<int>(targetPort), routerno);
     const uint32_t para[2] = {targetPort, 0xFF};
     uint32_t out[1] = {0};
     ret = znlib_hce_exechap(target, "CPUICC_T_QNR_LINK_UP", "", para, out);
     if (ret != 0) {
-        trace(LV_ERROR, 0x5300704,
-              "[znpdklib_checkBeaconErrorPort] Failed to exec HAP for Router#%d Beacon Error Check(ret=%d)",
-              routerno, ret);
+        trace_quor(
+            kLevelError, 0x5300704,
+            "[znpdklib_checkBeaconErrorPort] Failed to exec HAP for Router#%d Beacon Error Check(ret=%d)",
+            routerno, ret);
         if (znpdklib_check_rtnd_error(routerno) != 0) {
             return -2;
         }
@@ -602,24 +611,24 @@ int znpdklib_checkBeaconErrorPort(int routerno)
 
     ret = znpdklib_updateQuorPortStatus(routerno);
     if (ret != 0) {
-        trace(LV_ERROR, 0x5300705,
-              "[znpdklib_checkBeaconErrorPort] Failed to updateQuorPortStatus(routerno=%d ret=%d)", routerno,
-              ret);
+        trace_quor(kLevelError, 0x5300705,
+                   "[znpdklib_checkBeaconErrorPort] Failed to updateQuorPortStatus(routerno=%d ret=%d)",
+                   routerno, ret);
         return ret;
     }
-    trace(LV_INFO, 0x53007FF, "[znpdklib_checkBeaconErrorPort] end (routerno=%d)", routerno);
+    trace_quor(kLevelInfo, 0x53007FF, "[znpdklib_checkBeaconErrorPort] end (routerno=%d)", routerno);
     return 0;
 }
 
 int znpdklib_clearQuorPortErrorStatus(int routerno, int lportno)
 {
     int result = 0;
-    trace(LV_INFO, 0x5300A00, "[znpdklib_clearQuorPortErrorStatus] start (routerno=%d lportno=%d)", routerno,
-          lportno);
+    trace_quor(kLevelInfo, 0x5300A00, "[znpdklib_clearQuorPortErrorStatus] start (routerno=%d lportno=%d)",
+               routerno, lportno);
     /* No range check here: a wild instance is refused by the sensor layer. */
     const int inst = router_inst(routerno);
-    exset_port_sensor(sensor_no(PORT_CLEAR_SENSOR1_BASE, lportno), 1, inst, 0x5300A01, &result);
-    exset_port_sensor(sensor_no(PORT_CLEAR_SENSOR2_BASE, lportno), 1, inst, 0x5300A02, &result);
+    exset_port_sensor(sensor_no(kPortClearSensor1Base, lportno), 1, inst, 0x5300A01, &result);
+    exset_port_sensor(sensor_no(kPortClearSensor2Base, lportno), 1, inst, 0x5300A02, &result);
     return result;
 }
 

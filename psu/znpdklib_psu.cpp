@@ -1,21 +1,21 @@
-#include "znpdklib.h"
-
+/* PSU redundancy judged from the PSU controller's registers. */
 #include <pthread.h>
 #include <stdio.h>
 
 #include "sp_sysobj.h"
 #include "sp_trace.h"
 #include "znlib.h"
-
-using sp::sysobj::Component;
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 namespace {
+
+using namespace znpdk;
 
 /* Serialises the decision and the sensor change of concurrent checks. */
 pthread_mutex_t chk_redundacy_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr int kPsuCount = 18;
-constexpr int kChassisInst = 17;
 constexpr INT8U kPsuRedundancySensor = 0x81;
 
 constexpr int kModePsuControl = 17;
@@ -42,14 +42,11 @@ constexpr uint32_t kNotMounted = 0xFF;
 const char* const kBobcPath = "/SYSTEM#0/BOBC#0";
 const char* const kPsucReadHap = "BOB_R_BOBC_PSUC";
 
-constexpr int kLvlStartEnd = 0x801;
-constexpr int kLvlInfo = 0x8001;
-constexpr int kLvlError = 0x8002;
+constexpr int kLvlStartEnd = kLevelDetail;
+constexpr int kLvlInfo = kLevelInfo;
+constexpr int kLvlError = kLevelError;
 
-void psu_trace(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
-{
-    sp_trace2(level, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
-}
+constexpr Tracer psu_trace{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
 
 void psu_trace_ras(uint32_t id, const char* fmt, const char* ras_code)
 {
@@ -87,15 +84,6 @@ int read_psuc(psuc_all_t* image, uint32_t bob_mask, uint32_t common_mask)
     return znlib_hce_exechap(kBobcPath, kPsucReadHap, "READ", para, reinterpret_cast<uint32_t*>(image));
 }
 
-template <typename T> void read_root_record(int key, T* rec)
-{
-    *rec = T{};
-    Component* root = Component::getRoot();
-    if (root != nullptr) {
-        root->getProperty(key, rec, sizeof(T));
-    }
-}
-
 /* Stores the full register image in PSUC#0's record for the log. */
 void addlog_psu_config()
 {
@@ -108,22 +96,22 @@ void addlog_psu_config()
         return;
     }
 
-    Component* root = Component::getRoot();
-    Component* iorc = root != nullptr ? root->getComponent(COMPO_IORC, 0) : nullptr;
-    Component* psuc = iorc != nullptr ? iorc->getComponent(COMPO_PSUC, 0) : nullptr;
+    Component* iorc = child(root(), COMPO_IORC, 0);
+    Component* psuc = child(iorc, COMPO_PSUC, 0);
     if (psuc == nullptr) {
         /* No place to keep the image: the event itself is still logged by the caller. */
         psu_trace(kLvlError, 0x5400402, "addlog_psu_config():PSUC#0 not found. IORC#0 found=%d",
                   iorc != nullptr);
         return;
     }
-    {
-        Component::WriteLock lock(iorc);
-        current_psuc_info_t rec{};
-        psuc->getProperty(PROP_CURRENT_INFO, &rec, sizeof(rec));
-        rec.psuc = image;
-        psuc->setProperty(PROP_CURRENT_INFO, &rec, sizeof(rec));
-    }
+    /* PSUC#0's record is kept under IORC#0's lock. */
+    modify_record<current_psuc_info_t>(
+        iorc, psuc, PROP_CURRENT_INFO,
+        [&](current_psuc_info_t& rec) {
+            rec.psuc = image;
+            return true;
+        },
+        [](const current_psuc_info_t&) {});
     psu_trace(kLvlStartEnd, 0x54004FF, "addlog_psu_config():end");
 }
 
@@ -306,14 +294,9 @@ void act_on_verdict(int mode, int result, uint16_t redundancy_sns, const PsuScan
     }
 }
 
-int check_psu_redundancy(int mode, int logregist, int psuno)
+/* The debug words may switch the check off. */
+bool psu_check_ignored(const setup_system_info_t& setup)
 {
-    psu_trace(kLvlStartEnd, 0x5400300, "check_psu_redundancy():start");
-    psu_trace(kLvlInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode, logregist,
-              psuno);
-
-    setup_system_info_t setup;
-    read_root_record(PROP_SETUP_INFO, &setup);
     uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     uint32_t debug_flag_bmcinit = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT];
     if ((debug_flag_common0 & kDbgCommon0Skip) || (debug_flag_bmcinit & kDbgBmcinitSkip)) {
@@ -321,64 +304,87 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
             kLvlInfo, 0x5400315,
             "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
             as_int(debug_flag_common0), as_int(debug_flag_bmcinit));
-        return 0;
+        return true;
     }
+    return false;
+}
 
-    psuc_all_t reg;
-    int ret = read_psuc(&reg, 0xA00, 0xF);
+/* The controller's registers as the check reads them, traced. */
+int read_check_registers(psuc_all_t* reg)
+{
+    int ret = read_psuc(reg, 0xA00, 0xF);
     if (ret != 0) {
         psu_trace(kLvlError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d", ret);
-        return -1;
+        return ret;
     }
     sp_trace27(
         kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
         "check_psu_redundancy():Present=0x%08x ACOK=0x%08x PWOK=0x%08x PSON=0x%08x PSONAndCntl=0x%08x 0x%08x 0x%08x",
-        as_int(reg.common.PresentSts), as_int(reg.common.ACOKSts), as_int(reg.common.PWOKSts),
-        as_int(reg.common.PSONSts), as_int(reg.bob[0].PSONAndCntl), as_int(reg.bob[1].PSONAndCntl),
-        as_int(reg.bob[2].PSONAndCntl));
+        as_int(reg->common.PresentSts), as_int(reg->common.ACOKSts), as_int(reg->common.PWOKSts),
+        as_int(reg->common.PSONSts), as_int(reg->bob[0].PSONAndCntl), as_int(reg->bob[1].PSONAndCntl),
+        as_int(reg->bob[2].PSONAndCntl));
     psu_trace(kLvlInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
-              as_int(reg.bob[0].FRUStatus), as_int(reg.bob[1].FRUStatus), as_int(reg.bob[2].FRUStatus));
+              as_int(reg->bob[0].FRUStatus), as_int(reg->bob[1].FRUStatus), as_int(reg->bob[2].FRUStatus));
+    return 0;
+}
 
+/* The verdict under chk_redundacy_mutex and what it registers; false when
+ * a small configuration has the check switched off. */
+bool judge_psus(int mode, int logregist, PsuScan& scan, psuc_all_t& reg, int* result)
+{
+    ScopeLock lock(&chk_redundacy_mutex);
+    const current_system_info_t sys = read_record<current_system_info_t>(root(), PROP_CURRENT_INFO);
+    uint16_t redundancy_sns = read_redundancy_sensor();
+    int slots = sys.available_psu_slots;
+    int check_enable = sys.psu_redandancy_check_enable;
+    if (scan.okpsu >= slots) {
+        *result = kResultRedundant;
+    } else if (scan.okpsu == slots - 1) {
+        *result = kResultLost;
+    } else {
+        *result = kResultShortage;
+    }
+    sp_trace25(kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
+               "check_psu_redundancy():okpsu=%d psu_slots=%d redundancy_sns=0x%04x result=%d check_enable=%d",
+               scan.okpsu, slots, redundancy_sns, *result, check_enable);
+
+    /* Small configurations may switch the check off; with 3 slots a shortage still counts. */
+    if (check_enable == 0 && (slots == 2 || (slots == 3 && *result != kResultShortage))) {
+        psu_trace(
+            kLvlInfo, slots == 2 ? 0x5400318 : 0x5400319,
+            "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
+            scan.okpsu, slots, check_enable, *result);
+        return false;
+    }
+    if (logregist != 0) {
+        act_on_verdict(mode, *result, redundancy_sns, scan, reg);
+    }
+    return true;
+}
+
+int check_psu_redundancy(int mode, int logregist, int psuno)
+{
+    psu_trace(kLvlStartEnd, 0x5400300, "check_psu_redundancy():start");
+    psu_trace(kLvlInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode, logregist,
+              psuno);
+    const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
+    if (psu_check_ignored(setup)) {
+        return 0;
+    }
+    psuc_all_t reg;
+    if (read_check_registers(&reg) != 0) {
+        return -1;
+    }
     PsuScan scan;
+    const uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     for (int i = 0; i < kPsuCount; ++i) {
         if (psu_usable(i, reg, debug_flag_common0, mode, psuno, scan)) {
             scan.okpsu++;
         }
     }
-
     int result = kResultRedundant;
-    {
-        ScopeLock lock(&chk_redundacy_mutex);
-        current_system_info_t sys;
-        read_root_record(PROP_CURRENT_INFO, &sys);
-        uint16_t redundancy_sns = read_redundancy_sensor();
-
-        int slots = sys.available_psu_slots;
-        int check_enable = sys.psu_redandancy_check_enable;
-        if (scan.okpsu >= slots) {
-            result = kResultRedundant;
-        } else if (scan.okpsu == slots - 1) {
-            result = kResultLost;
-        } else {
-            result = kResultShortage;
-        }
-        sp_trace25(
-            kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
-            "check_psu_redundancy():okpsu=%d psu_slots=%d redundancy_sns=0x%04x result=%d check_enable=%d",
-            scan.okpsu, slots, redundancy_sns, result, check_enable);
-
-        /* Small configurations may switch the check off; with 3 slots a shortage still counts. */
-        if (check_enable == 0 && (slots == 2 || (slots == 3 && result != kResultShortage))) {
-            psu_trace(
-                kLvlInfo, slots == 2 ? 0x5400318 : 0x5400319,
-                "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
-                scan.okpsu, slots, check_enable, result);
-            return 0;
-        }
-
-        if (logregist != 0) {
-            act_on_verdict(mode, result, redundancy_sns, scan, reg);
-        }
+    if (!judge_psus(mode, logregist, scan, reg, &result)) {
+        return 0;
     }
     psu_trace(kLvlStartEnd, 0x54003FF, "check_psu_redundancy():end");
     return result;
@@ -393,7 +399,7 @@ extern "C" int znpdklib_check_psu_redundancy(int mode)
         return -1;
     }
     /* No PSU is excluded outside the PSU control pre-check. */
-    return check_psu_redundancy(mode, 1, -1);
+    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 1, -1); });
 }
 
 extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno)
@@ -403,5 +409,5 @@ extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno
                   mode);
         return -1;
     }
-    return check_psu_redundancy(mode, 0, psuno);
+    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 0, psuno); });
 }

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,18 +19,17 @@
 #include "sputil.h"
 #include "znlib.h"
 #include "znpdklib.h"
-
-using sp::sysobj::Component;
+#include "znpdklib_internal.h"
 
 namespace {
 
-constexpr int kChassisInst = 17;
-constexpr int kInstCount = BMC_INSTANCE_COUNT;
+using namespace znpdk;
+
 constexpr INT8U kTypeFru = 0xC1;
 constexpr INT8U kTypeFrue = 0xC2;
-constexpr int kInfo = 0x8001;
-constexpr int kError = 0x8002;
-constexpr int kDetail = 0x0801;
+constexpr int kInfo = kLevelInfo;
+constexpr int kError = kLevelError;
+constexpr int kDetail = kLevelDetail;
 
 /* ---- Default tables ---------------------------------------------------- */
 
@@ -91,56 +91,13 @@ namespace {
 
 /* ---- Helpers ------------------------------------------------------------- */
 
-void trace(int level, uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
-{
-    sp_trace2(level, T_REGION_LIB_POWER_INIT, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
-}
-
-void trace_util(uint32_t id, const char* fmt, int a1 = 0, int a2 = 0, int a3 = 0, int a4 = 0)
-{
-    sp_trace2(kInfo, T_REGION_LIB_UTIL, SP_MID_BASE_UTIL, id, fmt, a1, a2, a3, a4);
-}
-
-bool valid_inst(int BMCInst)
-{
-    return BMCInst >= 0 && BMCInst < kInstCount;
-}
+constexpr Tracer trace_init{T_REGION_LIB_POWER_INIT, SP_MID_BASE_UTIL};
+constexpr Tracer trace_util_line{T_REGION_LIB_UTIL, SP_MID_BASE_UTIL};
 
 /* Node instances are 1 to 16; larger numbers are taken as node numbers. */
 int node_of_inst(int BMCInst)
 {
     return BMCInst > kChassisInst ? BMCInst : BMCInst - 1;
-}
-
-/* Common record read into a zeroed buffer: a missing component reads as
- * not installed with no status bit set. */
-current_common_info_t read_common(Component* compo)
-{
-    current_common_info_t info;
-    memset(&info, 0, sizeof(info));
-    if (compo != nullptr) {
-        compo->getProperty(PROP_CURRENT_COMMON_INFO, &info, sizeof(info));
-    }
-    return info;
-}
-
-bool installed(Component* compo)
-{
-    return read_common(compo).isInstalled();
-}
-
-Component* child(Component* parent, int type, int no)
-{
-    return parent != nullptr ? parent->getComponent(type, no) : nullptr;
-}
-
-std::vector<Component*> children(Component* parent, int type)
-{
-    std::vector<Component*> list;
-    if (parent != nullptr) {
-        parent->getComponent(type, list);
-    }
-    return list;
 }
 
 void set_not_installed(int sensor, int BMCInst)
@@ -151,14 +108,6 @@ void set_not_installed(int sensor, int BMCInst)
 bool is_fru_type(INT8U type)
 {
     return type == kTypeFru || type == kTypeFrue;
-}
-
-/* State offset of a discrete sensor: trailing zeros of its masked word. */
-int sensor_offset(int sensor, int BMCInst)
-{
-    INT16U word = 0;
-    znpdklib_getDiscreteStatusSensorStatus(sensor, &word, BMCInst);
-    return sputil_ntz16(static_cast<uint16_t>(word & 0x7FFF));
 }
 
 /* ---- Initial states -------------------------------------------------------- */
@@ -197,8 +146,8 @@ int znpdk_SetAllStatusWoS(int BMCInst, INT8U SensorNum, INT16U SensorReading)
         }
         INT8U rc = znpdklib_exSetSensorWoS(SensorNum, static_cast<INT8U>(bit), BMCInst);
         if (rc != 0) {
-            trace(kError, 0x05000000, "[SetAllStatusWoS]:SetSensorWoS snsno:%d offset:0x%x BMCInst:%d",
-                  SensorNum, bit, BMCInst);
+            trace_init(kError, 0x05000000, "[SetAllStatusWoS]:SetSensorWoS snsno:%d offset:0x%x BMCInst:%d",
+                       SensorNum, bit, BMCInst);
             ret = rc;
         }
     }
@@ -208,7 +157,7 @@ int znpdk_SetAllStatusWoS(int BMCInst, INT8U SensorNum, INT16U SensorReading)
 /* Sends every FRU sensor whose OEMField is exactly `check` to not installed. */
 int Init_Sensor_notins(int BMCInst, unsigned char check)
 {
-    trace(kInfo, 0x05140000, "[INIT_SENSOR_CMU]:Init_Sensor_notins start.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x05140000, "[INIT_SENSOR_CMU]:Init_Sensor_notins start.[BMCInst=%d]", BMCInst);
     for (int s = 0; s < 256; ++s) {
         INT8U sns = static_cast<INT8U>(s);
         if (GetInstSensorOEM(sns, BMCInst) != check) {
@@ -216,31 +165,33 @@ int Init_Sensor_notins(int BMCInst, unsigned char check)
         }
         INT8U type = GetInstSensorType(sns, BMCInst);
         if (type == kTypeFru) {
-            trace(kDetail, 0x05140001,
-                  "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
-                  s, type, BMCInst);
+            trace_init(
+                kDetail, 0x05140001,
+                "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
+                s, type, BMCInst);
         } else if (type == kTypeFrue) {
-            trace(kDetail, 0x05140002,
-                  "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
-                  s, type, BMCInst);
+            trace_init(
+                kDetail, 0x05140002,
+                "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
+                s, type, BMCInst);
         } else {
             continue;
         }
         set_not_installed(s, BMCInst);
     }
-    trace(kInfo, 0x051400FF, "[INIT_SENSOR_CMU]:Init_Sensor_notins end.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x051400FF, "[INIT_SENSOR_CMU]:Init_Sensor_notins end.[BMCInst=%d]", BMCInst);
     return 0;
 }
 
 /* CMU-level sensors, on the instance of the CMU's even node. */
 int Init_Sensor_CMUInst(int BMCInst)
 {
-    trace(kInfo, 0x05120000, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst start.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x05120000, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst start.[BMCInst=%d]", BMCInst);
     set_not_installed(1, BMCInst);
     int cmu = node_of_inst(BMCInst) / 2;
-    Component* cmuc = child(Component::getRoot(), COMPO_CMU, cmu);
+    Component* cmuc = child(root(), COMPO_CMU, cmu);
     if (installed(cmuc)) {
-        trace(kInfo, 0x05120011, "[INIT_SENSOR_CMU]:/CMU#%d installed.", cmu);
+        trace_init(kInfo, 0x05120011, "[INIT_SENSOR_CMU]:/CMU#%d installed.", cmu);
         for (int j = 0; j < 3; ++j) {
             if (installed(child(cmuc, COMPO_AOC, j))) {
                 continue;
@@ -251,29 +202,29 @@ int Init_Sensor_CMUInst(int BMCInst)
                 set_not_installed(49 + 2 * j + k, BMCInst);
                 set_not_installed(55 + 2 * j + k, BMCInst);
             }
-            trace(kInfo, 0x05120013, "[INIT_SENSOR_CMU]:/CMU#%d/AOC#%d FRU/FRUE sensor set to not-install.",
-                  cmu, j);
+            trace_init(kInfo, 0x05120013,
+                       "[INIT_SENSOR_CMU]:/CMU#%d/AOC#%d FRU/FRUE sensor set to not-install.", cmu, j);
         }
     } else {
-        trace(kInfo, 0x05120001, "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.", cmu);
+        trace_init(kInfo, 0x05120001, "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.", cmu);
         Init_Sensor_notins(BMCInst, 2);
-        trace(kInfo, 0x05120002, "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.", cmu);
+        trace_init(kInfo, 0x05120002, "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.", cmu);
     }
-    trace(kInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
     return 0;
 }
 
 /* Sensors of the node unit itself. */
 int Init_Sensor_NODEInst(int BMCInst)
 {
-    trace(kInfo, 0x05130000, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst start.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x05130000, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst start.[BMCInst=%d]", BMCInst);
     set_not_installed(0, BMCInst);
     set_not_installed(2, BMCInst);
     int node = node_of_inst(BMCInst);
-    Component* root = Component::getRoot();
-    Component* cmuc = child(root, COMPO_CMU, node / 2);
-    if (installed(child(root, COMPO_NODE, node))) {
-        trace(kInfo, 0x05130011, "[INIT_SENSOR_NODE]:NODE#%d installed.", node);
+    Component* top = root();
+    Component* cmuc = child(top, COMPO_CMU, node / 2);
+    if (installed(child(top, COMPO_NODE, node))) {
+        trace_init(kInfo, 0x05130011, "[INIT_SENSOR_NODE]:NODE#%d installed.", node);
         Component* cpu = child(cmuc, COMPO_CPU, node % 2);
         for (int j = 0; j < 4; ++j) {
             if (!installed(child(cpu, COMPO_MEM, j))) {
@@ -281,12 +232,12 @@ int Init_Sensor_NODEInst(int BMCInst)
             }
         }
     } else {
-        trace(kInfo, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.", node);
+        trace_init(kInfo, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.", node);
         Init_Sensor_notins(BMCInst, 3);
-        trace(kInfo, 0x05130002, "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.", node);
+        trace_init(kInfo, 0x05130002, "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.", node);
     }
-    trace(kInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
-    trace(kInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
+    trace_init(kInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
+    trace_init(kInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
     return 0;
 }
 
@@ -345,17 +296,30 @@ int node_fru_error(const max_frue_offset_t& worst, int BMCInst)
 /* ---- Escalation tables -------------------------------------------------- */
 
 constexpr int kTargets = MAX_CLEAR_SENSOR_TARGET;
-constexpr size_t kEscFileSize = 256 * kTargets * sizeof(packed_clear_sensor_list);
+constexpr int kSensors = 256;
+constexpr size_t kEscFileSize = kSensors * kTargets * sizeof(packed_clear_sensor_list);
+constexpr size_t kPathMax = 512;
+/* Most results a search can give: one node target per instance, one chassis
+ * target. */
+constexpr int kMaxEscTargets = kInstCount + 1;
 
-std::string esc_file_path(int BMCInst)
+using EscImage = uint8_t[kEscFileSize];
+using EscPath = char[kPathMax];
+
+/* The table file of one instance below the platform root; "" (which no
+ * file call accepts) without a root or when the path does not fit. */
+void esc_file_path(const char* top, int BMCInst, EscPath& path)
 {
-    char path[64];
-    snprintf(path, sizeof(path), "/var/nvrdisk/current/sensor/esctable_inst%02d", BMCInst);
-    return getSPFilePath(path);
+    int n = top == nullptr ? -1
+                           : snprintf(path, sizeof(path), "%s/var/nvrdisk/current/sensor/esctable_inst%02d",
+                                      top, BMCInst);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
+        path[0] = '\0';
+    }
 }
 
 /* Byte-exact: entry (s, t) at ((s * 4) + t) * 4. */
-packed_clear_sensor_list esc_entry(const std::vector<uint8_t>& image, int sensor, int target)
+packed_clear_sensor_list esc_entry(const EscImage& image, int sensor, int target)
 {
     packed_clear_sensor_list e;
     memcpy(&e, &image[(static_cast<size_t>(sensor) * kTargets + target) * sizeof(e)], sizeof(e));
@@ -380,17 +344,68 @@ bool snapshot_sensors(int BMCInst, SensorSharedMem_T* snap)
     return true;
 }
 
-void build_escalation(int BMCInst)
+/* Reads up to the image's size; returns the bytes read (a read error ends
+ * the file early). */
+size_t read_full(int fd, uint8_t* buf, size_t size)
 {
-    uint32_t made[8] = {0};
-    trace(kInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
-    std::unique_ptr<SensorSharedMem_T> snap(new SensorSharedMem_T);
-    if (!snapshot_sensors(BMCInst, snap.get())) {
-        return;
+    size_t got = 0;
+    while (got < size) {
+        ssize_t n = read(fd, buf + got, size - got);
+        if (n <= 0) {
+            break;
+        }
+        got += static_cast<size_t>(n);
     }
-    std::vector<uint8_t> image(kEscFileSize, 0);
-    for (int s = 0; s < 256; ++s) {
-        const SensorInfo_T& info = snap->SensorInfo[s];
+    return got;
+}
+
+/* True when the file already holds exactly `image` (and nothing more). */
+bool file_holds(const char* path, const EscImage& image)
+{
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        return false;
+    }
+    EscImage old;
+    uint8_t extra = 0;
+    bool same = read_full(fd, old, sizeof(old)) == sizeof(old) && read_full(fd, &extra, 1) == 0 &&
+                memcmp(old, image, sizeof(old)) == 0;
+    close(fd);
+    return same;
+}
+
+/* Writes the image to a temporary file in the same folder and renames it
+ * over the table, so that a search in another process reads the old or the
+ * new table, never a cut one. False (nothing replaced) on any failure. */
+bool replace_file(const char* path, const EscImage& image)
+{
+    static std::atomic<unsigned> serial{0};
+    if (path[0] == '\0') {
+        return false;
+    }
+    EscPath tmp;
+    int n = snprintf(tmp, sizeof(tmp), "%s.tmp%d.%u", path, static_cast<int>(getpid()), serial++);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(tmp)) {
+        return false;
+    }
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        return false;
+    }
+    bool written = write(fd, image, sizeof(image)) == static_cast<ssize_t>(sizeof(image));
+    close(fd);
+    if (!written || rename(tmp, path) != 0) {
+        unlink(tmp);
+        return false;
+    }
+    return true;
+}
+
+/* Fills the image from the snapshot and marks the sensors stored in `made`. */
+void fill_escalation_image(int BMCInst, const SensorSharedMem_T& snap, EscImage& image, uint32_t (&made)[8])
+{
+    for (int s = 0; s < kSensors; ++s) {
+        const SensorInfo_T& info = snap.SensorInfo[s];
         bool counts =
             (BMCInst == kChassisInst && info.OEMField == 0) || (info.OEMField & (1u << (BMCInst % 2)));
         if (!counts || info.SensorTypeCode != kTypeFrue) {
@@ -409,84 +424,96 @@ void build_escalation(int BMCInst)
         }
         made[s / 32] |= 1u << (31 - s % 32);
     }
+}
+
+void build_escalation(int BMCInst)
+{
+    uint32_t made[8] = {0};
+    trace_init(kInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
+    std::unique_ptr<SensorSharedMem_T> snap(new SensorSharedMem_T);
+    if (!snapshot_sensors(BMCInst, snap.get())) {
+        return;
+    }
+    EscImage image = {};
+    fill_escalation_image(BMCInst, *snap, image, made);
     for (int half = 0; half < 2; ++half) {
         const uint32_t* w = &made[half * 4];
-        trace(kInfo, 0x05400001, "[znpdklib_make_escalation_info]:create sensor list=%8.8x %8.8x %8.8x %8.8x",
-              static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]), static_cast<int>(w[3]));
+        trace_init(
+            kInfo, 0x05400001, "[znpdklib_make_escalation_info]:create sensor list=%8.8x %8.8x %8.8x %8.8x",
+            static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]), static_cast<int>(w[3]));
     }
-    int fd = open(esc_file_path(BMCInst).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) {
-        trace(kError, 0x05400002, "[znpdklib_make_escalation_info]:info file create failed. BMCInst=%d",
-              BMCInst);
-    } else {
-        ssize_t n = write(fd, image.data(), image.size());
-        (void)n;
-        close(fd);
+    EscPath path;
+    esc_file_path(getSPRoot().c_str(), BMCInst, path);
+    /* An unchanged table is left as it is: a start writes nothing to flash. */
+    if (!file_holds(path, image) && !replace_file(path, image)) {
+        trace_init(kError, 0x05400002, "[znpdklib_make_escalation_info]:info file create failed. BMCInst=%d",
+                   BMCInst);
     }
-    trace(kInfo, 0x054000FF, "[znpdklib_make_escalation_info]:end. BMCInst=%d", BMCInst);
+    trace_init(kInfo, 0x054000FF, "[znpdklib_make_escalation_info]:end. BMCInst=%d", BMCInst);
 }
 
 /* One instance's file; missing or short parts read as zeros. */
-std::vector<uint8_t> read_esc_file(int BMCInst)
+void read_esc_file(const char* top, int BMCInst, EscImage& image)
 {
-    std::vector<uint8_t> image(kEscFileSize, 0);
-    int fd = open(esc_file_path(BMCInst).c_str(), O_RDONLY);
+    memset(image, 0, sizeof(image));
+    EscPath path;
+    esc_file_path(top, BMCInst, path);
+    int fd = open(path, O_RDONLY);
     if (fd < 0) {
-        trace(kError, 0x05300001,
-              "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", BMCInst, errno);
-        return image;
+        trace_init(kError, 0x05300001,
+                   "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", BMCInst,
+                   errno);
+        return;
     }
-    size_t got = 0;
-    while (got < image.size()) {
-        ssize_t n = read(fd, image.data() + got, image.size() - got);
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
+    read_full(fd, image, sizeof(image));
     close(fd);
-    return image;
 }
 
+/* A search keeps no list of its own on the heap: matches are counted per
+ * file and sensor (they come out ordered by file, then sensor), targets are
+ * bounded by the instance flags. */
 struct EscSearch {
     const Esc_Sensor_t& query;
-    std::vector<Esc_Sensor_t> matched;
-    std::vector<Esc_Sensor_t> nodes;
-    std::vector<Esc_Sensor_t> chassis;
+    uint8_t hits[kInstCount][kSensors] = {};
+    int hit_count = 0;
+    Esc_Sensor_t targets[kMaxEscTargets] = {};
+    int node_count = 0;
+    Esc_Sensor_t chassis = {};
     bool inst_found[kInstCount] = {};
     bool chassis_found = false;
 
     explicit EscSearch(const Esc_Sensor_t& q) : query(q) {}
 
-    bool matches(const std::vector<uint8_t>& image, int s, int t) const
+    bool matches(const EscImage& image, int s, int t) const
     {
         packed_clear_sensor_list e = esc_entry(image, s, t);
         return e.valid != 0 && e.BMCInst == query.BMCInst && e.fru_sensor == query.Sensor_No;
     }
 
     /* Targets naming an instance outside 0..17 are not reported. */
-    void record(const std::vector<uint8_t>& image, int f, int s)
+    void record(const EscImage& image, int f, int s)
     {
-        matched.push_back({0xFF, f, s});
+        ++hits[f][s];
+        ++hit_count;
         for (int t = LOG_CLEAR_EVEN_NODE; t <= LOG_CLEAR_ODD_NODE; ++t) {
             packed_clear_sensor_list e = esc_entry(image, s, t);
             if (e.valid != 0 && valid_inst(e.BMCInst) && !inst_found[e.BMCInst]) {
-                nodes.push_back({t, e.BMCInst, e.fru_sensor});
+                targets[node_count++] = {t, e.BMCInst, e.fru_sensor};
                 inst_found[e.BMCInst] = true;
             }
         }
         packed_clear_sensor_list e = esc_entry(image, s, LOG_CLEAR_BOB);
         if (e.valid != 0 && valid_inst(e.BMCInst) && !chassis_found) {
-            chassis.push_back({LOG_CLEAR_BOB, e.BMCInst, e.fru_sensor});
+            chassis = {LOG_CLEAR_BOB, e.BMCInst, e.fru_sensor};
             chassis_found = true;
         }
     }
 
-    void search_file(int f)
+    void search_file(const char* top, int f, EscImage& image)
     {
-        std::vector<uint8_t> image = read_esc_file(f);
+        read_esc_file(top, f, image);
         int target = query.esc_spec;
-        for (int s = 0; s < 256; ++s) {
+        for (int s = 0; s < kSensors; ++s) {
             if (matches(image, s, target)) {
                 record(image, f, s);
             }
@@ -496,163 +523,138 @@ struct EscSearch {
             }
         }
     }
-};
 
-/* Caller-owned copy; never null unless malloc fails, also for no entries. */
-Esc_Sensor_t* copy_list(const std::vector<Esc_Sensor_t>& a, const std::vector<Esc_Sensor_t>& b, int* count)
-{
-    size_t n = a.size() + b.size();
-    Esc_Sensor_t* list = static_cast<Esc_Sensor_t*>(malloc((n > 0 ? n : 1) * sizeof(Esc_Sensor_t)));
-    if (list == nullptr) {
-        *count = 0;
-        return nullptr;
+    /* The caller's lists; false when an allocation failed. */
+    bool fill(Esc_Table_t* out)
+    {
+        if (chassis_found) {
+            targets[node_count] = chassis;
+        }
+        out->esc_count = node_count + (chassis_found ? 1 : 0);
+        out->esc_list = alloc_list(out->esc_count);
+        out->frue_count = hit_count;
+        out->frue_list = alloc_list(hit_count);
+        if (out->esc_list == nullptr || out->frue_list == nullptr) {
+            return false;
+        }
+        memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
+        int i = 0;
+        for (int f = 0; f < kInstCount; ++f) {
+            for (int s = 0; s < kSensors; ++s) {
+                for (int k = 0; k < hits[f][s]; ++k) {
+                    out->frue_list[i++] = {0xFF, f, s};
+                }
+            }
+        }
+        return true;
     }
-    size_t i = 0;
-    for (const Esc_Sensor_t& e : a) {
-        list[i++] = e;
+
+    /* Caller-owned; allocated also for no entries. */
+    static Esc_Sensor_t* alloc_list(int n)
+    {
+        return static_cast<Esc_Sensor_t*>(malloc(static_cast<size_t>(n > 0 ? n : 1) * sizeof(Esc_Sensor_t)));
     }
-    for (const Esc_Sensor_t& e : b) {
-        list[i++] = e;
-    }
-    *count = static_cast<int>(n);
-    return list;
-}
+};
 
 } // namespace
 
 /* ---- Exported: initial states ------------------------------------------- */
 
-int znpdklib_Init_Sensor_Bob(void)
+namespace {
+
+/* The power supply sensor of an installed PSU from its status bits. */
+void set_psu_status_sensor(Component* psu, int n, uint32_t st)
 {
-    trace(kInfo, 0x05010000, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob start.");
-    for (int s = 0; s < 256; ++s) {
-        if (BOB_SENSOR_INIT_VALUE[s] != 0) {
-            znpdk_SetAllStatusWoS(kChassisInst, static_cast<INT8U>(s), BOB_SENSOR_INIT_VALUE[s]);
-        }
+    INT8U status_sns = static_cast<INT8U>(111 + n);
+    znpdklib_SetSensorWoS(status_sns, 1, 0, kChassisInst);
+    if (st & 0x00000080u) {
+        znpdklib_SetSensorWoS(status_sns, 1, 3, kChassisInst);
     }
-    trace(kInfo, 0x05010001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.");
-    trace(kInfo, 0x050100FF, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob end.");
-    return 0;
+    if (st & 0x00000020u) {
+        znpdklib_SetSensorWoS(status_sns, 1, 2, kChassisInst);
+    }
+    if (st & 0x00000004u) {
+        bool rom = read_common(child(psu, COMPO_FRUROM, 90)).checkStatus(0x00000004u);
+        znpdklib_SetSensorWoS(status_sns, 1, rom ? 8 : 6, kChassisInst);
+    }
+    if (st & 0x0000D000u) {
+        znpdklib_SetSensorWoS(status_sns, 1, 1, kChassisInst);
+    }
+    if (st & 0x20000000u) {
+        znpdklib_SetSensorWoS(status_sns, 1, 10, kChassisInst);
+    }
+    trace_init(kInfo, 0x05020002, "[ZN_INIT_SENSOR_PSU]:/PSU#%d power supply sensor setting completed.", n);
+}
+
+/* The FRU sensor of an installed PSU: the worst of its error bits. */
+void set_psu_fru_sensor(int n, uint32_t st)
+{
+    int fru = 1;
+    int frue = 1;
+    if (st & 0x00001000u) {
+        fru = 7;
+        frue = 9;
+    } else if (st & 0x00008000u) {
+        fru = 6;
+        frue = 8;
+    } else if (st & 0x00004000u) {
+        fru = 4;
+        frue = 5;
+    }
+    znpdklib_exSetSensorWoS(static_cast<INT8U>(50 + n), static_cast<INT8U>(fru), kChassisInst);
+    trace_init(kInfo, 0x05020003,
+               "[ZN_INIT_SENSOR_PSU]:/PSU#%d FRU/FRUE sensor setting completed.(FRU=%d. FRUE=%d)", n, fru,
+               frue);
+    trace_init(kInfo, 0x05020004, "[ZN_INIT_SENSOR_PSU]:PSU redundant sensor not touched in initial.");
 }
 
 /* PSUs numbered outside 0..17 have no sensors and are skipped. */
-int znpdklib_Init_Sensor_PSU(void)
+void init_psu_sensors()
 {
-    trace(kInfo, 0x05020000, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.");
-    try {
-        for (Component* psu : children(Component::getRoot(), COMPO_PSU)) {
-            if (psu == nullptr || psu->getNo() < 0 || psu->getNo() > 17) {
-                continue;
-            }
-            int n = psu->getNo();
-            current_common_info_t info = read_common(psu);
-            if (!info.isInstalled()) {
-                trace(kInfo, 0x05020001, "[ZN_INIT_SENSOR_PSU]:/PSU#%d not install value set to sensor.", n);
-                set_not_installed(50 + n, kChassisInst);
-                set_not_installed(179 + n, kChassisInst);
-                continue;
-            }
-            uint32_t st = info.status;
-            INT8U status_sns = static_cast<INT8U>(111 + n);
-            znpdklib_SetSensorWoS(status_sns, 1, 0, kChassisInst);
-            if (st & 0x00000080u) {
-                znpdklib_SetSensorWoS(status_sns, 1, 3, kChassisInst);
-            }
-            if (st & 0x00000020u) {
-                znpdklib_SetSensorWoS(status_sns, 1, 2, kChassisInst);
-            }
-            if (st & 0x00000004u) {
-                bool rom = read_common(child(psu, COMPO_FRUROM, 90)).checkStatus(0x00000004u);
-                znpdklib_SetSensorWoS(status_sns, 1, rom ? 8 : 6, kChassisInst);
-            }
-            if (st & 0x0000D000u) {
-                znpdklib_SetSensorWoS(status_sns, 1, 1, kChassisInst);
-            }
-            if (st & 0x20000000u) {
-                znpdklib_SetSensorWoS(status_sns, 1, 10, kChassisInst);
-            }
-            trace(kInfo, 0x05020002, "[ZN_INIT_SENSOR_PSU]:/PSU#%d power supply sensor setting completed.",
-                  n);
-            int fru = 1;
-            int frue = 1;
-            if (st & 0x00001000u) {
-                fru = 7;
-                frue = 9;
-            } else if (st & 0x00008000u) {
-                fru = 6;
-                frue = 8;
-            } else if (st & 0x00004000u) {
-                fru = 4;
-                frue = 5;
-            }
-            znpdklib_exSetSensorWoS(static_cast<INT8U>(50 + n), static_cast<INT8U>(fru), kChassisInst);
-            trace(kInfo, 0x05020003,
-                  "[ZN_INIT_SENSOR_PSU]:/PSU#%d FRU/FRUE sensor setting completed.(FRU=%d. FRUE=%d)", n, fru,
-                  frue);
-            trace(kInfo, 0x05020004, "[ZN_INIT_SENSOR_PSU]:PSU redundant sensor not touched in initial.");
+    for (Component* psu : children(root(), COMPO_PSU)) {
+        if (psu == nullptr || psu->getNo() < 0 || psu->getNo() > 17) {
+            continue;
         }
-    } catch (...) {
+        int n = psu->getNo();
+        current_common_info_t info = read_common(psu);
+        if (!info.isInstalled()) {
+            trace_init(kInfo, 0x05020001, "[ZN_INIT_SENSOR_PSU]:/PSU#%d not install value set to sensor.", n);
+            set_not_installed(50 + n, kChassisInst);
+            set_not_installed(179 + n, kChassisInst);
+            continue;
+        }
+        set_psu_status_sensor(psu, n, info.status);
+        set_psu_fru_sensor(n, info.status);
     }
-    trace(kInfo, 0x050200FF, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
-    return 0;
 }
 
 /* FANUs outside 0..3 and fans outside 0..1 have no sensors and are skipped. */
-int znpdklib_Init_Sensor_FANU(void)
+void init_fanu_sensors()
 {
-    trace(kInfo, 0x05158000, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.");
-    try {
-        for (Component* fanu : children(Component::getRoot(), COMPO_FANU)) {
-            if (fanu == nullptr || fanu->getNo() < 0 || fanu->getNo() > 3 || installed(fanu)) {
+    for (Component* fanu : children(root(), COMPO_FANU)) {
+        if (fanu == nullptr || fanu->getNo() < 0 || fanu->getNo() > 3 || installed(fanu)) {
+            continue;
+        }
+        int n = fanu->getNo();
+        set_not_installed(201 + n, kChassisInst);
+        set_not_installed(205 + n, kChassisInst);
+        trace_init(kInfo, 0x05158001, "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d not install value set to sensor.",
+                   n);
+        for (Component* fan : children(fanu, COMPO_FAN)) {
+            if (fan == nullptr || fan->getNo() < 0 || fan->getNo() > 1 || installed(fan)) {
                 continue;
             }
-            int n = fanu->getNo();
-            set_not_installed(201 + n, kChassisInst);
-            set_not_installed(205 + n, kChassisInst);
-            trace(kInfo, 0x05158001, "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d not install value set to sensor.",
-                  n);
-            for (Component* fan : children(fanu, COMPO_FAN)) {
-                if (fan == nullptr || fan->getNo() < 0 || fan->getNo() > 1 || installed(fan)) {
-                    continue;
-                }
-                int m = fan->getNo();
-                set_not_installed(209 + 2 * n + m, kChassisInst);
-                trace(kInfo, 0x05158002,
-                      "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d/FAN#%d not install value set to sensor.", n, m);
-            }
+            int m = fan->getNo();
+            set_not_installed(209 + 2 * n + m, kChassisInst);
+            trace_init(kInfo, 0x05158002,
+                       "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d/FAN#%d not install value set to sensor.", n, m);
         }
-    } catch (...) {
     }
-    trace(kInfo, 0x051580FF, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
-    return 0;
 }
 
-int znpdklib_Init_Sensor_Maintenance(void)
+/* Defaults of a node instance; instances 3 and 11 leave their 0x04 sensors. */
+void init_node_defaults(int BMCInst)
 {
-    trace(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
-    setup_system_info_t setup;
-    memset(&setup, 0, sizeof(setup));
-    Component* root = Component::getRoot();
-    if (root != nullptr) {
-        root->getProperty(PROP_SETUP_INFO, &setup, sizeof(setup));
-    }
-    for (int i = 0; i <= 28; ++i) {
-        znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
-    }
-    for (int j = 0; j < 4; ++j) {
-        znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j], kChassisInst);
-    }
-    trace(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
-    return 0;
-}
-
-/* Node instances are 1 to 16; any other instance is left alone. */
-int znpdklib_Init_Sensor_Node(int BMCInst)
-{
-    if (BMCInst < 1 || BMCInst >= kChassisInst) {
-        return 0;
-    }
-    trace(kInfo, 0x05110000, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node start.[BMCInst=%d]", BMCInst);
     for (int s = 0; s < 256; ++s) {
         INT8U sns = static_cast<INT8U>(s);
         if ((BMCInst == 3 || BMCInst == 11) && (GetInstSensorOEM(sns, BMCInst) & 0x04) != 0) {
@@ -662,36 +664,108 @@ int znpdklib_Init_Sensor_Node(int BMCInst)
             znpdk_SetAllStatusWoS(BMCInst, sns, NODE_SENSOR_INIT_VALUE[s]);
         }
     }
-    trace(kInfo, 0x05110001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]",
-          BMCInst);
-    int node = node_of_inst(BMCInst);
-    if (node % 2 == 0) {
-        trace(kInfo, 0x05110002, "[ZN_INIT_SENSOR_NODE]:initialize CMU section start.[BMCInst=%d]", BMCInst);
-        Init_Sensor_CMUInst(BMCInst);
+    trace_init(kInfo, 0x05110001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]",
+               BMCInst);
+}
+
+/* The node's first SSD and PCIe card, when missing. */
+void init_node_parts(int node, int BMCInst)
+{
+    Component* nodec = child(root(), COMPO_NODE, node);
+    std::vector<Component*> ssds = children(nodec, COMPO_SSD);
+    if (!ssds.empty() && !installed(ssds[0])) {
+        set_not_installed(145, BMCInst);
+        set_not_installed(146, BMCInst);
+        trace_init(kInfo, 0x05010005, "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.",
+                   node / 2, node % 2);
     }
-    trace(kInfo, 0x05110004, "[ZN_INIT_SENSOR_NODE]:initialize NDOE section start.[BMCInst=%d]", BMCInst);
-    Init_Sensor_NODEInst(BMCInst);
-    try {
-        Component* nodec = child(Component::getRoot(), COMPO_NODE, node);
-        std::vector<Component*> ssds = children(nodec, COMPO_SSD);
-        if (!ssds.empty() && !installed(ssds[0])) {
-            set_not_installed(145, BMCInst);
-            set_not_installed(146, BMCInst);
-            trace(kInfo, 0x05010005, "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.",
-                  node / 2, node % 2);
-        }
-        std::vector<Component*> cards = children(nodec, COMPO_PCIECARD);
-        if (!cards.empty() && !installed(cards[0])) {
-            set_not_installed(8, BMCInst);
-            set_not_installed(66, BMCInst);
-            trace(kInfo, 0x05010006,
-                  "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
-                  node % 2);
-        }
-    } catch (...) {
+    std::vector<Component*> cards = children(nodec, COMPO_PCIECARD);
+    if (!cards.empty() && !installed(cards[0])) {
+        set_not_installed(8, BMCInst);
+        set_not_installed(66, BMCInst);
+        trace_init(kInfo, 0x05010006,
+                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
+                   node % 2);
     }
-    trace(kInfo, 0x051100FF, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node end.[BMCInst=%d]", BMCInst);
+}
+
+} // namespace
+
+int znpdklib_Init_Sensor_Bob(void)
+{
+    trace_init(kInfo, 0x05010000, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob start.");
+    for (int s = 0; s < 256; ++s) {
+        if (BOB_SENSOR_INIT_VALUE[s] != 0) {
+            znpdk_SetAllStatusWoS(kChassisInst, static_cast<INT8U>(s), BOB_SENSOR_INIT_VALUE[s]);
+        }
+    }
+    trace_init(kInfo, 0x05010001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.");
+    trace_init(kInfo, 0x050100FF, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob end.");
     return 0;
+}
+
+/* A pass stopped by an exception reports -1 (and has no end line). */
+int znpdklib_Init_Sensor_PSU(void)
+{
+    trace_init(kInfo, 0x05020000, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.");
+    return guard(__func__, -1, [] {
+        init_psu_sensors();
+        trace_init(kInfo, 0x050200FF, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
+        return 0;
+    });
+}
+
+int znpdklib_Init_Sensor_FANU(void)
+{
+    trace_init(kInfo, 0x05158000, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.");
+    return guard(__func__, -1, [] {
+        init_fanu_sensors();
+        trace_init(kInfo, 0x051580FF, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
+        return 0;
+    });
+}
+
+int znpdklib_Init_Sensor_Maintenance(void)
+{
+    return guard(__func__, -1, [] {
+        trace_init(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
+        const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
+        for (int i = 0; i <= 28; ++i) {
+            znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
+        }
+        for (int j = 0; j < 4; ++j) {
+            znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j],
+                                    kChassisInst);
+        }
+        trace_init(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
+        return 0;
+    });
+}
+
+/* Node instances are 1 to 16; any other instance is left alone. */
+int znpdklib_Init_Sensor_Node(int BMCInst)
+{
+    if (BMCInst < 1 || BMCInst >= kChassisInst) {
+        return 0;
+    }
+    return guard(__func__, -1, [BMCInst] {
+        trace_init(kInfo, 0x05110000, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node start.[BMCInst=%d]",
+                   BMCInst);
+        init_node_defaults(BMCInst);
+        int node = node_of_inst(BMCInst);
+        if (node % 2 == 0) {
+            trace_init(kInfo, 0x05110002, "[ZN_INIT_SENSOR_NODE]:initialize CMU section start.[BMCInst=%d]",
+                       BMCInst);
+            Init_Sensor_CMUInst(BMCInst);
+        }
+        trace_init(kInfo, 0x05110004, "[ZN_INIT_SENSOR_NODE]:initialize NDOE section start.[BMCInst=%d]",
+                   BMCInst);
+        Init_Sensor_NODEInst(BMCInst);
+        init_node_parts(node, BMCInst);
+        trace_init(kInfo, 0x051100FF, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node end.[BMCInst=%d]",
+                   BMCInst);
+        return 0;
+    });
 }
 
 int znpdklib_Init_Sensor_Giou(int BMCInst)
@@ -706,44 +780,31 @@ int ZNAPI_Sensor_Init(int BMCInst)
     if (!valid_inst(BMCInst)) {
         return 0;
     }
-    try {
+    return guard(__func__, -1, [BMCInst] {
         if (is_init_state_acon() != 0) {
             return 0;
         }
-    } catch (...) {
+        if (BMCInst == kChassisInst) {
+            znpdklib_Init_Sensor_Bob();
+            znpdklib_Init_Sensor_PSU();
+            znpdklib_Init_Sensor_FANU();
+            znpdklib_Init_Sensor_Maintenance();
+        } else {
+            znpdklib_Init_Sensor_Node(BMCInst);
+        }
+        znpdklib_make_escalation_info(BMCInst);
         return 0;
-    }
-    if (BMCInst == kChassisInst) {
-        znpdklib_Init_Sensor_Bob();
-        znpdklib_Init_Sensor_PSU();
-        znpdklib_Init_Sensor_FANU();
-        znpdklib_Init_Sensor_Maintenance();
-    } else {
-        znpdklib_Init_Sensor_Node(BMCInst);
-    }
-    znpdklib_make_escalation_info(BMCInst);
-    return 0;
+    });
 }
 
 /* ---- Exported: node error evaluation --------------------------------------- */
 
-/*
- * Pairs are (BMCInst, BMCInst + 1); only first instances 0 to 15 are
- * evaluated, so the chassis instance is never part of a pair.
- */
-int znpdklib_Set_Sensor_Node(int BMCInst)
+namespace {
+
+/* The worst FRU error offset of each instance of the pair; a CMU-common
+ * sensor counts for both nodes of the CMU. */
+void scan_node_errors(int BMCInst, max_frue_offset_t (&worst)[2])
 {
-    trace_util(0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=%d", BMCInst);
-    if (BMCInst == kChassisInst) {
-        trace_util(0x05160001,
-                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node not support chassis instance . BMCInst=%d",
-                   BMCInst);
-        return -1;
-    }
-    if (BMCInst < 0 || BMCInst + 1 >= kChassisInst) {
-        return -1;
-    }
-    max_frue_offset_t worst[2] = {{-1, 1}, {-1, 1}};
     for (int i = 0; i < 2; ++i) {
         int bmc_inst = BMCInst + i;
         for (int sensor = 0; sensor < 256; ++sensor) {
@@ -760,33 +821,61 @@ int znpdklib_Set_Sensor_Node(int BMCInst)
             }
             int offset = sensor_offset(sensor, bmc_inst);
             if (offset > worst[i].offset) {
-                trace_util(0x05160002, kOwnNodeError, node_of_inst(bmc_inst), sensor, offset);
+                trace_util_line(kInfo, 0x05160002, kOwnNodeError, node_of_inst(bmc_inst), sensor, offset);
                 worst[i] = {sensor, static_cast<uint16_t>(offset)};
             }
             int other_node = 1 - i;
             if (is_cmu_cmn_frue_sns(bmc_inst, sensor) && offset > worst[other_node].offset) {
-                trace_util(0x05160003, kCmuCommonError, node_of_inst(bmc_inst), sensor, offset);
+                trace_util_line(kInfo, 0x05160003, kCmuCommonError, node_of_inst(bmc_inst), sensor, offset);
                 worst[other_node] = {sensor, static_cast<uint16_t>(offset)};
             }
         }
     }
-    for (int i = 0; i < 2; ++i) {
-        int bmc_inst = BMCInst + i;
-        int eval = node_fru_error(worst[i], bmc_inst);
-        int cur = sensor_offset(10, bmc_inst);
-        int node = node_of_inst(bmc_inst);
-        trace_util(0x05160004,
-                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#%d cur_node_error=%d eval_node_error=%d",
-                   node, cur, eval);
-        if (cur != 0 && cur != eval) {
-            trace_util(
-                0x05160005,
-                "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(%d) to Node#%d FRU Error Status", eval,
-                node);
-            znpdklib_exSetSensorWoS(10, static_cast<INT8U>(eval), bmc_inst);
-        }
+}
+
+/* Moves a node's FRU error status to its evaluation, unless it reads 0. */
+void set_node_error(int bmc_inst, const max_frue_offset_t& worst)
+{
+    int eval = node_fru_error(worst, bmc_inst);
+    int cur = sensor_offset(10, bmc_inst);
+    int node = node_of_inst(bmc_inst);
+    trace_util_line(kInfo, 0x05160004,
+                    "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#%d cur_node_error=%d eval_node_error=%d",
+                    node, cur, eval);
+    if (cur != 0 && cur != eval) {
+        trace_util_line(
+            kInfo, 0x05160005,
+            "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(%d) to Node#%d FRU Error Status", eval,
+            node);
+        znpdklib_exSetSensorWoS(10, static_cast<INT8U>(eval), bmc_inst);
     }
-    trace_util(0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=%d", BMCInst);
+}
+
+} // namespace
+
+/*
+ * Pairs are (BMCInst, BMCInst + 1); only first instances 0 to 15 are
+ * evaluated, so the chassis instance is never part of a pair.
+ */
+int znpdklib_Set_Sensor_Node(int BMCInst)
+{
+    trace_util_line(kInfo, 0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=%d",
+                    BMCInst);
+    if (BMCInst == kChassisInst) {
+        trace_util_line(
+            kInfo, 0x05160001,
+            "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node not support chassis instance . BMCInst=%d", BMCInst);
+        return -1;
+    }
+    if (BMCInst < 0 || BMCInst + 1 >= kChassisInst) {
+        return -1;
+    }
+    max_frue_offset_t worst[2] = {{-1, 1}, {-1, 1}};
+    scan_node_errors(BMCInst, worst);
+    for (int i = 0; i < 2; ++i) {
+        set_node_error(BMCInst + i, worst[i]);
+    }
+    trace_util_line(kInfo, 0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=%d", BMCInst);
     return 0;
 }
 
@@ -798,10 +887,7 @@ void znpdklib_make_escalation_info(int BMCInst)
     if (!valid_inst(BMCInst)) {
         return;
     }
-    try {
-        build_escalation(BMCInst);
-    } catch (...) {
-    }
+    guard_void(__func__, [BMCInst] { build_escalation(BMCInst); });
 }
 
 /*
@@ -815,26 +901,29 @@ void znpdklib_get_escalation_info(Esc_Sensor_t* in, Esc_Table_t* out)
         return;
     }
     memset(out, 0, sizeof(*out));
-    std::vector<Esc_Sensor_t> none;
     if (in == nullptr || in->esc_spec < 0 || in->esc_spec >= kTargets || !valid_inst(in->BMCInst)) {
-        out->frue_list = copy_list(none, none, &out->frue_count);
-        out->esc_list = copy_list(none, none, &out->esc_count);
+        out->frue_list = EscSearch::alloc_list(0);
+        out->esc_list = EscSearch::alloc_list(0);
         return;
     }
-    trace(kInfo, 0x05300000, "[znpdklib_get_escalation_info]:start. BMCInst=%d Sensor=%d", in->BMCInst,
-          in->Sensor_No);
-    try {
+    trace_init(kInfo, 0x05300000, "[znpdklib_get_escalation_info]:start. BMCInst=%d Sensor=%d", in->BMCInst,
+               in->Sensor_No);
+    /* The lists are made last, by malloc: an exception leaves `out` empty. */
+    guard_void(__func__, [in, out] {
+        EscImage image;
+        char root_dir[kPathMax];
+        const char* top = platform_file("", root_dir, sizeof(root_dir)) ? root_dir : nullptr;
         EscSearch search(*in);
         for (int f = 1; f < kInstCount; ++f) {
-            search.search_file(f);
+            search.search_file(top, f, image);
         }
-        out->frue_list = copy_list(search.matched, none, &out->frue_count);
-        out->esc_list = copy_list(search.nodes, search.chassis, &out->esc_count);
-    } catch (...) {
-        free(out->frue_list);
-        free(out->esc_list);
-        memset(out, 0, sizeof(*out));
-    }
-    trace(kInfo, 0x053000FF, "[znpdklib_get_escalation_info]:end. BMCInst=%d Sensor=%d Sensors=%d Escs=%d",
-          in->BMCInst, in->Sensor_No, out->frue_count, out->esc_count);
+        if (!search.fill(out)) {
+            free(out->frue_list);
+            free(out->esc_list);
+            memset(out, 0, sizeof(*out));
+        }
+    });
+    trace_init(kInfo, 0x053000FF,
+               "[znpdklib_get_escalation_info]:end. BMCInst=%d Sensor=%d Sensors=%d Escs=%d", in->BMCInst,
+               in->Sensor_No, out->frue_count, out->esc_count);
 }

@@ -3,8 +3,6 @@
  * the persistent save area of sensor states, the shared flags area and the
  * controller error checks built on the sensor states.
  */
-#include "znpdklib.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,10 +11,11 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "sputil.h"
 #include "znlib.h"
+#include "znpdklib.h"
+#include "znpdklib_internal.h"
 
 /* Globals of the IPMI stack that this library defines on its behalf. */
 __attribute__((visibility("default"))) pthread_t g_ipmithread;
@@ -28,8 +27,9 @@ __attribute__((visibility("default"))) int g_FileTransMonitor;
 
 namespace {
 
-constexpr int kInstances = BMC_INSTANCE_COUNT;
-constexpr int kChassisInst = 17;
+using namespace znpdk;
+
+constexpr int kInstances = kInstCount;
 constexpr size_t kBlockSize = 1024;
 constexpr size_t kSaveFileSize = kBlockSize * kInstances;
 constexpr size_t kEntrySize = 4;
@@ -57,16 +57,11 @@ constexpr int kNodeStatusSensor = 10;
 constexpr int kCmucCount = 8;
 constexpr int kRouterCount = 16;
 
-bool inst_ok(int BMCInst)
-{
-    return BMCInst >= 0 && BMCInst < kInstances;
-}
-
 /* The stack's sensor record; an instance outside 0..17 has none (the
  * stack's lookup is never asked about it). */
 SensorInfo_T* find_sensor(INT8U SensorNum, int BMCInst)
 {
-    if (!inst_ok(BMCInst)) {
+    if (!valid_inst(BMCInst)) {
         return nullptr;
     }
     return GetSensorInfo(SensorNum, 0, BMCInst);
@@ -97,7 +92,7 @@ void unlock_sensor_mutex(int BMCInst)
 template <typename Op, typename LockFailed>
 INT8U under_sensor_mutex(int BMCInst, Op op, LockFailed lock_failed)
 {
-    const bool has_mutex = inst_ok(BMCInst);
+    const bool has_mutex = valid_inst(BMCInst);
     if (has_mutex && !lock_sensor_mutex(BMCInst)) {
         lock_failed();
         return kFailed;
@@ -144,22 +139,13 @@ uint8_t alt[kBlockSize];
 /* The instance's save block, or null (not set up, failed, bad instance). */
 uint8_t* save_block(int BMCInst)
 {
-    if (!inst_ok(BMCInst) || Sensor_Save_Mapp[BMCInst] == MAP_FAILED) {
+    if (!valid_inst(BMCInst) || Sensor_Save_Mapp[BMCInst] == MAP_FAILED) {
         return nullptr;
     }
     return Sensor_Save_Mapp[BMCInst];
 }
 
-/* The platform path of a library file; "" (which no file call accepts) if
- * it cannot be built, so that no exception leaves the library. */
-std::string platform_path(const char* path)
-{
-    try {
-        return getSPFilePath(path);
-    } catch (...) {
-        return std::string();
-    }
-}
+constexpr size_t kPathMax = 512;
 
 /* Writes zero blocks into a newly created save file (results not checked:
  * the size is verified before mapping). */
@@ -187,10 +173,54 @@ bool ensure_full_size(int fd)
     return ftruncate(fd, static_cast<off_t>(kSaveFileSize)) == 0;
 }
 
-/* Entry k of the save file's block for one sensor. */
-uint8_t* save_entry(uint8_t* block, INT8U SensorNum)
+/* Maps the open save file (or marks every block unavailable). */
+void map_save_file(int fd)
 {
-    return block + static_cast<size_t>(SensorNum) * kEntrySize;
+    void* map = MAP_FAILED;
+    if (fd >= 0 && ensure_full_size(fd)) {
+        map = mmap(nullptr, kSaveFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    sns_fd = fd;
+    Sensor_Save_Mapp[0] = static_cast<uint8_t*>(map);
+    for (int k = 1; k < kInstances; ++k) {
+        Sensor_Save_Mapp[k] = map == MAP_FAILED
+                                  ? static_cast<uint8_t*>(MAP_FAILED)
+                                  : static_cast<uint8_t*>(map) + static_cast<size_t>(k) * kBlockSize;
+    }
+}
+
+/* Entry k of the save file's block for one sensor. Blocks start on 1 KiB
+ * boundaries of a page-aligned mapping, so every entry is 4-byte aligned. */
+uint32_t* save_entry(uint8_t* block, INT8U SensorNum)
+{
+    return reinterpret_cast<uint32_t*>(block + static_cast<size_t>(SensorNum) * kEntrySize);
+}
+
+/* One entry is stored and loaded as a single aligned word, so that another
+ * process never sees half of a write; the bytes keep their file order
+ * (reading low, reading high, event flags, event level) on any byte order. */
+void store_entry(uint32_t* entry, const SensorInfo_T& info)
+{
+    const uint8_t bytes[kEntrySize] = {static_cast<uint8_t>(info.SensorReading & 0xFF),
+                                       static_cast<uint8_t>(info.SensorReading >> 8), info.EventFlags,
+                                       info.EventLevel};
+    uint32_t word = 0;
+    std::memcpy(&word, bytes, sizeof(word));
+    __atomic_store_n(entry, word, __ATOMIC_RELAXED);
+}
+
+void load_entry(const uint32_t* entry, uint8_t (&bytes)[kEntrySize])
+{
+    const uint32_t word = __atomic_load_n(entry, __ATOMIC_RELAXED);
+    std::memcpy(bytes, &word, sizeof(word));
+}
+
+/* The state word is read without a lock by the IPMI stack, so it is stored
+ * in one access; callers hold the instance's sensor mutex. */
+void store_reading(SensorInfo_T* info, INT16U word)
+{
+    __atomic_store_n(&info->SensorReading, word, __ATOMIC_RELAXED);
+    info->PreviousState = word;
 }
 
 /* The flags area: block 0 when mapped, else this process's own buffer. */
@@ -224,12 +254,8 @@ INT8U ZNAPI_SetSensorWoS(INT8U SensorNum, int dir, INT8U offset, int BMCInst)
                 SensorNum, dir, offset, BMCInst);
         return kNoRecord;
     }
-    if (dir == 1) {
-        info->SensorReading = static_cast<INT16U>(info->SensorReading | mask);
-    } else {
-        info->SensorReading = static_cast<INT16U>(info->SensorReading & ~mask);
-    }
-    info->PreviousState = info->SensorReading;
+    const INT16U old = info->SensorReading;
+    store_reading(info, static_cast<INT16U>(dir == 1 ? (old | mask) : (old & ~mask)));
     if (ZNAPI_MemSensorInfoWrite(SensorNum, BMCInst) != 0) {
         return kFailed;
     }
@@ -294,7 +320,7 @@ int ZNAPI_GetSensorReading(int sensor, GetSensorReadingRes_T* SensorRead, int BM
 {
     /* An instance outside 0..17 is a bad parameter like a missing buffer:
      * the stack is not asked and the buffer is left as it is. */
-    if (SensorRead == nullptr || !inst_ok(BMCInst)) {
+    if (SensorRead == nullptr || !valid_inst(BMCInst)) {
         SNS_DBG("[%s:%d]ZNAPI_GetSensorReading param Error");
         return -1;
     }
@@ -462,28 +488,20 @@ INT8U GetInstSensorOEM(INT8U SensorNum, int BMCInst)
  * another thread may still hold stay valid. */
 void ZNAPI_MemSensorAreaInit(void)
 {
-    const std::string path = platform_path(kSaveFile);
-    int fd;
-    if (access(path.c_str(), F_OK) != 0) {
-        fd = open(path.c_str(), O_RDWR | O_CREAT, 0770);
-        if (fd >= 0) {
-            fill_new_save_file(fd);
+    guard_void(__func__, [] {
+        char path[kPathMax];
+        platform_file(kSaveFile, path, sizeof(path));
+        int fd;
+        if (access(path, F_OK) != 0) {
+            fd = open(path, O_RDWR | O_CREAT, 0770);
+            if (fd >= 0) {
+                fill_new_save_file(fd);
+            }
+        } else {
+            fd = open(path, O_RDWR);
         }
-    } else {
-        fd = open(path.c_str(), O_RDWR);
-    }
-
-    void* map = MAP_FAILED;
-    if (fd >= 0 && ensure_full_size(fd)) {
-        map = mmap(nullptr, kSaveFileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    }
-    sns_fd = fd;
-    Sensor_Save_Mapp[0] = static_cast<uint8_t*>(map);
-    for (int k = 1; k < kInstances; ++k) {
-        Sensor_Save_Mapp[k] = map == MAP_FAILED
-                                  ? static_cast<uint8_t*>(MAP_FAILED)
-                                  : static_cast<uint8_t*>(map) + static_cast<size_t>(k) * kBlockSize;
-    }
+        map_save_file(fd);
+    });
 }
 
 int ZNAPI_MemSensorInfoWrite(INT8U SensorNum, int BMCInst)
@@ -514,11 +532,7 @@ int ZNAPI_MemSensorInfoWrite(INT8U SensorNum, int BMCInst)
         znlib_sem_close(sem);
         return -1;
     }
-    uint8_t* entry = save_entry(block, SensorNum);
-    entry[0] = static_cast<uint8_t>(info->SensorReading & 0xFF);
-    entry[1] = static_cast<uint8_t>(info->SensorReading >> 8);
-    entry[2] = info->EventFlags;
-    entry[3] = info->EventLevel;
+    store_entry(save_entry(block, SensorNum), *info);
     _znlib_sem_unlock(sem, name, 0);
     _znlib_sem_close(sem, 0);
     return ret;
@@ -527,7 +541,9 @@ int ZNAPI_MemSensorInfoWrite(INT8U SensorNum, int BMCInst)
 int ZNAPI_MemSensorInfoRecover(int BMCInst)
 {
     /* After an AC power-on the sensors start from their initial states. */
-    if (access(platform_path(kAcOnMarker).c_str(), F_OK) == 0) {
+    char marker[kPathMax];
+    if (guard(__func__, false, [&] { return platform_file(kAcOnMarker, marker, sizeof(marker)); }) &&
+        access(marker, F_OK) == 0) {
         return 0;
     }
     uint8_t* block = save_block(BMCInst);
@@ -542,10 +558,9 @@ int ZNAPI_MemSensorInfoRecover(int BMCInst)
     }
     SensorInfo_T* table = g_BMCInfo[BMCInst].SensorSharedMem.SensorInfo;
     for (int i = 0; i < kSensorsPerInst; ++i) {
-        const uint8_t* entry = save_entry(block, static_cast<INT8U>(i));
-        const INT16U reading = static_cast<INT16U>(entry[0] | (entry[1] << 8));
-        table[i].SensorReading = reading;
-        table[i].PreviousState = reading;
+        uint8_t entry[kEntrySize];
+        load_entry(save_entry(block, static_cast<INT8U>(i)), entry);
+        store_reading(&table[i], static_cast<INT16U>(entry[0] | (entry[1] << 8)));
         table[i].EventFlags = entry[2];
         table[i].EventLevel = entry[3];
     }

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <map>
 #include <vector>
@@ -379,6 +380,23 @@ TEST_F(EmptySimTest, EscalationFileBytesAndCreatedList)
               ztest::texts_with_id(0x05400001));
     EXPECT_EQ(std::vector<std::string>{"[znpdklib_make_escalation_info]:start. BMCInst=5"},
               ztest::texts_with_id(0x05400000));
+    /* the same table again: the file is left as it is; a changed one is a new file */
+    struct stat first, same, changed;
+    ASSERT_EQ(0, stat(zsim::file_path(esc_path(5)).c_str(), &first));
+    znpdklib_make_escalation_info(5);
+    ASSERT_EQ(0, stat(zsim::file_path(esc_path(5)).c_str(), &same));
+    sns(5, 9, 0xC1, 0x02);
+    znpdklib_make_escalation_info(5);
+    ASSERT_EQ(0, stat(zsim::file_path(esc_path(5)).c_str(), &changed));
+    EXPECT_EQ(first.st_ino, same.st_ino);
+    EXPECT_NE(first.st_ino, changed.st_ino);
+    EXPECT_EQ(first.st_mode, changed.st_mode);
+    Image without9 = want;
+    std::fill(without9.begin() + 9 * 16, without9.begin() + 10 * 16, 0);
+    EXPECT_EQ(without9, zsim::read_file(esc_path(5)));
+    sns(5, 9, 0xC2, 0x02);
+    znpdklib_make_escalation_info(5);
+    EXPECT_EQ(want, zsim::read_file(esc_path(5)));
 
     /* chassis: OEMField 0 and odd-node sensors count, even-node ones do not */
     sns(17, 0, 0xC2, 0x00);

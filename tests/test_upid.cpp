@@ -121,25 +121,41 @@ TEST_F(EmptySimTest, UnitPositionOfPathsAndCodes)
     }
     EXPECT_EQ(kUntouched, run([](unit_position_id_t* id) { return znpdklib_path2upid(nullptr, id); }));
 
+    /* One-layer codes need no component; the others read its ancestors. */
+    struct Code {
+        int up, no, oid;
+        R want;
+    };
+    std::vector<Code> codes = {
+        {128, 300, mem, U(0, 128, 1, 44)},
+        {23, 9, mem, U(0, 23, 2, 1, 9)},
+        {23, 9, -1, kNone},
+        {19, 2, cmu, kNone}, /* a CMU has no grandparent */
+        {6, 1, -1, kNone},
+        {0, 1, -1, kNone},
+    };
     for (int up : {1, 2, 3, 4, 5, 7, 8, 128}) {
-        EXPECT_EQ(U(0, up, 1, 7), of_code(up, 7, mem)) << up;
+        codes.push_back({up, 7, mem, U(0, up, 1, 7)});
+        codes.push_back({up, 7, -1, U(0, up, 1, 7)});
     }
-    EXPECT_EQ(U(0, 128, 1, 44), of_code(128, 300, mem));
-    EXPECT_EQ(U(0, 23, 2, 1, 9), of_code(23, 9, mem));
     for (int up : {19, 20, 33, 34}) {
-        EXPECT_EQ(U(0, up, 3, 3, 1, 2), of_code(up, 2, mem)) << up;
+        codes.push_back({up, 2, mem, U(0, up, 3, 3, 1, 2)});
+        codes.push_back({up, 2, -1, kNone});
     }
     for (int up : {0, 6, 9, 16, 18, 22, 255, 257, -1}) {
-        EXPECT_EQ(kNone, of_code(up, 1, mem)) << up;
+        codes.push_back({up, 1, mem, kNone});
     }
-    EXPECT_EQ(kNone, of_code(1, 7, -1));
-    EXPECT_EQ(kNone, of_code(19, 2, cmu)); /* a CMU has no grandparent */
+    for (const Code& c : codes) {
+        EXPECT_EQ(c.want, of_code(c.up, c.no, c.oid)) << c.up << " on " << c.oid;
+    }
 
     std::string path = "/CMU#3/CPU#1/MEM#5", missing = "/CMU#3/CPU#0/MEM#5";
     EXPECT_EQ(U(0, 20, 3, 3, 1, 6),
               run([&](unit_position_id_t* id) { return znpdklib_upid2upid_pc(20, 6, path.data(), id); }));
     EXPECT_EQ(kNone,
               run([&](unit_position_id_t* id) { return znpdklib_upid2upid_pc(20, 6, missing.data(), id); }));
+    EXPECT_EQ(U(0, 7, 1, 6),
+              run([&](unit_position_id_t* id) { return znpdklib_upid2upid_pc(7, 6, missing.data(), id); }));
     EXPECT_EQ(kUntouched,
               run([](unit_position_id_t* id) { return znpdklib_upid2upid_pc(20, 6, nullptr, id); }));
     EXPECT_EQ(-1, znpdklib_upid2upid(1, 1, compo(mem), nullptr));
