@@ -3,6 +3,7 @@
 #include <stdarg.h>
 #include <string.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -17,17 +18,26 @@ namespace {
 
 constexpr int kSensors = 256;
 
+/* One instance of the stack. As in the real stack each instance has its own
+ * lock, so that work on different instances runs in parallel; the flags read
+ * on every call are atomics, so the lookup and the mutex calls take no lock. */
+struct InstState {
+    std::mutex mutex; /* guards names, sel, next_id */
+    std::atomic<bool> present[kSensors] = {};
+    std::map<int, std::string> names;
+    std::vector<SELEventRecord_T> sel;
+    uint16_t next_id = 1;
+    std::atomic<int> fail_lock{0};
+    std::atomic<int> fail_unlock{0};
+};
+
+/* The injected SEL failure: kSelFailing set, completion code in the low byte
+ * (one word, so that a reader never sees the flag without its code). */
+constexpr unsigned kSelFailing = 0x100;
+
 struct IpmiState {
-    std::mutex mutex;
-    bool present[BMC_INSTANCE_COUNT][kSensors] = {};
-    std::map<int, std::string> names; /* inst * 256 + num */
-    std::vector<SELEventRecord_T> sel[BMC_INSTANCE_COUNT];
-    uint16_t next_id[BMC_INSTANCE_COUNT] = {};
-    bool fail_sel = false;
-    uint8_t fail_sel_cc = 0xFF;
-    int fail_lock[BMC_INSTANCE_COUNT] = {};
-    int fail_unlock[BMC_INSTANCE_COUNT] = {};
-    uint8_t slave_addr = 0x20;
+    InstState inst[BMC_INSTANCE_COUNT];
+    std::atomic<unsigned> fail_sel{0};
 };
 
 IpmiState& st()
@@ -44,12 +54,13 @@ bool valid_inst(int inst)
 /* The instance owning a sensor mutex, or -1 for any other mutex. */
 int inst_of_mutex(const pthread_mutex_t* m)
 {
-    for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
-        if (m == &g_BMCInfo[i].SensorSharedMemMutex) {
-            return i;
-        }
+    const uintptr_t first = reinterpret_cast<uintptr_t>(&g_BMCInfo[0].SensorSharedMemMutex);
+    const uintptr_t at = reinterpret_cast<uintptr_t>(m);
+    if (at < first || (at - first) % sizeof(BMCInfo_t) != 0) {
+        return -1;
     }
-    return -1;
+    const uintptr_t inst = (at - first) / sizeof(BMCInfo_t);
+    return inst < BMC_INSTANCE_COUNT ? static_cast<int>(inst) : -1;
 }
 
 struct StaticInit {
@@ -67,21 +78,22 @@ struct StaticInit {
 void reset_ipmi()
 {
     IpmiState& s = st();
-    std::lock_guard<std::mutex> lock(s.mutex);
     for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
+        InstState& in = s.inst[i];
+        std::lock_guard<std::mutex> lock(in.mutex);
         memset(&g_BMCInfo[i].SensorSharedMem, 0, sizeof(g_BMCInfo[i].SensorSharedMem));
         pthread_mutex_init(&g_BMCInfo[i].SensorSharedMemMutex, nullptr);
         g_BMCInfo[i].IpmiConfig.BMCSlaveAddr = 0x20;
-        s.sel[i].clear();
-        s.next_id[i] = 1;
-        s.fail_lock[i] = 0;
-        s.fail_unlock[i] = 0;
+        in.sel.clear();
+        in.next_id = 1;
+        in.fail_lock = 0;
+        in.fail_unlock = 0;
+        for (std::atomic<bool>& p : in.present) {
+            p.store(false, std::memory_order_relaxed);
+        }
+        in.names.clear();
     }
-    memset(s.present, 0, sizeof(s.present));
-    s.names.clear();
-    s.fail_sel = false;
-    s.fail_sel_cc = 0xFF;
-    s.slave_addr = 0x20;
+    s.fail_sel = 0;
 }
 
 } // namespace internal
@@ -94,8 +106,8 @@ void define_sensor(const SensorDef& def)
     if (!valid_inst(def.inst)) {
         return;
     }
-    internal::IpmiState& s = st();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    internal::InstState& in = st().inst[def.inst];
+    std::lock_guard<std::mutex> lock(in.mutex);
     SensorInfo_T& r = g_BMCInfo[def.inst].SensorSharedMem.SensorInfo[def.num];
     memset(&r, 0, sizeof(r));
     r.SensorReading = def.reading;
@@ -107,8 +119,8 @@ void define_sensor(const SensorDef& def)
     r.OEMField = def.oem;
     r.EventFlags = def.flags;
     r.EventLevel = def.level;
-    s.present[def.inst][def.num] = true;
-    s.names[def.inst * 256 + def.num] = def.name;
+    in.present[def.num].store(true, std::memory_order_release); /* after the record */
+    in.names[def.num] = def.name;
 }
 
 void remove_sensor(int inst, uint8_t num)
@@ -116,20 +128,16 @@ void remove_sensor(int inst, uint8_t num)
     if (!valid_inst(inst)) {
         return;
     }
-    internal::IpmiState& s = st();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    internal::InstState& in = st().inst[inst];
+    std::lock_guard<std::mutex> lock(in.mutex);
+    in.present[num].store(false, std::memory_order_release);
     memset(&g_BMCInfo[inst].SensorSharedMem.SensorInfo[num], 0, sizeof(SensorInfo_T));
-    s.present[inst][num] = false;
-    s.names.erase(inst * 256 + num);
+    in.names.erase(num);
 }
 
 bool sensor_present(int inst, uint8_t num)
 {
-    if (!valid_inst(inst)) {
-        return false;
-    }
-    std::lock_guard<std::mutex> lock(st().mutex);
-    return st().present[inst][num];
+    return valid_inst(inst) && st().inst[inst].present[num].load(std::memory_order_acquire);
 }
 
 SensorInfo_T sensor(int inst, uint8_t num)
@@ -137,16 +145,22 @@ SensorInfo_T sensor(int inst, uint8_t num)
     SensorInfo_T r;
     memset(&r, 0, sizeof(r));
     if (sensor_present(inst, num)) {
-        r = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
+        const SensorInfo_T& live = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
+        r = live;
+        r.SensorReading = __atomic_load_n(&live.SensorReading, __ATOMIC_RELAXED);
     }
     return r;
 }
 
 std::string sensor_name(int inst, uint8_t num)
 {
-    std::lock_guard<std::mutex> lock(st().mutex);
-    auto it = st().names.find(inst * 256 + num);
-    return it == st().names.end() ? std::string() : it->second;
+    if (!valid_inst(inst)) {
+        return std::string();
+    }
+    internal::InstState& in = st().inst[inst];
+    std::lock_guard<std::mutex> lock(in.mutex);
+    auto it = in.names.find(num);
+    return it == in.names.end() ? std::string() : it->second;
 }
 
 void set_sensor_reading(int inst, uint8_t num, uint16_t reading)
@@ -155,7 +169,7 @@ void set_sensor_reading(int inst, uint8_t num, uint16_t reading)
         return;
     }
     SensorInfo_T& r = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
-    r.SensorReading = reading;
+    __atomic_store_n(&r.SensorReading, reading, __ATOMIC_RELAXED);
     r.PreviousState = reading;
 }
 
@@ -164,8 +178,9 @@ std::vector<SELEventRecord_T> sel(int inst)
     if (!valid_inst(inst)) {
         return {};
     }
-    std::lock_guard<std::mutex> lock(st().mutex);
-    return st().sel[inst];
+    internal::InstState& in = st().inst[inst];
+    std::lock_guard<std::mutex> lock(in.mutex);
+    return in.sel;
 }
 
 void clear_sel(int inst)
@@ -173,40 +188,36 @@ void clear_sel(int inst)
     if (!valid_inst(inst)) {
         return;
     }
-    std::lock_guard<std::mutex> lock(st().mutex);
-    st().sel[inst].clear();
-    st().next_id[inst] = 1;
+    internal::InstState& in = st().inst[inst];
+    std::lock_guard<std::mutex> lock(in.mutex);
+    in.sel.clear();
+    in.next_id = 1;
 }
 
 void fail_sel_add(bool on, uint8_t cc)
 {
-    std::lock_guard<std::mutex> lock(st().mutex);
-    st().fail_sel = on;
-    st().fail_sel_cc = cc;
+    st().fail_sel = on ? (internal::kSelFailing | cc) : 0u;
 }
 
 void fail_sensor_mutex_lock(int inst, int err)
 {
     if (valid_inst(inst)) {
-        std::lock_guard<std::mutex> lock(st().mutex);
-        st().fail_lock[inst] = err;
+        st().inst[inst].fail_lock = err;
     }
 }
 
 void fail_sensor_mutex_unlock(int inst, int err)
 {
     if (valid_inst(inst)) {
-        std::lock_guard<std::mutex> lock(st().mutex);
-        st().fail_unlock[inst] = err;
+        st().inst[inst].fail_unlock = err;
     }
 }
 
 void set_slave_addr(uint8_t addr)
 {
-    std::lock_guard<std::mutex> lock(st().mutex);
-    st().slave_addr = addr;
-    for (BMCInfo_t& info : g_BMCInfo) {
-        info.IpmiConfig.BMCSlaveAddr = addr;
+    for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
+        std::lock_guard<std::mutex> lock(st().inst[i].mutex);
+        g_BMCInfo[i].IpmiConfig.BMCSlaveAddr = addr;
     }
 }
 
@@ -246,7 +257,9 @@ int GetSensorReading(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
     if (r == nullptr) {
         return 1;
     }
-    uint16_t word = r->SensorReading;
+    /* The library stores the word atomically under the instance's sensor
+     * mutex; readers here take no lock. */
+    const uint16_t word = __atomic_load_n(&r->SensorReading, __ATOMIC_RELAXED);
     res.CompletionCode = CC_NORMAL;
     res.SensorReading = r->EventTypeCode == 1 ? static_cast<INT8U>(word & 0xFF) : 0;
     res.Flags = 0xC0; /* event messages and scanning enabled */
@@ -278,19 +291,18 @@ int AddSELEntry(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
 {
     AddSELRes_T res;
     memset(&res, 0, sizeof(res));
-    zsim::internal::IpmiState& s = zsim::internal::st();
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        if (pReq == nullptr || ReqLen < sizeof(SELEventRecord_T) || !zsim::internal::valid_inst(BMCInst)) {
-            res.CompletionCode = 0xC7; /* request data length invalid */
-        } else if (s.fail_sel) {
-            res.CompletionCode = s.fail_sel_cc;
-        } else {
-            SELEventRecord_T rec;
-            memcpy(&rec, pReq, sizeof(rec)); /* kept as the caller built it */
-            s.sel[BMCInst].push_back(rec);
-            res.RecID = s.next_id[BMCInst]++;
-        }
+    const unsigned fail = zsim::internal::st().fail_sel;
+    if (pReq == nullptr || ReqLen < sizeof(SELEventRecord_T) || !zsim::internal::valid_inst(BMCInst)) {
+        res.CompletionCode = 0xC7; /* request data length invalid */
+    } else if ((fail & zsim::internal::kSelFailing) != 0) {
+        res.CompletionCode = static_cast<INT8U>(fail & 0xFF);
+    } else {
+        SELEventRecord_T rec;
+        memcpy(&rec, pReq, sizeof(rec)); /* kept as the caller built it */
+        zsim::internal::InstState& in = zsim::internal::st().inst[BMCInst];
+        std::lock_guard<std::mutex> lock(in.mutex);
+        in.sel.push_back(rec);
+        res.RecID = in.next_id++;
     }
     if (pRes != nullptr) {
         memcpy(pRes, &res, sizeof(res));
@@ -330,8 +342,8 @@ static int injected_mutex_error(pthread_mutex_t* mutex, bool unlock)
     if (inst < 0) {
         return 0;
     }
-    std::lock_guard<std::mutex> lock(zsim::internal::st().mutex);
-    int err = unlock ? zsim::internal::st().fail_unlock[inst] : zsim::internal::st().fail_lock[inst];
+    const zsim::internal::InstState& in = zsim::internal::st().inst[inst];
+    const int err = unlock ? in.fail_unlock.load() : in.fail_lock.load();
     if (err != 0) {
         errno = err;
     }
