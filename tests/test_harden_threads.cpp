@@ -67,15 +67,21 @@ TEST_F(HardenThreads, EveryThreadSafeEntryPointAtOnce)
             }
         });
     }
-    for (int t = 0; t < 2; ++t) { /* sequence flags: each thread its own bit */
+    /* The flags area through its locked users: sequence flags set and
+     * cleared, job registrations, each thread its own bit and instance. The
+     * unlocked test mode is left out: it reads the area beside the writers
+     * without a lock by design, so it is no thread-safe entry point. */
+    for (int t = 0; t < 2; ++t) {
         work.push_back([&, t] {
             const uint64_t bit = 1ull << (60 + t);
             for (int r = 0; r < kRounds; ++r) {
                 expect(znpdklib_shmem_sequence_flags(1, bit) == 0);
-                expect(znpdklib_shmem_sequence_flags(3, bit) == bit);
+                expect(znpdklib_shmem_corvo_job_regist_flags(1, 1 + t, 2, 3, nullptr) == 0);
                 expect(znpdklib_shmem_sequence_flags(2, bit) == 0);
-                expect(znpdklib_shmem_sequence_flags(3, bit) == 0);
+                expect(znpdklib_shmem_corvo_job_regist_flags(2, 1 + t, 2, 3, nullptr) == 0);
             }
+            expect(znpdklib_shmem_sequence_flags(1, bit) == 0);
+            expect(znpdklib_shmem_corvo_job_regist_flags(1, 3 + t, 2, 0, nullptr) == 0);
         });
     }
     for (int t = 0; t < 2; ++t) { /* full-speed reasons; full speed starts check threads */
@@ -108,7 +114,18 @@ TEST_F(HardenThreads, EveryThreadSafeEntryPointAtOnce)
         const std::array<uint8_t, 4> saved = sensortest::saved(inst, kSensor);
         EXPECT_EQ(saved[0] | saved[1] << 8, 1 << ((kRounds - 1) % 15)) << inst;
     }
-    EXPECT_EQ(znpdklib_shmem_sequence_flags(3, ~0ull), 0u);
+    /* Every thread's last set and registration, and nothing else. */
+    Various_sharemem_t area;
+    znpdklib_Various_sharemem_read(&area);
+    EXPECT_EQ(area.job_in_sequence, 3ull << 60);
+    std::vector<uint8_t> jobs(reinterpret_cast<uint8_t*>(area.hjob_regist_flag),
+                              reinterpret_cast<uint8_t*>(area.hjob_regist_flag) + 144);
+    std::vector<uint8_t> want(144, 0);
+    for (int t = 0; t < 2; ++t) {
+        const uint8_t e[4] = {uint8_t(3 + t), 0, 2, 0};
+        std::copy(e, e + 4, want.begin() + (3 + t) * 4);
+    }
+    EXPECT_EQ(jobs, want);
     EXPECT_EQ(fant::sys().fanfull_reason, 0u);
     /* Every change to full speed was undone by exactly one change back (the
      * procedures run after the record lock, so their order may cross). */
@@ -116,7 +133,11 @@ TEST_F(HardenThreads, EveryThreadSafeEntryPointAtOnce)
                                 down = fant::hap_times("RESTORE_FANSPEED");
     EXPECT_EQ(up.size(), down.size());
     EXPECT_GE(up.size(), 1u);
-    EXPECT_TRUE(zsim::ras_logs().empty());
+    /* A max speed check may read fans that a crossing restore slowed down:
+     * its failure is the only log a healthy machine can get here. */
+    for (const zsim::RasLog& l : zsim::ras_logs()) {
+        EXPECT_STREQ(l.info.ras_code, "BFW_FAN_CHK_H0");
+    }
 }
 
 } // namespace
