@@ -3,6 +3,7 @@
  * full-speed reasons and the check threads they start. Run under
  * ThreadSanitizer by CI; the end state is exact whatever the interleaving. */
 #include <bitset>
+#include <chrono>
 #include <thread>
 
 #include "fan_support.h"
@@ -138,6 +139,34 @@ TEST_F(HardenThreads, EveryThreadSafeEntryPointAtOnce)
     for (const zsim::RasLog& l : zsim::ras_logs()) {
         EXPECT_STREQ(l.info.ras_code, "BFW_FAN_CHK_H0");
     }
+}
+
+/* A new machine is not set up under a check thread of the old one. */
+TEST_F(HardenThreads, MachineResetWaitsForARunningCheckThread)
+{
+    znpdklib_set_fan_check_phase(0x02);
+    std::atomic<bool> polled{false}, released{false};
+    zsim::script_hap("BOB_R_BOBC_FANC", "READ_FANSPEED",
+                     [&](const zsim::HapCall&, uint32_t*, splog_info*, splog_linkup_info*) {
+                         polled = true;
+                         while (!released) {
+                             std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                         }
+                         return 0;
+                     });
+    ASSERT_EQ(znpdklib_max_fan_speed(1), 0);
+    for (int i = 0; i < 20000 && !polled; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(polled);
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        released = true;
+    });
+    zsim::init(ztest::process_root());
+    EXPECT_TRUE(released);
+    EXPECT_EQ(zsim::library_threads_running(), 0);
+    release.join();
 }
 
 } // namespace
