@@ -148,6 +148,16 @@ void start(const std::string& root, bool fresh)
      * a thread the caller keeps running must not hang the reset). */
     if (g_shared != nullptr) {
         wait_library_threads(kResetWaitMs);
+        /* A detached thread is never joined: taking every lock that such a
+         * thread releases last orders its last accesses before the reset. */
+        {
+            MetaLock lock;
+        }
+        reset_trace();
+        reset_znlib();
+        reset_ipmi();
+        reset_driver();
+        reset_clock_local();
     }
     make_dirs(root);
     make_dirs(root + "/var/nvrdisk/current/sensor");
