@@ -369,6 +369,38 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         });
     }
 
+    for (int up : {23, 19, 20, 33, 34}) { /* codes that read the parent need a component */
+        add(fmt("znpdklib_upid2upid(%d, null component)", up), -1, {}, [=] {
+            unit_position_id_t id;
+            memset(&id, 0x77, sizeof(id));
+            const int r = znpdklib_upid2upid(up, 1, nullptr, &id);
+            const unit_position_id_t zero = {};
+            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+        });
+    }
+    add("znpdklib_path2upid(null id)", -1, {}, [] {
+        char path[] = "/CMU#1";
+        return znpdklib_path2upid(path, nullptr);
+    });
+    add("znpdklib_upid2upid(null id)", -1, {}, [] { return znpdklib_upid2upid(1, 1, nullptr, nullptr); });
+    /* Port error clearing on a router or port without sensors. */
+    for (auto [r, p] : std::vector<std::pair<int, int>>{{255, 0}, {-2, 0}, {0, 200}, {0, 230}}) {
+        const int inst = r + 1, s1 = (15 + p) & 0xFF, s2 = (25 + p) & 0xFF;
+        add(fmt("znpdklib_clearQuorPortErrorStatus(%d, %d)", r, p), -1,
+            {fmt("znpdklib_exSetSensorWoS Error at GetSensorInfo sns:%d BMCInst:%d", s1, inst),
+             fmt("[znpdklib_updateQuorPortStatus] Failed to znpdklib_exSetSensorWoS(snsno=%d BMCInst=%d ret=203)",
+                 15 + p, inst),
+             fmt("znpdklib_exSetSensorWoS Error at GetSensorInfo sns:%d BMCInst:%d", s2, inst),
+             fmt("[znpdklib_updateQuorPortStatus] Failed to znpdklib_exSetSensorWoS(snsno=%d BMCInst=%d ret=203)",
+                 25 + p, inst)},
+            [=] { return znpdklib_clearQuorPortErrorStatus(r, p); });
+    }
+    /* Fan checks before the start-up checks passed: refused, no thread. */
+    add("znpdklib_create_fan_rotation_check_thread(wild)", 0, {}, [] {
+        znpdklib_create_fan_rotation_check_thread(0xFF, 0xFFFFFFFFu);
+        return static_cast<long>(zsim::library_threads_running());
+    });
+
     /* ---- Modes and unit numbers of the redundancy checks. */
     for (int m : {0, 4, -1, INT_MIN}) {
         add(fmt("znpdklib_check_psu_redundancy(%d)", m), -1,
