@@ -291,6 +291,28 @@ std::vector<KillCase> kill_cases(const std::string& root)
                          EXPECT_EQ(escalation_matches(4, 0x40), done > 0 ? 1 : 0);
                      },
                      [](int) { return 0; }});
+    /* The start-up fan check, killed at each of its polls: another process
+     * then runs the same check to the end an unbroken one reaches. */
+    struct FanEnd {
+        int rtn, phase;
+    };
+    FanEnd* fan_end = shared_page<FanEnd>();
+    cases.push_back({"fan check poll", zsim::KillPoint::FanCheckPoll, 1,
+                     [fresh_machine, fan_end, root] {
+                         fresh_machine();
+                         run([&] {
+                             zsim::attach(root);
+                             fan_end->rtn = znpdklib_check_fan_spinup();
+                             fan_end->phase = znpdklib_get_fan_check_phase();
+                         });
+                         fresh_machine();
+                     },
+                     [] { znpdklib_check_fan_spinup(); },
+                     [fan_end](int, bool) {
+                         EXPECT_EQ(znpdklib_check_fan_spinup(), fan_end->rtn);
+                         EXPECT_EQ(znpdklib_get_fan_check_phase(), fan_end->phase);
+                     },
+                     [](int) { return 0; }});
     return cases;
 }
 
