@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -121,7 +122,16 @@ void reset_shared(Shared* s)
 void settle_runtime_threads()
 {
     static const bool settled = [] {
-        std::thread([] {}).join();
+        long tid = 0;
+        std::thread([&tid] { tid = syscall(SYS_gettid); }).join();
+        /* A joined thread can still be listed for a moment (qemu-user):
+         * wait until it is gone, or it would count in the baseline. */
+        const std::string task = "/proc/self/task/" + std::to_string(tid);
+        struct stat st;
+        for (int i = 0; i < 2000 && stat(task.c_str(), &st) == 0; ++i) {
+            struct timespec pause = {0, 500000L};
+            nanosleep(&pause, nullptr);
+        }
         return true;
     }();
     (void)settled;
