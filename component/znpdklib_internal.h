@@ -27,6 +27,9 @@ using sp::sysobj::Component;
 constexpr int kInstCount = BMC_INSTANCE_COUNT;
 constexpr int kChassisInst = 17;
 
+/* The board controller that the PSU and fan procedures run on. */
+constexpr char kBobcPath[] = "/SYSTEM#0/BOBC#0";
+
 inline bool valid_inst(int BMCInst)
 {
     return BMCInst >= 0 && BMCInst < kInstCount;
@@ -54,6 +57,12 @@ struct Tracer {
         trace(region, module, level, id, fmt, a1, a2, a3, a4);
     }
 };
+
+/* The lines of the power monitor: PSUs, fans, redundancy recovery,
+ * sequence flags and the alarm LED. */
+constexpr Tracer kTracePowerMon{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
+/* The lines of node error evaluation and of the outage marks. */
+constexpr Tracer kTraceUtil{T_REGION_LIB_UTIL, SP_MID_BASE_UTIL};
 
 /* 64-bit values are traced as two words, high word first. */
 inline int hi32(uint64_t v)

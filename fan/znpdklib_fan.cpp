@@ -24,14 +24,6 @@ namespace {
 
 using namespace znpdk;
 
-constexpr int kRegion = T_REGION_POWER_MON;
-constexpr int kModule = SP_MID_BASE_UTIL;
-constexpr Tracer tr{kRegion, kModule};
-
-constexpr int kLvInfo = kLevelInfo;
-constexpr int kLvError = kLevelError;
-constexpr int kLvDetail = kLevelDetail;
-
 constexpr int kFanCount = 8;
 constexpr uint32_t kAllFans = 0xFF;
 
@@ -61,7 +53,6 @@ constexpr uint32_t kDebugDummyData = 0x40;
 constexpr uint32_t kDebugSuspend = 0x80;
 
 constexpr char kResultsFmt[] = "check_fan_rotation():fan_check_result=%d %d %d %d %d %d %d %d";
-constexpr char kFanBoard[] = "/SYSTEM#0/BOBC#0";
 constexpr char kFanProcedure[] = "BOB_R_BOBC_FANC";
 
 /* Lock order: chk_fan_rotation_mutex, chk_fan_redundacy_mutex, then one
@@ -150,11 +141,11 @@ template <typename F> StartTimes for_fans_in_set(uint32_t fan_target, F&& per_fa
     return written;
 }
 
-void trace8(uint32_t id, const char* fmt, const uint32_t v[kFanCount], int level = kLvInfo)
+void trace8(uint32_t id, const char* fmt, const uint32_t v[kFanCount], int level = kLevelInfo)
 {
-    sp_trace28(level, kRegion, kModule, id, fmt, static_cast<int>(v[0]), static_cast<int>(v[1]),
-               static_cast<int>(v[2]), static_cast<int>(v[3]), static_cast<int>(v[4]), static_cast<int>(v[5]),
-               static_cast<int>(v[6]), static_cast<int>(v[7]));
+    sp_trace28(level, kTracePowerMon.region, kTracePowerMon.module, id, fmt, static_cast<int>(v[0]),
+               static_cast<int>(v[1]), static_cast<int>(v[2]), static_cast<int>(v[3]), static_cast<int>(v[4]),
+               static_cast<int>(v[5]), static_cast<int>(v[6]), static_cast<int>(v[7]));
 }
 
 /* The fan's FRUE state (also stored at frue_sns) has a usable offset.
@@ -215,9 +206,11 @@ uint32_t usable_fan_target(uint32_t id_target, const char* fmt_target, uint32_t 
         INT16U frue = 0;
         if (is_usable_fan(static_cast<uint8_t>(i), &frue)) {
             target |= 1u << i;
-            tr(kLvInfo, id_target, fmt_target, fanu_of(i), fan_of(i), frue, static_cast<int>(target));
+            kTracePowerMon(kLevelInfo, id_target, fmt_target, fanu_of(i), fan_of(i), frue,
+                           static_cast<int>(target));
         } else {
-            tr(kLvInfo, id_not, fmt_not, fanu_of(i), fan_of(i), frue, static_cast<int>(target));
+            kTracePowerMon(kLevelInfo, id_not, fmt_not, fanu_of(i), fan_of(i), frue,
+                           static_cast<int>(target));
         }
     }
     return target;
@@ -231,151 +224,140 @@ extern "C" {
 
 void znpdklib_set_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
-           static_cast<int>(fan_target));
-        const uint32_t timer = now_seconds();
-        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-            const uint32_t old_time = info.fan_start_time[i];
-            const uint8_t old_result = info.fan_check_result[i];
-            info.fan_start_time[i] = timer;
-            if (fan_start_time != nullptr) {
-                fan_start_time[i] = timer;
-            }
-            info.fan_check_result[i] = 0;
-            sp_trace26(
-                kLvInfo, kRegion, kModule, 0x800C0002,
-                "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
-                fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
-        });
-        trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-               written.times);
+    kTracePowerMon(kLevelInfo, 0x800C0001, "znpdklib_set_check_fan_start_time():start. fan_target=0x%08x",
+                   static_cast<int>(fan_target));
+    const uint32_t timer = now_seconds();
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        const uint32_t old_time = info.fan_start_time[i];
+        const uint8_t old_result = info.fan_check_result[i];
+        info.fan_start_time[i] = timer;
+        if (fan_start_time != nullptr) {
+            fan_start_time[i] = timer;
+        }
+        info.fan_check_result[i] = 0;
+        sp_trace26(
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x800C0002,
+            "znpdklib_set_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d fan_check_result:%d=>%d",
+            fanu_of(i), fan_of(i), static_cast<int>(old_time), static_cast<int>(timer), old_result, 0);
     });
+    trace8(0x800CFFFF, "znpdklib_set_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+           written.times);
 }
 
 void znpdklib_clear_check_fan_start_time(uint32_t fan_target, uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
-           static_cast<int>(fan_target));
-        const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
-            if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
-                /* Another check restamped this fan: its time is not ours. */
-                tr(kLvInfo, 0x80100003,
-                   "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
-                   fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
-                   static_cast<int>(info.fan_start_time[i]));
-                return;
-            }
-            const uint32_t old_time = info.fan_start_time[i];
-            info.fan_start_time[i] = 0;
-            tr(kLvInfo, 0x80100002,
-               "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d", fanu_of(i),
-               fan_of(i), static_cast<int>(old_time), 0);
-        });
-        trace8(0x8010FFFF,
-               "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
-               written.times);
+    kTracePowerMon(kLevelInfo, 0x80100001, "znpdklib_clear_check_fan_start_time():start. fan_target=0x%08x",
+                   static_cast<int>(fan_target));
+    const StartTimes written = for_fans_in_set(fan_target, [&](current_system_info_t& info, int i) {
+        if (fan_start_time != nullptr && fan_start_time[i] != info.fan_start_time[i]) {
+            /* Another check restamped this fan: its time is not ours. */
+            kTracePowerMon(
+                kLevelInfo, 0x80100003,
+                "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d not clear fan_start_time_param=%d fan_start_time_db=%d",
+                fanu_of(i), fan_of(i), static_cast<int>(fan_start_time[i]),
+                static_cast<int>(info.fan_start_time[i]));
+            return;
+        }
+        const uint32_t old_time = info.fan_start_time[i];
+        info.fan_start_time[i] = 0;
+        kTracePowerMon(kLevelInfo, 0x80100002,
+                       "znpdklib_clear_check_fan_start_time():/FANU#%d/FAN#%d fan_start_time:%d=>%d",
+                       fanu_of(i), fan_of(i), static_cast<int>(old_time), 0);
     });
+    trace8(0x8010FFFF, "znpdklib_clear_check_fan_start_time():end. fan_start_time=%d/%d/%d/%d/%d/%d/%d/%d",
+           written.times);
 }
 
 bool znpdklib_is_check_fan_executing(void)
 {
-    return guard(__func__, false, [&]() -> bool {
-        const current_system_info_t info = read_system();
-        static const uint32_t zeros[kFanCount] = {};
-        if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
-            trace8(0x800B0002,
-                   "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
-                   info.fan_start_time);
-            return true;
-        }
-        tr(kLvDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
-        return false;
-    });
+    const current_system_info_t info = read_system();
+    static const uint32_t zeros[kFanCount] = {};
+    if (memcmp(info.fan_start_time, zeros, sizeof(zeros)) != 0) {
+        trace8(0x800B0002, "znpdklib_is_check_fan_executing():fan check executing. %d/%d/%d/%d/%d/%d/%d/%d",
+               info.fan_start_time);
+        return true;
+    }
+    kTracePowerMon(kLevelDetail, 0x800B0001, "znpdklib_is_check_fan_executing():fan check not executing");
+    return false;
 }
 
 /* A null pointer stamps nothing: a caller that cannot learn the stamped time
  * could never clear it, and a stale attach time would block every recovery. */
 void znpdklib_set_check_fan_start_time_by_attach(uint32_t* fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80130001, "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
-           fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
-        if (fan_start_time != nullptr) {
-            const uint32_t timer = now_seconds();
-            exchange_system_field(
-                &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
-                    *fan_start_time = timer;
-                    tr(kLvInfo, 0x80130002,
-                       "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-                       static_cast<int>(old_time), static_cast<int>(timer));
-                });
-        }
-        tr(kLvInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
-    });
+    kTracePowerMon(kLevelInfo, 0x80130001,
+                   "znpdklib_set_check_fan_start_time_by_attach():start. fan_start_time=%d",
+                   fan_start_time != nullptr ? static_cast<int>(*fan_start_time) : 0);
+    if (fan_start_time != nullptr) {
+        const uint32_t timer = now_seconds();
+        exchange_system_field(
+            &current_system_info_t::fan_start_time_by_attach, timer, [&](uint32_t old_time) {
+                *fan_start_time = timer;
+                kTracePowerMon(
+                    kLevelInfo, 0x80130002,
+                    "znpdklib_set_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+                    static_cast<int>(old_time), static_cast<int>(timer));
+            });
+    }
+    kTracePowerMon(kLevelInfo, 0x8013FFFF, "znpdklib_set_check_fan_start_time_by_attach():end");
 }
 
 void znpdklib_clear_check_fan_start_time_by_attach(uint32_t fan_start_time)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x80140001, "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
-           static_cast<int>(fan_start_time));
-        uint32_t old_time = 0;
-        modify_system(
-            [&](current_system_info_t& info) {
-                if (info.fan_start_time_by_attach != fan_start_time) {
-                    tr(kLvInfo, 0x80140003,
-                       "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
-                       static_cast<int>(fan_start_time), static_cast<int>(info.fan_start_time_by_attach));
-                    return false;
-                }
-                old_time = info.fan_start_time_by_attach;
-                info.fan_start_time_by_attach = 0;
-                return true;
-            },
-            [&](const current_system_info_t&) {
-                tr(kLvInfo, 0x80140002,
-                   "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
-                   static_cast<int>(old_time), 0);
-            });
-        tr(kLvInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
-    });
+    kTracePowerMon(kLevelInfo, 0x80140001,
+                   "znpdklib_clear_check_fan_start_time_by_attach():start. fan_start_time=%d",
+                   static_cast<int>(fan_start_time));
+    uint32_t old_time = 0;
+    modify_system(
+        [&](current_system_info_t& info) {
+            if (info.fan_start_time_by_attach != fan_start_time) {
+                kTracePowerMon(kLevelInfo, 0x80140003,
+                               "znpdklib_clear_check_fan_start_time_by_attach():not clear. param=%d db=%d",
+                               static_cast<int>(fan_start_time),
+                               static_cast<int>(info.fan_start_time_by_attach));
+                return false;
+            }
+            old_time = info.fan_start_time_by_attach;
+            info.fan_start_time_by_attach = 0;
+            return true;
+        },
+        [&](const current_system_info_t&) {
+            kTracePowerMon(kLevelInfo, 0x80140002,
+                           "znpdklib_clear_check_fan_start_time_by_attach():fan_start_time_by_attach:%d=>%d",
+                           static_cast<int>(old_time), 0);
+        });
+    kTracePowerMon(kLevelInfo, 0x8014FFFF, "znpdklib_clear_check_fan_start_time_by_attach():end");
 }
 
 bool znpdklib_is_check_fan_executing_by_attach(void)
 {
-    return guard(__func__, false, [&]() -> bool {
-        const current_system_info_t info = read_system();
-        if (info.fan_start_time_by_attach != 0) {
-            tr(kLvInfo, 0x80150002,
-               "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
-               static_cast<int>(info.fan_start_time_by_attach));
-            return true;
-        }
-        tr(kLvDetail, 0x80150001, "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
-        return false;
-    });
+    const current_system_info_t info = read_system();
+    if (info.fan_start_time_by_attach != 0) {
+        kTracePowerMon(
+            kLevelInfo, 0x80150002,
+            "znpdklib_is_check_fan_executing_by_attach():fan check executing. fan_start_time_by_attach=%d",
+            static_cast<int>(info.fan_start_time_by_attach));
+        return true;
+    }
+    kTracePowerMon(kLevelDetail, 0x80150001,
+                   "znpdklib_is_check_fan_executing_by_attach():fan check not executing");
+    return false;
 }
 
 void znpdklib_set_fan_check_phase(uint8_t phase)
 {
-    guard_void(__func__, [&] {
-        tr(kLvInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
-        exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
-            tr(kLvInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x", old_phase,
-               phase);
-        });
-        tr(kLvInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
+    kTracePowerMon(kLevelInfo, 0x800E0001, "znpdklib_set_fan_check_phase():start. phase=0x%02x", phase);
+    exchange_system_field(&current_system_info_t::fan_check_phase, phase, [&](uint8_t old_phase) {
+        kTracePowerMon(kLevelInfo, 0x800E0002, "znpdklib_set_fan_check_phase():set phase:0x%02x=>0x%02x",
+                       old_phase, phase);
     });
+    kTracePowerMon(kLevelInfo, 0x800EFFFF, "znpdklib_set_fan_check_phase():end");
 }
 
 uint8_t znpdklib_get_fan_check_phase(void)
 {
-    return guard(__func__, uint8_t{0}, [&]() -> uint8_t {
-        const current_system_info_t info = read_system();
-        return info.fan_check_phase;
-    });
+    const current_system_info_t info = read_system();
+    return info.fan_check_phase;
 }
 
 } /* extern "C" */
@@ -388,15 +370,17 @@ namespace {
 bool reasons_valid(uint64_t set_reason, uint64_t reset_reason)
 {
     if (set_reason == 0 && reset_reason == 0) {
-        tr(kLvError, 0x80030002,
-           "znpdklib_change_fan_speed():not specified reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
-           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+        kTracePowerMon(
+            kLevelError, 0x80030002,
+            "znpdklib_change_fan_speed():not specified reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
+            hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
         return false;
     }
     if ((set_reason & reset_reason) != 0) {
-        tr(kLvError, 0x80030003,
-           "znpdklib_change_fan_speed():specified same reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
-           hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+        kTracePowerMon(
+            kLevelError, 0x80030003,
+            "znpdklib_change_fan_speed():specified same reason. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
+            hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
         return false;
     }
     return true;
@@ -415,13 +399,14 @@ void update_reasons(uint64_t set_reason, uint64_t reset_reason, uint64_t* org_re
         }
         *new_reason = info.fanfull_reason;
         if (*new_reason == *org_reason) {
-            tr(kLvInfo, 0x80030004,
-               "znpdklib_change_fan_speed():not change reason. fanfull_reason=0x%08x%08x", hi32(*new_reason),
-               lo32(*new_reason));
+            kTracePowerMon(kLevelInfo, 0x80030004,
+                           "znpdklib_change_fan_speed():not change reason. fanfull_reason=0x%08x%08x",
+                           hi32(*new_reason), lo32(*new_reason));
             return false;
         }
-        tr(kLvInfo, 0x80030005, "znpdklib_change_fan_speed():update fanfull_reason=0x%08x%08x => 0x%08x%08x",
-           hi32(*org_reason), lo32(*org_reason), hi32(*new_reason), lo32(*new_reason));
+        kTracePowerMon(kLevelInfo, 0x80030005,
+                       "znpdklib_change_fan_speed():update fanfull_reason=0x%08x%08x => 0x%08x%08x",
+                       hi32(*org_reason), lo32(*org_reason), hi32(*new_reason), lo32(*new_reason));
         return true;
     });
 }
@@ -431,18 +416,21 @@ void update_reasons(uint64_t set_reason, uint64_t reset_reason, uint64_t* org_re
 const char* speed_mode(uint64_t org_reason, uint64_t new_reason)
 {
     if (org_reason != 0 && new_reason != 0) {
-        tr(kLvInfo, 0x80030006,
-           "znpdklib_change_fan_speed():skip fan max speed(already max speed). fanfull_reason=0x%08x%08x",
-           hi32(new_reason), lo32(new_reason));
+        kTracePowerMon(
+            kLevelInfo, 0x80030006,
+            "znpdklib_change_fan_speed():skip fan max speed(already max speed). fanfull_reason=0x%08x%08x",
+            hi32(new_reason), lo32(new_reason));
         return nullptr;
     }
     if (org_reason == 0) {
-        tr(kLvInfo, 0x80030007, "znpdklib_change_fan_speed():change max fan speed. fanfull_reason=0x%08x%08x",
-           hi32(new_reason), lo32(new_reason));
+        kTracePowerMon(kLevelInfo, 0x80030007,
+                       "znpdklib_change_fan_speed():change max fan speed. fanfull_reason=0x%08x%08x",
+                       hi32(new_reason), lo32(new_reason));
         return "MAX_FANSPEED";
     }
-    tr(kLvInfo, 0x80030008, "znpdklib_change_fan_speed():restore fan speed. fanfull_reason=0x%08x%08x",
-       hi32(new_reason), lo32(new_reason));
+    kTracePowerMon(kLevelInfo, 0x80030008,
+                   "znpdklib_change_fan_speed():restore fan speed. fanfull_reason=0x%08x%08x",
+                   hi32(new_reason), lo32(new_reason));
     return "RESTORE_FANSPEED";
 }
 
@@ -454,11 +442,12 @@ bool run_speed_procedure(const char* mode)
     splog_linkup_info loglink;
     memset(&loginfo, 0, sizeof(loginfo));
     memset(&loglink, 0, sizeof(loglink));
-    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kFanBoard, kFanProcedure, mode, nullptr,
+    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kBobcPath, kFanProcedure, mode, nullptr,
                                                                  &data, &loginfo, &loglink);
     if (ret != 0) {
-        tr(kLvInfo, 0x80030009, "znpdklib_change_fan_speed():change fan speed failed. ret=%d data=0x%08x",
-           ret, static_cast<int>(data));
+        kTracePowerMon(kLevelInfo, 0x80030009,
+                       "znpdklib_change_fan_speed():change fan speed failed. ret=%d data=0x%08x", ret,
+                       static_cast<int>(data));
         znpdklib_log_save_sel_error_log(&loginfo, &loglink);
         return false;
     }
@@ -467,9 +456,9 @@ bool run_speed_procedure(const char* mode)
 
 int change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 {
-    tr(kLvInfo, 0x80030001,
-       "znpdklib_change_fan_speed():start. set_reason=0x%08x%08x reset_reason=0x%08x%08x", hi32(set_reason),
-       lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
+    kTracePowerMon(kLevelInfo, 0x80030001,
+                   "znpdklib_change_fan_speed():start. set_reason=0x%08x%08x reset_reason=0x%08x%08x",
+                   hi32(set_reason), lo32(set_reason), hi32(reset_reason), lo32(reset_reason));
     if (!reasons_valid(set_reason, reset_reason)) {
         return -2;
     }
@@ -495,7 +484,7 @@ int change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
             "znpdklib_change_fan_speed(): /FANU#%d/FAN#%d is not max speed check target. frue_sns=0x%04x fan_target=0x%08x");
         znpdklib_create_fan_rotation_check_thread(1, fan_target);
     }
-    tr(kLvInfo, 0x8003FFFF, "znpdklib_change_fan_speed():end.");
+    kTracePowerMon(kLevelInfo, 0x8003FFFF, "znpdklib_change_fan_speed():end.");
     return 0;
 }
 
@@ -505,24 +494,25 @@ extern "C" {
 
 int znpdklib_max_fan_speed(uint64_t reason)
 {
-    tr(kLvInfo, 0x80010001, "znpdklib_max_fan_speed():start. reason=0x%08x%08x", hi32(reason), lo32(reason));
+    kTracePowerMon(kLevelInfo, 0x80010001, "znpdklib_max_fan_speed():start. reason=0x%08x%08x", hi32(reason),
+                   lo32(reason));
     const int rtn = znpdklib_change_fan_speed(reason, 0);
-    tr(kLvInfo, 0x8001FFFF, "znpdklib_max_fan_speed():end. rtn=%d", rtn);
+    kTracePowerMon(kLevelInfo, 0x8001FFFF, "znpdklib_max_fan_speed():end. rtn=%d", rtn);
     return rtn;
 }
 
 int znpdklib_restore_fan_speed(uint64_t reason)
 {
-    tr(kLvInfo, 0x80020001, "znpdklib_restore_fan_speed():start. reason=0x%08x%08x", hi32(reason),
-       lo32(reason));
+    kTracePowerMon(kLevelInfo, 0x80020001, "znpdklib_restore_fan_speed():start. reason=0x%08x%08x",
+                   hi32(reason), lo32(reason));
     const int rtn = znpdklib_change_fan_speed(0, reason);
-    tr(kLvInfo, 0x8002FFFF, "znpdklib_restore_fan_speed():end. rtn=%d", rtn);
+    kTracePowerMon(kLevelInfo, 0x8002FFFF, "znpdklib_restore_fan_speed():end. rtn=%d", rtn);
     return rtn;
 }
 
 int znpdklib_change_fan_speed(uint64_t set_reason, uint64_t reset_reason)
 {
-    return guard(__func__, -1, [&] { return change_fan_speed(set_reason, reset_reason); });
+    return change_fan_speed(set_reason, reset_reason);
 }
 
 } /* extern "C" */
@@ -537,7 +527,7 @@ void log_transition(const char* ras_code, uint32_t id, const char* fmt, INT8U of
     splog_info loginfo;
     splog_linkup_info loglink;
     make_ras(&loginfo, &loglink, ras_code);
-    sp_trace4(kLvInfo, kRegion, kModule, id, fmt, loginfo.ras_code);
+    sp_trace4(kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, id, fmt, loginfo.ras_code);
     znpdklib_log_save_sel_error_log(&loginfo, &loglink);
     znpdklib_exSetSensorWoS(kSnsFanRedundancy, offset, kChassisInst);
 }
@@ -549,9 +539,10 @@ bool redundancy_check_ignored()
     const uint32_t debug_flag_common0 = debug_word(setup, DBGW_BMCFW_MODULE_COMMON0);
     const uint32_t debug_flag_bmcinit = debug_word(setup, DBGW_BMCFW_MODULE_BMCINIT);
     if ((debug_flag_common0 & 0x2) != 0 || (debug_flag_bmcinit & 0x10000) != 0) {
-        tr(kLvInfo, 0x8006000C,
-           "check_fan_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
-           static_cast<int>(debug_flag_common0), static_cast<int>(debug_flag_bmcinit));
+        kTracePowerMon(
+            kLevelInfo, 0x8006000C,
+            "check_fan_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
+            static_cast<int>(debug_flag_common0), static_cast<int>(debug_flag_bmcinit));
         return true;
     }
     return false;
@@ -563,8 +554,8 @@ int maintenance_fanu()
     for (int n = 0; n < kFanuCount; ++n) {
         const uint16_t mainte_sns = read_sensor(kSnsFanuMainte0 + n);
         if ((mainte_sns & kMainteOn) != 0) {
-            tr(kLvInfo, 0x80060002, "check_fan_redundancy():FANU#%d maintenance. mainte_sns=0x%04x", n,
-               mainte_sns);
+            kTracePowerMon(kLevelInfo, 0x80060002,
+                           "check_fan_redundancy():FANU#%d maintenance. mainte_sns=0x%04x", n, mainte_sns);
             return n;
         }
     }
@@ -586,22 +577,26 @@ FanCount count_ok_fans(int mode, int mainte_fanu_no, int chk_fanu_no)
         const int unit = fanu_of(i);
         if (is_usable_fan(static_cast<uint8_t>(i), &frue)) {
             ++count.okfan;
-            tr(kLvInfo, 0x80060003, "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x", unit,
-               fan_of(i), frue);
+            kTracePowerMon(kLevelInfo, 0x80060003,
+                           "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x", unit, fan_of(i),
+                           frue);
         } else if (unit == mainte_fanu_no) {
             ++count.okfan;
             ++count.tmp_okfan;
-            tr(kLvInfo, 0x80060004,
-               "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d is maintenance",
-               unit, fan_of(i), frue, mainte_fanu_no);
+            kTracePowerMon(
+                kLevelInfo, 0x80060004,
+                "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d is maintenance",
+                unit, fan_of(i), frue, mainte_fanu_no);
         } else if (mode == 3 && unit == chk_fanu_no) {
             ++count.okfan;
-            tr(kLvInfo, 0x80060005,
-               "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d maintenance check target",
-               unit, fan_of(i), frue, chk_fanu_no);
+            kTracePowerMon(
+                kLevelInfo, 0x80060005,
+                "check_fan_redundancy():/FANU#%d/FAN#%d OK. frue_sns=0x%04x is NG. but FANU#%d maintenance check target",
+                unit, fan_of(i), frue, chk_fanu_no);
         } else {
-            tr(kLvInfo, 0x80060006, "check_fan_redundancy():/FANU#%d/FAN#%d NG. frue_sns=0x%04x", unit,
-               fan_of(i), frue);
+            kTracePowerMon(kLevelInfo, 0x80060006,
+                           "check_fan_redundancy():/FANU#%d/FAN#%d NG. frue_sns=0x%04x", unit, fan_of(i),
+                           frue);
         }
     }
     return count;
@@ -626,7 +621,8 @@ void register_transition(int mode, int result, int tmp_okfan, uint16_t redundanc
                            "check_fan_redundancy():fan redundancy lost. ras_code=%s", 2);
             *set_reason = kReasonLost;
             if ((redundancy_sns & kRedShortage) != 0) {
-                tr(kLvInfo, 0x8006000D, "check_fan_redundancy():fan redundancy shortage to lost");
+                kTracePowerMon(kLevelInfo, 0x8006000D,
+                               "check_fan_redundancy():fan redundancy shortage to lost");
                 znpdklib_redundancy_recover_shortage2lost();
             }
         }
@@ -644,8 +640,9 @@ int judge_redundancy(int mode, const FanCount& count, int* fanc_err, int logregi
     ScopeLock lock(&chk_fan_redundacy_mutex);
     const int result = count.okfan == kFanCount ? 0 : (count.okfan == kFanCount - 1 ? 1 : 2);
     const uint16_t redundancy_sns = read_sensor(kSnsFanRedundancy);
-    tr(kLvInfo, 0x80060007, "check_fan_redundancy():okfan=%d tmp_okfan=%d redundancy_sns=0x%04x result=%d",
-       count.okfan, count.tmp_okfan, redundancy_sns, result);
+    kTracePowerMon(kLevelInfo, 0x80060007,
+                   "check_fan_redundancy():okfan=%d tmp_okfan=%d redundancy_sns=0x%04x result=%d",
+                   count.okfan, count.tmp_okfan, redundancy_sns, result);
     uint64_t set_reason = 0;
     uint64_t reset_reason = 0;
     if (logregist != 0) {
@@ -665,20 +662,22 @@ int judge_redundancy(int mode, const FanCount& count, int* fanc_err, int logregi
 /* The evaluation behind both exported checks; fanc_err may be null. */
 int check_fan_redundancy(int mode, int* fanc_err, int logregist, int chk_fanu_no)
 {
-    tr(kLvInfo, 0x80060001, "check_fan_redundancy():start. mode=%d logregist=%d chk_fanu_no=%d", mode,
-       logregist, chk_fanu_no);
+    kTracePowerMon(kLevelInfo, 0x80060001,
+                   "check_fan_redundancy():start. mode=%d logregist=%d chk_fanu_no=%d", mode, logregist,
+                   chk_fanu_no);
     if (redundancy_check_ignored()) {
         return 0;
     }
     const int mainte_fanu_no = maintenance_fanu();
     if (mode == 3 && mainte_fanu_no != -1) {
-        tr(kLvInfo, 0x8006000B, "check_fan_redundancy():Maintenance check NG. FANU#%d is already maintenace",
-           mainte_fanu_no);
+        kTracePowerMon(kLevelInfo, 0x8006000B,
+                       "check_fan_redundancy():Maintenance check NG. FANU#%d is already maintenace",
+                       mainte_fanu_no);
         return 2;
     }
     const FanCount count = count_ok_fans(mode, mainte_fanu_no, chk_fanu_no);
     const int result = judge_redundancy(mode, count, fanc_err, logregist);
-    tr(kLvInfo, 0x8006FFFF, "check_fan_redundancy():end. result=%d", result);
+    kTracePowerMon(kLevelInfo, 0x8006FFFF, "check_fan_redundancy():end. result=%d", result);
     return result;
 }
 
@@ -689,44 +688,40 @@ extern "C" {
 /* A null fanc_err is accepted: the verdict is still returned and acted on. */
 int znpdklib_check_fan_redundancy(int mode, int* fanc_err)
 {
-    return guard(__func__, -1, [&]() -> int {
-        tr(kLvInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
-        if (mode != 1 && mode != 2) {
-            tr(kLvError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
-            return -1;
-        }
-        const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
-        tr(kLvInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
-           fanc_err != nullptr ? *fanc_err : 0);
-        return rtn;
-    });
+    kTracePowerMon(kLevelInfo, 0x80040001, "znpdklib_check_fan_redundancy():start. mode=%d", mode);
+    if (mode != 1 && mode != 2) {
+        kTracePowerMon(kLevelError, 0x80040002, "znpdklib_check_fan_redundancyy():invalid mode(=%d)", mode);
+        return -1;
+    }
+    const int rtn = check_fan_redundancy(mode, fanc_err, 1, -1);
+    kTracePowerMon(kLevelInfo, 0x8004FFFF, "znpdklib_check_fan_redundancy():end. rtn=%d fanc_err=%d", rtn,
+                   fanc_err != nullptr ? *fanc_err : 0);
+    return rtn;
 }
 
 int znpdklib_check_fan_redundancy_for_enter_mainte(int fanu_no)
 {
-    return guard(__func__, 1, [&]() -> int {
-        tr(kLvInfo, 0x80050001, "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d",
-           fanu_no);
-        if (fanu_no > 3) {
-            tr(kLvError, 0x80050002, "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d",
-               fanu_no);
-            return 1;
-        }
-        const uint16_t poff = read_sensor(kSnsSystemPower);
-        if ((poff & kSysPowerOff) != 0) {
-            tr(kLvInfo, 0x80050003,
-               "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK",
-               poff);
-            return 0;
-        }
-        int fanc_err = 0;
-        const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
-        const int result = rtn == 0 ? 0 : 1;
-        tr(kLvInfo, 0x8005FFFF,
-           "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d", rtn,
-           result);
-        return result;
-    });
+    kTracePowerMon(kLevelInfo, 0x80050001,
+                   "znpdklib_check_fan_redundancy_for_enter_mainte():start. fanu_no=%d", fanu_no);
+    if (fanu_no > 3) {
+        kTracePowerMon(kLevelError, 0x80050002,
+                       "znpdklib_check_fan_redundancy_for_enter_mainte():illegal fanu_no=%d", fanu_no);
+        return 1;
+    }
+    const uint16_t poff = read_sensor(kSnsSystemPower);
+    if ((poff & kSysPowerOff) != 0) {
+        kTracePowerMon(
+            kLevelInfo, 0x80050003,
+            "znpdklib_check_fan_redundancy_for_enter_mainte():System Poff(0x%04x) FANU maintenance OK", poff);
+        return 0;
+    }
+    int fanc_err = 0;
+    const int rtn = check_fan_redundancy(3, &fanc_err, 0, fanu_no);
+    const int result = rtn == 0 ? 0 : 1;
+    kTracePowerMon(kLevelInfo, 0x8005FFFF,
+                   "znpdklib_check_fan_redundancy_for_enter_mainte():end. check redundancy rtn=%d result=%d",
+                   rtn, result);
+    return result;
 }
 
 } /* extern "C" */
@@ -755,16 +750,17 @@ void debug_sleep(uint32_t debug_flag)
             break;
         }
         if (isSleep == 0) {
-            tr(kLvInfo, 0x80160001,
-               "debug_sleep():suspend. current debug flag=0x%08x target debug flag=0x%08x",
-               static_cast<int>(flag), static_cast<int>(debug_flag));
+            kTracePowerMon(kLevelInfo, 0x80160001,
+                           "debug_sleep():suspend. current debug flag=0x%08x target debug flag=0x%08x",
+                           static_cast<int>(flag), static_cast<int>(debug_flag));
             isSleep = 1;
         }
         start_sleep(5);
     }
     if (isSleep == 1) {
-        tr(kLvInfo, 0x80160002, "debug_sleep():resume.  current debug flag=0x%08x target debug flag=0x%08x",
-           static_cast<int>(flag), static_cast<int>(debug_flag));
+        kTracePowerMon(kLevelInfo, 0x80160002,
+                       "debug_sleep():resume.  current debug flag=0x%08x target debug flag=0x%08x",
+                       static_cast<int>(flag), static_cast<int>(debug_flag));
     }
 }
 
@@ -785,8 +781,9 @@ void apply_dummy_lines(FILE* in, uint32_t fan_target, uint32_t* data)
         }
         const uint32_t org = data[fanno];
         data[fanno] = static_cast<uint32_t>(val);
-        tr(kLvInfo, 0x80170002, "debug_fan_check_dummy_data():/FANU#%d/FAN#%d set dummy rotaion %d=>%d",
-           fanu_of(fanno), fan_of(fanno), static_cast<int>(org), val);
+        kTracePowerMon(kLevelInfo, 0x80170002,
+                       "debug_fan_check_dummy_data():/FANU#%d/FAN#%d set dummy rotaion %d=>%d",
+                       fanu_of(fanno), fan_of(fanno), static_cast<int>(org), val);
     }
 }
 
@@ -797,11 +794,12 @@ void debug_fan_check_dummy_data(uint32_t fan_target, uint32_t* data)
     if ((flag & kDebugDummyData) == 0) {
         return;
     }
-    tr(kLvInfo, 0x80170001, "debug_fan_check_dummy_data():debug flag enable. debug flag=0x%08x",
-       static_cast<int>(flag));
+    kTracePowerMon(kLevelInfo, 0x80170001,
+                   "debug_fan_check_dummy_data():debug flag enable. debug flag=0x%08x",
+                   static_cast<int>(flag));
     const char* const name = "/tmp/debug_fan_check_dummy_data";
     if (!sp::util::file::FileCheck::exist(name)) {
-        sp_trace4(kLvInfo, kRegion, kModule, 0x80170003,
+        sp_trace4(kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80170003,
                   "debug_fan_check_dummy_data():debug file(%s) not exist", name);
         return;
     }
@@ -816,30 +814,33 @@ void debug_fan_check_dummy_data(uint32_t fan_target, uint32_t* data)
 int check_fan_rotation_err_registable(uint8_t fanno, uint32_t threshold)
 {
     if (fanno >= kFanCount) {
-        tr(kLvInfo, 0x800F0001, "check_fan_rotation_err_registable():invalid fanno=%d", fanno);
+        kTracePowerMon(kLevelInfo, 0x800F0001, "check_fan_rotation_err_registable():invalid fanno=%d", fanno);
         return 0;
     }
     const uint16_t poff = read_sensor(kSnsSystemPower);
     if ((poff & kSysPowerOff) != 0) {
-        tr(kLvInfo, 0x800F0002, "check_fan_rotation_err_registable():System Poff(0x%04x)", poff);
+        kTracePowerMon(kLevelInfo, 0x800F0002, "check_fan_rotation_err_registable():System Poff(0x%04x)",
+                       poff);
         return 0;
     }
     INT16U frue = 0;
     if (!is_usable_fan(fanno, &frue)) {
-        tr(kLvInfo, 0x800F0003,
-           "check_fan_rotation_err_registable():fan frue snser is already erorr. fano=%d frue_sns=0x%04x",
-           fanno, frue);
+        kTracePowerMon(
+            kLevelInfo, 0x800F0003,
+            "check_fan_rotation_err_registable():fan frue snser is already erorr. fano=%d frue_sns=0x%04x",
+            fanno, frue);
         return 0;
     }
     if (threshold == kThresholdMax && read_system().fanfull_reason == 0) {
-        tr(kLvInfo, 0x800F0004,
-           "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d frue_sns=0x%04x",
-           fanno, static_cast<int>(threshold), frue);
+        kTracePowerMon(
+            kLevelInfo, 0x800F0004,
+            "check_fan_rotation_err_registable():fanfull_reason already clear. fanno=%d threshold=%d frue_sns=0x%04x",
+            fanno, static_cast<int>(threshold), frue);
         return 0;
     }
-    tr(kLvInfo, 0x800F0005,
-       "check_fan_rotation_err_registable():registable. fanno=%d threshold=%d frue_sns=0x%04x", fanno,
-       static_cast<int>(threshold), frue);
+    kTracePowerMon(kLevelInfo, 0x800F0005,
+                   "check_fan_rotation_err_registable():registable. fanno=%d threshold=%d frue_sns=0x%04x",
+                   fanno, static_cast<int>(threshold), frue);
     return 1;
 }
 
@@ -868,9 +869,10 @@ uint8_t count_mainte_uninstalled(uint32_t target)
         const uint16_t frue_sns = read_sensor(kSnsFrueFan0 + i);
         if ((mainte_sns & kMainteOn) != 0 && (frue_sns & 0x0001) != 0) {
             ++count;
-            tr(kLvInfo, 0x80090008,
-               "check_fan_rotation():/FANU#%d/FAN#%d maintenace and unsitall. mainte_sns=0x%04x frue_sns=0x%04x",
-               fanu_of(i), fan_of(i), mainte_sns, frue_sns);
+            kTracePowerMon(
+                kLevelInfo, 0x80090008,
+                "check_fan_rotation():/FANU#%d/FAN#%d maintenace and unsitall. mainte_sns=0x%04x frue_sns=0x%04x",
+                fanu_of(i), fan_of(i), mainte_sns, frue_sns);
         }
     }
     return count;
@@ -894,7 +896,7 @@ void register_timeout(RotationCheck& c, int i, uint32_t timer)
     c.cinfo.fan_check_result[i] = 1;
     c.target &= ~(1u << i);
     sp_trace27(
-        kLvInfo, kRegion, kModule, 0x80090007,
+        kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80090007,
         "check_fan_rotation():/FANU#%d/FAN#%d timeout. rotation=%d start=%d end=%d max_time=%d target=0x%02x",
         fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.cinfo.fan_start_time[i]),
         static_cast<int>(timer), static_cast<int>(c.max_time), static_cast<int>(c.target));
@@ -904,8 +906,9 @@ void register_timeout(RotationCheck& c, int i, uint32_t timer)
     if (check_fan_rotation_err_registable(static_cast<uint8_t>(i), c.threshold) == 1) {
         znpdklib_log_save_sel_error_log(&c.loginfo, &c.loglink);
     } else {
-        tr(kLvInfo, 0x8009000C, "check_fan_rotation():/FANU#%d/FAN#%d skip regist fan rotation error SEL",
-           fanu_of(i), fan_of(i));
+        kTracePowerMon(kLevelInfo, 0x8009000C,
+                       "check_fan_rotation():/FANU#%d/FAN#%d skip regist fan rotation error SEL", fanu_of(i),
+                       fan_of(i));
     }
 }
 
@@ -916,14 +919,14 @@ void judge_fan(RotationCheck& c, int i, const current_system_info_t& now, uint32
     if (c.fan_start_time != nullptr && c.fan_start_time[i] != now.fan_start_time[i]) {
         c.target &= ~(1u << i);
         sp_trace25(
-            kLvInfo, kRegion, kModule, 0x8009000D,
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x8009000D,
             "check_fan_rotation():/FANU#%d/FAN#%d other fan check started. fan_start_time_param=%d fan_start_time_db=%d target=0x%02x",
             fanu_of(i), fan_of(i), static_cast<int>(c.fan_start_time[i]),
             static_cast<int>(now.fan_start_time[i]), static_cast<int>(c.target));
     } else if (c.data[i] >= c.threshold) {
         c.target &= ~(1u << i);
         sp_trace25(
-            kLvInfo, kRegion, kModule, 0x80090006,
+            kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80090006,
             "check_fan_rotation():/FANU#%d/FAN#%d reach specified rotation. rotation=%d threshold=%d target=0x%02x",
             fanu_of(i), fan_of(i), static_cast<int>(c.data[i]), static_cast<int>(c.threshold),
             static_cast<int>(c.target));
@@ -935,8 +938,9 @@ void judge_fan(RotationCheck& c, int i, const current_system_info_t& now, uint32
 /* A failed read: the fans of every FANC in error fail (2) and are stored. */
 void record_read_failure(RotationCheck& c)
 {
-    tr(kLvError, 0x80090004, "check_fan_rotation():read fanspeed failed. target=0x%02x fanc_err=0x%08x",
-       static_cast<int>(c.target), static_cast<int>(c.data[kFanCount]));
+    kTracePowerMon(kLevelError, 0x80090004,
+                   "check_fan_rotation():read fanspeed failed. target=0x%02x fanc_err=0x%08x",
+                   static_cast<int>(c.target), static_cast<int>(c.data[kFanCount]));
     znpdklib_log_save_sel_error_log(&c.loginfo, &c.loglink);
     for (int n = 0; n < kFancCount; ++n) {
         if ((c.data[kFanCount] & (1u << n)) != 0) {
@@ -953,14 +957,14 @@ int poll_once(RotationCheck& c)
 {
     const uint32_t timer = now_seconds();
     uint32_t para = c.target;
-    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kFanBoard, kFanProcedure, "READ_FANSPEED",
+    const int ret = znlib_hce_exechap_noerrlogregist_withlinklog(kBobcPath, kFanProcedure, "READ_FANSPEED",
                                                                  &para, c.data, &c.loginfo, &c.loglink);
     if (ret < 0) {
         record_read_failure(c);
         return -2;
     }
     debug_fan_check_dummy_data(c.target, c.data);
-    trace8(0x80090005, "check_fan_rotation():FAN speed %d %d %d %d %d %d %d %d", c.data, kLvDetail);
+    trace8(0x80090005, "check_fan_rotation():FAN speed %d %d %d %d %d %d %d %d", c.data, kLevelDetail);
     const current_system_info_t now = read_system();
     for (int i = 0; i < kFanCount; ++i) {
         if (in_set(c.target, i)) {
@@ -970,8 +974,8 @@ int poll_once(RotationCheck& c)
     if (c.target != 0) {
         return 0;
     }
-    tr(kLvInfo, 0x80090003, "check_fan_rotation():All FAN check complete. target=0x%02x",
-       static_cast<int>(c.target));
+    kTracePowerMon(kLevelInfo, 0x80090003, "check_fan_rotation():All FAN check complete. target=0x%02x",
+                   static_cast<int>(c.target));
     write_fan_check_results(c.cinfo.fan_check_result, 0x80090010);
     return 1;
 }
@@ -985,9 +989,9 @@ int rotation_verdict(const uint8_t results[kFanCount], uint8_t mainte_uninstall_
         INT16U frue = 0;
         if (results[i] != 0 || !is_usable_fan(static_cast<uint8_t>(i), &frue)) {
             ++ngfan;
-            tr(kLvInfo, 0x80090011,
-               "check_fan_rotation():/FANU#%d/FAN#%d NG. fan_check_result=%d frue_sns=0x%04x", fanu_of(i),
-               fan_of(i), results[i], frue);
+            kTracePowerMon(kLevelInfo, 0x80090011,
+                           "check_fan_rotation():/FANU#%d/FAN#%d NG. fan_check_result=%d frue_sns=0x%04x",
+                           fanu_of(i), fan_of(i), results[i], frue);
         }
     }
     int result = 0;
@@ -1000,7 +1004,7 @@ int rotation_verdict(const uint8_t results[kFanCount], uint8_t mainte_uninstall_
         int fanc_err = 0;
         znpdklib_check_fan_redundancy(1, &fanc_err);
     }
-    tr(kLvInfo, 0x8009FFFF, "check_fan_rotation():result=%d ngfan=%d", result, ngfan);
+    kTracePowerMon(kLevelInfo, 0x8009FFFF, "check_fan_rotation():result=%d ngfan=%d", result, ngfan);
     return result;
 }
 
@@ -1015,18 +1019,20 @@ int check_fan_rotation(uint32_t fan_check_target, uint32_t* fan_start_time, uint
     c.fan_start_time = fan_start_time;
     c.max_time = max_time;
     c.threshold = threshold;
-    tr(kLvInfo, 0x80090001, "check_fan_rotation():start. fan_check_target=0x%08x max_time=%d threshold=%d",
-       static_cast<int>(fan_check_target), static_cast<int>(max_time), static_cast<int>(threshold));
+    kTracePowerMon(kLevelInfo, 0x80090001,
+                   "check_fan_rotation():start. fan_check_target=0x%08x max_time=%d threshold=%d",
+                   static_cast<int>(fan_check_target), static_cast<int>(max_time),
+                   static_cast<int>(threshold));
     if (threshold != kThresholdSpinup) {
         debug_sleep(kDebugSuspend);
     }
     c.cinfo = read_system();
     trace8u8(0x8009000E, kResultsFmt, c.cinfo.fan_check_result);
     const uint8_t mainte_uninstall_fan = count_mainte_uninstalled(c.target);
-    tr(kLvInfo, 0x80090002, "check_fan_rotation():target=0x%02x mainte_uninstall_fan=%d",
-       static_cast<int>(c.target), mainte_uninstall_fan);
+    kTracePowerMon(kLevelInfo, 0x80090002, "check_fan_rotation():target=0x%02x mainte_uninstall_fan=%d",
+                   static_cast<int>(c.target), mainte_uninstall_fan);
     if (c.target == 0) {
-        tr(kLvInfo, 0x80090009, "check_fan_rotation():fan check target is not specified");
+        kTracePowerMon(kLevelInfo, 0x80090009, "check_fan_rotation():fan check target is not specified");
     }
     while (c.target != 0) {
         const int polled = poll_once(c);
@@ -1053,7 +1059,7 @@ int max_speed_check(uint32_t fan_target)
 
 int check_fan_spinup()
 {
-    tr(kLvInfo, 0x80070001, "znpdklib_check_fan_spinup():start");
+    kTracePowerMon(kLevelInfo, 0x80070001, "znpdklib_check_fan_spinup():start");
     const uint32_t fan_target = usable_fan_target(
         0x80070002,
         "znpdklib_check_fan_spinup():/FANU#%d/FAN#%d is spinup check target. frue_sns=0x%04x fan_target=0x%08x",
@@ -1068,7 +1074,7 @@ int check_fan_spinup()
         /* The start times stay for the second check. */
         znpdklib_set_fan_check_phase(1);
     }
-    tr(kLvInfo, 0x8007FFFF, "znpdklib_check_fan_spinup():end. rtn=%d", rtn);
+    kTracePowerMon(kLevelInfo, 0x8007FFFF, "znpdklib_check_fan_spinup():end. rtn=%d", rtn);
     return rtn;
 }
 
@@ -1081,12 +1087,13 @@ uint32_t second_check_target(const current_system_info_t& info)
         if (info.fan_start_time[i] != 0 && info.fan_check_result[i] == 0 &&
             is_usable_fan(static_cast<uint8_t>(i), &frue)) {
             fan_target |= 1u << i;
-            tr(kLvInfo, 0x80080005,
-               "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d frue_sns=0x%04x",
-               fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
+            kTracePowerMon(
+                kLevelInfo, 0x80080005,
+                "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is check target. fan_start_time=%d frue_sns=0x%04x",
+                fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), frue);
         } else {
             sp_trace25(
-                kLvInfo, kRegion, kModule, 0x80080006,
+                kLevelInfo, kTracePowerMon.region, kTracePowerMon.module, 0x80080006,
                 "znpdklib_check_fan_rotation():/FANU#%d/FAN#%d is not check target. fan_start_time=%d fan_check_result=%d frue_sns=0x%04x",
                 fanu_of(i), fan_of(i), static_cast<int>(info.fan_start_time[i]), info.fan_check_result[i],
                 frue);
@@ -1099,12 +1106,14 @@ uint32_t second_check_target(const current_system_info_t& info)
  * phase 2, so the check does it here. */
 int max_speed_after_second_check(int rtn)
 {
-    tr(kLvInfo, 0x80080007,
-       "znpdklib_check_fan_rotation(): max speed is set while 2nd check. execute max speed check");
+    kTracePowerMon(
+        kLevelInfo, 0x80080007,
+        "znpdklib_check_fan_rotation(): max speed is set while 2nd check. execute max speed check");
     start_sleep(5);
     if (read_system().fanfull_reason == 0) {
-        tr(kLvInfo, 0x8008000A,
-           "znpdklib_check_fan_rotation(): skip max speed check. fanfull_reason is alraedy clear");
+        kTracePowerMon(
+            kLevelInfo, 0x8008000A,
+            "znpdklib_check_fan_rotation(): skip max speed check. fanfull_reason is alraedy clear");
         return rtn;
     }
     const uint32_t fan_target = usable_fan_target(
@@ -1121,21 +1130,22 @@ bool second_check(int* result)
     ScopeLock lock(&chk_fan_rotation_mutex);
     const uint8_t phase = znpdklib_get_fan_check_phase();
     if (phase == 0x02 || phase == 0x82) {
-        tr(kLvInfo, 0x8008000B,
-           "znpdklib_check_fan_rotation():skip. fan_check_phase is already 2nd end. phase=0x%02x", phase);
+        kTracePowerMon(kLevelInfo, 0x8008000B,
+                       "znpdklib_check_fan_rotation():skip. fan_check_phase is already 2nd end. phase=0x%02x",
+                       phase);
         return false;
     }
     if (!znpdklib_is_check_fan_executing()) {
-        tr(kLvInfo, 0x80080002, "znpdklib_check_fan_rotation():skip");
+        kTracePowerMon(kLevelInfo, 0x80080002, "znpdklib_check_fan_rotation():skip");
         return false;
     }
     const current_system_info_t info = read_system();
     const uint32_t fan_target = second_check_target(info);
     const uint32_t threshold = info.fanfull_reason != 0 ? kThresholdMax : kThresholdNormal;
-    tr(kLvInfo, 0x80080004,
-       "znpdklib_check_fan_rotation():fan_target=0x%08x threshold=%d fanfull_reason=0x%08x%08x",
-       static_cast<int>(fan_target), static_cast<int>(threshold), hi32(info.fanfull_reason),
-       lo32(info.fanfull_reason));
+    kTracePowerMon(kLevelInfo, 0x80080004,
+                   "znpdklib_check_fan_rotation():fan_target=0x%08x threshold=%d fanfull_reason=0x%08x%08x",
+                   static_cast<int>(fan_target), static_cast<int>(threshold), hi32(info.fanfull_reason),
+                   lo32(info.fanfull_reason));
     int rtn = check_fan_rotation(fan_target, nullptr, 15, threshold);
     znpdklib_clear_check_fan_start_time(kAllFans, nullptr);
     const bool full_now = read_system().fanfull_reason != 0;
@@ -1159,12 +1169,12 @@ int znpdklib_check_fan_spinup(void)
 int znpdklib_check_fan_rotation(void)
 {
     return guard(__func__, -1, [] {
-        tr(kLvInfo, 0x80080001, "znpdklib_check_fan_rotation():start");
+        kTracePowerMon(kLevelInfo, 0x80080001, "znpdklib_check_fan_rotation():start");
         int rtn = 0;
         if (!second_check(&rtn)) {
             return 1;
         }
-        tr(kLvInfo, 0x8008FFFF, "znpdklib_check_fan_rotation():end. rtn=%d", rtn);
+        kTracePowerMon(kLevelInfo, 0x8008FFFF, "znpdklib_check_fan_rotation():end. rtn=%d", rtn);
         return rtn;
     });
 }
@@ -1191,17 +1201,17 @@ void trace_outcome(uint32_t fan_target, int rtn, uint32_t id_error, const char* 
                    uint32_t id_complete, const char* fmt_complete)
 {
     if (rtn != 0) {
-        tr(kLvInfo, id_error, fmt_error, static_cast<int>(fan_target), rtn);
+        kTracePowerMon(kLevelInfo, id_error, fmt_error, static_cast<int>(fan_target), rtn);
     } else {
-        tr(kLvInfo, id_complete, fmt_complete, static_cast<int>(fan_target), rtn);
+        kTracePowerMon(kLevelInfo, id_complete, fmt_complete, static_cast<int>(fan_target), rtn);
     }
 }
 
 void max_rotate_check(uint32_t fan_target)
 {
     int rtn = 0;
-    tr(kLvInfo, 0x800D0001, "[Fan_Max_Rotate_Check_Thread] start. fan_target=0x%08x",
-       static_cast<int>(fan_target));
+    kTracePowerMon(kLevelInfo, 0x800D0001, "[Fan_Max_Rotate_Check_Thread] start. fan_target=0x%08x",
+                   static_cast<int>(fan_target));
     uint32_t fan_start_time[kFanCount] = {};
     znpdklib_set_check_fan_start_time(fan_target, fan_start_time);
     {
@@ -1209,14 +1219,15 @@ void max_rotate_check(uint32_t fan_target)
         start_sleep(5);
         const uint16_t poff = read_sensor(kSnsSystemPower);
         if ((poff & kSysPowerOff) != 0) {
-            tr(kLvInfo, 0x800D0002, "[Fan_Max_Rotate_Check_Thread] skip max speed check. System Poff(0x%04x)",
-               poff);
+            kTracePowerMon(kLevelInfo, 0x800D0002,
+                           "[Fan_Max_Rotate_Check_Thread] skip max speed check. System Poff(0x%04x)", poff);
         } else {
             if (read_system().fanfull_reason != 0) {
                 rtn = check_fan_rotation(fan_target, fan_start_time, 0, kThresholdMax);
             } else {
-                tr(kLvInfo, 0x800D0003,
-                   "[Fan_Max_Rotate_Check_Thread] skip max speed check. fanfull_reason is alraedy clear");
+                kTracePowerMon(
+                    kLevelInfo, 0x800D0003,
+                    "[Fan_Max_Rotate_Check_Thread] skip max speed check. fanfull_reason is alraedy clear");
             }
         }
         znpdklib_clear_check_fan_start_time(fan_target, fan_start_time);
@@ -1224,16 +1235,16 @@ void max_rotate_check(uint32_t fan_target)
                       "[Fan_Max_Rotate_Check_Thread] rotation check error. fan_target=0x%08x rtn=%d",
                       0x800D0005,
                       "[Fan_Max_Rotate_Check_Thread] rotation check complete. fan_target=0x%08x rtn=%d");
-        tr(kLvInfo, 0x800DFFFF, "[Fan_Max_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
-           static_cast<int>(fan_target), rtn);
+        kTracePowerMon(kLevelInfo, 0x800DFFFF, "[Fan_Max_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
+                       static_cast<int>(fan_target), rtn);
     }
 }
 
 void rotate_check(uint32_t fan_target)
 {
     int rtn = 0;
-    tr(kLvInfo, 0x80120001, "[Fan_Rotate_Check_Thread] start. fan_target=0x%08x",
-       static_cast<int>(fan_target));
+    kTracePowerMon(kLevelInfo, 0x80120001, "[Fan_Rotate_Check_Thread] start. fan_target=0x%08x",
+                   static_cast<int>(fan_target));
     const current_system_info_t info = read_system();
     const uint32_t threshold = info.fanfull_reason != 0 ? kThresholdMax : kThresholdNormal;
     uint32_t fan_start_time[kFanCount] = {};
@@ -1253,8 +1264,8 @@ void rotate_check(uint32_t fan_target)
             int fanc_err = 0;
             znpdklib_check_fan_redundancy(2, &fanc_err);
         }
-        tr(kLvInfo, 0x8012FFFF, "[Fan_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
-           static_cast<int>(fan_target), rtn);
+        kTracePowerMon(kLevelInfo, 0x8012FFFF, "[Fan_Rotate_Check_Thread] end. fan_target=0x%08x rtn=%d",
+                       static_cast<int>(fan_target), rtn);
     }
 }
 
@@ -1300,28 +1311,29 @@ void start_check_thread(uint8_t mode, uint32_t fan_target)
 
 void create_check_thread(uint8_t mode, uint32_t fan_target)
 {
-    tr(kLvInfo, 0x80110001,
-       "znpdklib_create_fan_rotation_check_thread():start. mode=0x%02x fan_target=0x%08x", mode,
-       static_cast<int>(fan_target));
+    kTracePowerMon(kLevelInfo, 0x80110001,
+                   "znpdklib_create_fan_rotation_check_thread():start. mode=0x%02x fan_target=0x%08x", mode,
+                   static_cast<int>(fan_target));
     const uint16_t poff = read_sensor(kSnsSystemPower);
     if ((poff & kSysPowerOff) != 0) {
-        tr(kLvInfo, 0x80110002, "znpdklib_create_fan_rotation_check_thread():cancel. System Poff(0x%04x)",
-           poff);
+        kTracePowerMon(kLevelInfo, 0x80110002,
+                       "znpdklib_create_fan_rotation_check_thread():cancel. System Poff(0x%04x)", poff);
         return;
     }
     const uint8_t phase = znpdklib_get_fan_check_phase();
     if (phase != 0x02) {
-        tr(kLvInfo, 0x80110003, "znpdklib_create_fan_rotation_check_thread():cancel. phase=0x%02x", phase);
+        kTracePowerMon(kLevelInfo, 0x80110003,
+                       "znpdklib_create_fan_rotation_check_thread():cancel. phase=0x%02x", phase);
         return;
     }
 
     start_check_thread(mode, fan_target);
-    tr(kLvInfo, 0x8011FFFF, "znpdklib_create_fan_rotation_check_thread():end.");
+    kTracePowerMon(kLevelInfo, 0x8011FFFF, "znpdklib_create_fan_rotation_check_thread():end.");
 }
 
 } // namespace
 
 extern "C" void znpdklib_create_fan_rotation_check_thread(uint8_t mode, uint32_t fan_target)
 {
-    guard_void(__func__, [&] { create_check_thread(mode, fan_target); });
+    create_check_thread(mode, fan_target);
 }

@@ -94,9 +94,9 @@ namespace {
 
 using namespace znpdk;
 
-constexpr Tracer trace_quor{T_REGION_LIB_QUOR, SP_MID_BASE_UTIL};
+constexpr Tracer kTraceQuor{T_REGION_LIB_QUOR, SP_MID_BASE_UTIL};
 /* The two "continue" lines go to the platform's own region and module. */
-constexpr Tracer trace_continue_line{127, 144};
+constexpr Tracer kTraceContinue{127, 144};
 
 constexpr int kRouterCount = 16;
 constexpr int kPortCount = 10;
@@ -111,7 +111,7 @@ constexpr int kLinkCheckWords = 30;
 
 void trace_continue(uint32_t id, const char* fmt)
 {
-    trace_continue_line(kLevelInfo, id, fmt);
+    kTraceContinue(kLevelInfo, id, fmt);
 }
 
 bool valid_router(int routerno)
@@ -200,19 +200,19 @@ bool read_router_record(const PhysicalQueryIds& ids, int routerno, int pportno,
 {
     char path[128];
     snprintf(path, sizeof(path), "/SYSTEM#0/ROUTER#%d", routerno);
-    trace_quor(kLevelDetail, ids.start, ids.start_fmt, routerno, pportno);
+    kTraceQuor(kLevelDetail, ids.start, ids.start_fmt, routerno, pportno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
+        kTraceQuor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
         return false;
     }
     if (!valid_port(pportno)) {
-        trace_quor(kLevelError, ids.bad_port, ids.bad_port_fmt, pportno);
+        kTraceQuor(kLevelError, ids.bad_port, ids.bad_port_fmt, pportno);
         return false;
     }
     memset(info, 0, sizeof(*info));
     int ret = znlib_DBGetProperty(path, PROP_CURRENT_HARD_INFO, sizeof(*info), info);
     if (ret != 0) {
-        trace_quor(kLevelError, ids.read_failed, ids.read_failed_fmt, ret);
+        kTraceQuor(kLevelError, ids.read_failed, ids.read_failed_fmt, ret);
         return false;
     }
     return true;
@@ -254,19 +254,19 @@ struct RowQueryIds {
 int copy_wiring_row(const RowQueryIds& ids, const int (&normal)[16][10], const int (&small)[16][10],
                     int routerno, int* out)
 {
-    trace_quor(kLevelInfo, ids.start, ids.start_fmt, routerno);
+    kTraceQuor(kLevelInfo, ids.start, ids.start_fmt, routerno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
+        kTraceQuor(kLevelError, ids.bad_router, ids.bad_router_fmt, routerno);
         return -1;
     }
     if (out == nullptr) {
-        trace_quor(kLevelError, ids.null_buffer, ids.null_buffer_fmt);
+        kTraceQuor(kLevelError, ids.null_buffer, ids.null_buffer_fmt);
         return -1;
     }
     /* An unreadable setup record (-1) counts as small-scale. */
     const int(&table)[16][10] = znpdklib_isSmallScaleSystemConfiguration() != 0 ? small : normal;
     memcpy(out, table[routerno], sizeof(table[routerno]));
-    trace_quor(kLevelInfo, ids.end, ids.end_fmt, routerno);
+    kTraceQuor(kLevelInfo, ids.end, ids.end_fmt, routerno);
     return 0;
 }
 
@@ -293,7 +293,7 @@ void set_port_sensor(INT8U sensor, INT8U dir, INT8U offset, int inst, uint32_t i
 {
     int ret = znpdklib_SetSensorWoS(sensor, dir, offset, inst);
     if (ret != 0) {
-        trace_quor(kLevelError, id, kSetFailedFmt, sensor, inst, ret);
+        kTraceQuor(kLevelError, id, kSetFailedFmt, sensor, inst, ret);
         *result = -1;
     }
 }
@@ -302,7 +302,7 @@ void exset_port_sensor(INT8U sensor, INT8U offset, int inst, uint32_t id, int* r
 {
     int ret = znpdklib_exSetSensorWoS(sensor, offset, inst);
     if (ret != 0) {
-        trace_quor(kLevelError, id, kExsetFailedFmt, sensor, inst, ret);
+        kTraceQuor(kLevelError, id, kExsetFailedFmt, sensor, inst, ret);
         *result = -1;
     }
 }
@@ -365,18 +365,18 @@ extern "C" {
 
 int znpdklib_isSmallScaleSystemConfiguration(void)
 {
-    trace_quor(kLevelInfo, 0x5300C00, "[znpdklib_isSmallScaleSystemConfiguration] start");
+    kTraceQuor(kLevelInfo, 0x5300C00, "[znpdklib_isSmallScaleSystemConfiguration] start");
     setup_system_info_t setup;
     memset(&setup, 0, sizeof(setup));
     int ret = znlib_DBGetProperty("/SYSTEM#0", PROP_SETUP_INFO, sizeof(setup), &setup);
     if (ret != 0) {
-        trace_quor(kLevelError, 0x5300C01,
+        kTraceQuor(kLevelError, 0x5300C01,
                    "[znpdklib_isSmallScaleSystemConfiguration] Failed to get SetupInfo DB(ret=%d)", ret);
         return -1;
     }
     int diff = static_cast<int>(setup.quorSpace[1].Z) - static_cast<int>(setup.quorSpace[0].Z);
     int result = diff == 3 ? 1 : 0;
-    trace_quor(kLevelInfo, 0x5300CFF, "[znpdklib_isSmallScaleSystemConfiguration] end (ret=%d)", result);
+    kTraceQuor(kLevelInfo, 0x5300CFF, "[znpdklib_isSmallScaleSystemConfiguration] end (ret=%d)", result);
     return result;
 }
 
@@ -387,13 +387,13 @@ int znpdklib_isPhysicalPortOffline(int routerno, int pportno)
         return -1;
     }
     int result = info.quordata.phyPort[pportno].online != 1 ? 1 : 0;
-    trace_quor(kLevelDetail, kOfflineIds.end, kOfflineIds.end_fmt, routerno, pportno, result);
+    kTraceQuor(kLevelDetail, kOfflineIds.end, kOfflineIds.end_fmt, routerno, pportno, result);
     return result;
 }
 
 int znpdklib_isLogicalPortOffline(int routerno, int lportno)
 {
-    trace_quor(kLevelDetail, 0x5300200, "[znpdklib_isLogicalPortOffline] start (routerno=%d lportno=%d)",
+    kTraceQuor(kLevelDetail, 0x5300200, "[znpdklib_isLogicalPortOffline] start (routerno=%d lportno=%d)",
                routerno, lportno);
     return znpdklib_isPhysicalPortOffline(routerno, physical_port(routerno, lportno));
 }
@@ -411,13 +411,13 @@ int znpdklib_isPhysicalPortExternal(int routerno, int pportno)
         bool swapped = (info.quordata.portConfig & 0x10) != 0;
         result = in_external_group(routerno, (pportno == 0) != swapped) ? 1 : 0;
     }
-    trace_quor(kLevelDetail, kExternalIds.end, kExternalIds.end_fmt, routerno, pportno, result);
+    kTraceQuor(kLevelDetail, kExternalIds.end, kExternalIds.end_fmt, routerno, pportno, result);
     return result;
 }
 
 int znpdklib_isLogicalPortExternal(int routerno, int lportno)
 {
-    trace_quor(kLevelDetail, 0x5300400, "[znpdklib_isLogicalPortExternal] start (routerno=%d lportno=%d)",
+    kTraceQuor(kLevelDetail, 0x5300400, "[znpdklib_isLogicalPortExternal] start (routerno=%d lportno=%d)",
                routerno, lportno);
     return znpdklib_isPhysicalPortExternal(routerno, physical_port(routerno, lportno));
 }
@@ -456,14 +456,14 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
 {
     static const char* const read_failed_fmt =
         "[znpdklib_checkWaitEnableLogicalPort] Failed to ZNAPI_GetSensorReading(snsno=%d BMCInst=%d ret=%d)";
-    trace_quor(kLevelInfo, 0x5300500, "[znpdklib_checkWaitEnableLogicalPort] start (routerno=%d)", routerno);
+    kTraceQuor(kLevelInfo, 0x5300500, "[znpdklib_checkWaitEnableLogicalPort] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, 0x5300501,
+        kTraceQuor(kLevelError, 0x5300501,
                    "[znpdklib_checkWaitEnableLogicalPort] parameter error (routerno=%d)", routerno);
         return -1;
     }
     if (waitLogicalPort == nullptr) {
-        trace_quor(kLevelError, 0x5300502,
+        kTraceQuor(kLevelError, 0x5300502,
                    "[znpdklib_checkWaitEnableLogicalPort] parameter error (waitLogicalPort=NULL)");
         return -1;
     }
@@ -482,7 +482,7 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
         uint16_t word = 0;
         int ret = read_chassis_state(kMainteSensor, &word);
         if (ret != 0) {
-            trace_quor(kLevelError, 0x5300503, read_failed_fmt, kMainteSensor, kChassisInst, ret);
+            kTraceQuor(kLevelError, 0x5300503, read_failed_fmt, kMainteSensor, kChassisInst, ret);
             return -1;
         }
         if ((word & 0x1) == 0) {
@@ -491,14 +491,14 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
         }
         ret = read_chassis_state(cmu_sensor, &word);
         if (ret != 0) {
-            trace_quor(kLevelError, 0x5300504, read_failed_fmt, cmu_sensor, kChassisInst, ret);
+            kTraceQuor(kLevelError, 0x5300504, read_failed_fmt, cmu_sensor, kChassisInst, ret);
             return -1;
         }
         if ((word & 0x1) == 0) {
             *waitLogicalPort &= ~bit;
         }
     }
-    trace_quor(kLevelInfo, 0x53005FF,
+    kTraceQuor(kLevelInfo, 0x53005FF,
                "[znpdklib_checkWaitEnableLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)", routerno,
                static_cast<int>(*waitLogicalPort));
     return 0;
@@ -506,15 +506,15 @@ int znpdklib_checkWaitEnableLogicalPort(int routerno, uint32_t* waitLogicalPort)
 
 int znpdklib_checkWaitEnableInternalLogicalPort(int routerno, uint32_t* waitLogicalPort)
 {
-    trace_quor(kLevelInfo, 0x5300800, "[znpdklib_checkWaitEnableInternalLogicalPort] start (routerno=%d)",
+    kTraceQuor(kLevelInfo, 0x5300800, "[znpdklib_checkWaitEnableInternalLogicalPort] start (routerno=%d)",
                routerno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, 0x5300801,
+        kTraceQuor(kLevelError, 0x5300801,
                    "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (routerno=%d)", routerno);
         return -1;
     }
     if (waitLogicalPort == nullptr) {
-        trace_quor(kLevelError, 0x5300802,
+        kTraceQuor(kLevelError, 0x5300802,
                    "[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (waitLogicalPort=NULL)");
         return -1;
     }
@@ -524,7 +524,7 @@ int znpdklib_checkWaitEnableInternalLogicalPort(int routerno, uint32_t* waitLogi
             *waitLogicalPort &= ~(1u << n);
         }
     }
-    trace_quor(kLevelInfo, 0x53008FF,
+    kTraceQuor(kLevelInfo, 0x53008FF,
                "[znpdklib_checkWaitEnableInternalLogicalPort] end (routerno=%d waitLogicalPort=0x%08x)",
                routerno, static_cast<int>(*waitLogicalPort));
     return 0;
@@ -535,9 +535,9 @@ int znpdklib_updateQuorPortStatus(int routerno)
     int result = 0;
     char target[256];
     target_path(target, sizeof(target), routerno);
-    trace_quor(kLevelInfo, 0x5300600, "[znpdklib_updateQuorPortStatus] start (routerno=%d)", routerno);
+    kTraceQuor(kLevelInfo, 0x5300600, "[znpdklib_updateQuorPortStatus] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, 0x5300601, "[znpdklib_updateQuorPortStatus] parameter error (routerno=%d)",
+        kTraceQuor(kLevelError, 0x5300601, "[znpdklib_updateQuorPortStatus] parameter error (routerno=%d)",
                    routerno);
         return -1;
     }
@@ -547,7 +547,7 @@ int znpdklib_updateQuorPortStatus(int routerno)
     memset(link, 0, sizeof(link));
     int ret = znlib_hce_exechap(target, "CPUICC_E_QNR_LINK_CHECK", "", para, link);
     if (ret != 0) {
-        trace_quor(kLevelError, 0x5300602,
+        kTraceQuor(kLevelError, 0x5300602,
                    "[znpdklib_updateQuorPortStatus] Failed to exec HAP for QuorLinkCheck(ret=%d)", ret);
         if (znpdklib_check_rtnd_error(routerno) != 0) {
             return -2;
@@ -568,7 +568,7 @@ int znpdklib_updateQuorPortStatus(int routerno)
     for (int n = 0; n < kPortCount; ++n) {
         update_port_sensors(routerno, n, status[n], &result);
     }
-    trace_quor(kLevelInfo, 0x53006FF, "[znpdklib_updateQuorPortStatus] end (routerno=%d)", routerno);
+    kTraceQuor(kLevelInfo, 0x53006FF, "[znpdklib_updateQuorPortStatus] end (routerno=%d)", routerno);
     return result;
 }
 
@@ -577,29 +577,29 @@ int znpdklib_checkBeaconErrorPort(int routerno)
     char target[256];
     target_path(target, sizeof(target), routerno);
     uint32_t waitLogicalPort = kAllPorts;
-    trace_quor(kLevelInfo, 0x5300700, "[znpdklib_checkBeaconErrorPort] start (routerno=%d)", routerno);
+    kTraceQuor(kLevelInfo, 0x5300700, "[znpdklib_checkBeaconErrorPort] start (routerno=%d)", routerno);
     if (!valid_router(routerno)) {
-        trace_quor(kLevelError, 0x5300701, "[znpdklib_checkBeaconErrorPort] parameter error (routerno=%d)",
+        kTraceQuor(kLevelError, 0x5300701, "[znpdklib_checkBeaconErrorPort] parameter error (routerno=%d)",
                    routerno);
         return -1;
     }
     int ret = znpdklib_checkWaitEnableLogicalPort(routerno, &waitLogicalPort);
     if (ret != 0) {
-        trace_quor(kLevelError, 0x5300702,
+        kTraceQuor(kLevelError, 0x5300702,
                    "[znpdklib_checkBeaconErrorPort] Failed to checkWaitEnableLogicalPort(routerno=%d ret=%d)",
                    routerno, ret);
         return -1;
     }
 
     const uint32_t targetPort = beacon_target_ports(routerno, waitLogicalPort);
-    trace_quor(kLevelInfo, 0x5300703,
+    kTraceQuor(kLevelInfo, 0x5300703,
                "[znpdklib_checkBeaconErrorPort] Target Physical Port 0x%08x (routerno=%d)",
                static_cast<int>(targetPort), routerno);
     const uint32_t para[2] = {targetPort, 0xFF};
     uint32_t out[1] = {0};
     ret = znlib_hce_exechap(target, "CPUICC_T_QNR_LINK_UP", "", para, out);
     if (ret != 0) {
-        trace_quor(
+        kTraceQuor(
             kLevelError, 0x5300704,
             "[znpdklib_checkBeaconErrorPort] Failed to exec HAP for Router#%d Beacon Error Check(ret=%d)",
             routerno, ret);
@@ -611,19 +611,19 @@ int znpdklib_checkBeaconErrorPort(int routerno)
 
     ret = znpdklib_updateQuorPortStatus(routerno);
     if (ret != 0) {
-        trace_quor(kLevelError, 0x5300705,
+        kTraceQuor(kLevelError, 0x5300705,
                    "[znpdklib_checkBeaconErrorPort] Failed to updateQuorPortStatus(routerno=%d ret=%d)",
                    routerno, ret);
         return ret;
     }
-    trace_quor(kLevelInfo, 0x53007FF, "[znpdklib_checkBeaconErrorPort] end (routerno=%d)", routerno);
+    kTraceQuor(kLevelInfo, 0x53007FF, "[znpdklib_checkBeaconErrorPort] end (routerno=%d)", routerno);
     return 0;
 }
 
 int znpdklib_clearQuorPortErrorStatus(int routerno, int lportno)
 {
     int result = 0;
-    trace_quor(kLevelInfo, 0x5300A00, "[znpdklib_clearQuorPortErrorStatus] start (routerno=%d lportno=%d)",
+    kTraceQuor(kLevelInfo, 0x5300A00, "[znpdklib_clearQuorPortErrorStatus] start (routerno=%d lportno=%d)",
                routerno, lportno);
     /* No range check here: a wild instance is refused by the sensor layer. */
     const int inst = router_inst(routerno);

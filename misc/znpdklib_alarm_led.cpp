@@ -17,8 +17,6 @@ constexpr INT8U kFruStatusSensorType = 0xC1;
 constexpr int kFirstPsuSensor = 50;
 constexpr int kLastPsuSensor = 67;
 
-constexpr Tracer led_trace{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
-
 /* A PSU sensor of the chassis whose slot the PSU library disowns is not evaluated. */
 bool psu_sensor_ignored(int inst, int sensor)
 {
@@ -70,19 +68,19 @@ int eval_bob_alarm_led(int BMCInst)
 
 int clear_bob_alarm_led()
 {
-    led_trace(kLevelCall, 0x05410400, "znpdklib_clear_bob_alarm_led():start");
+    kTracePowerMon(kLevelCall, 0x05410400, "znpdklib_clear_bob_alarm_led():start");
 
     int eval_state = eval_bob_alarm_led(kChassisInst);
     if (eval_state != kLedOff) {
-        led_trace(kLevelInfo, 0x05410401,
-                  "znpdklib_clear_bob_alarm_led():eval_led_state=%d by Chassis sensor", eval_state);
+        kTracePowerMon(kLevelInfo, 0x05410401,
+                       "znpdklib_clear_bob_alarm_led():eval_led_state=%d by Chassis sensor", eval_state);
     } else {
         for (int inst = 1; inst <= 16; ++inst) {
             eval_state = eval_bob_alarm_led(inst);
             if (eval_state != kLedOff) {
-                led_trace(kLevelInfo, 0x05410402,
-                          "znpdklib_clear_bob_alarm_led():eval_led_state=%d by Node#%d sensor", eval_state,
-                          inst - 1);
+                kTracePowerMon(kLevelInfo, 0x05410402,
+                               "znpdklib_clear_bob_alarm_led():eval_led_state=%d by Node#%d sensor",
+                               eval_state, inst - 1);
                 break;
             }
         }
@@ -90,27 +88,27 @@ int clear_bob_alarm_led()
 
     int cur = znlib_led_read(COMPO_SYSTEM, 0, 1, 0);
     if (cur <= 0) {
-        led_trace(kLevelError, 0x05410404, "znpdklib_clear_bob_alarm_led():znlib_led_read error. ret=%d",
-                  cur);
+        kTracePowerMon(kLevelError, 0x05410404, "znpdklib_clear_bob_alarm_led():znlib_led_read error. ret=%d",
+                       cur);
         return -1;
     }
     if (eval_state == kLedOff && cur != kLedOff) {
-        led_trace(kLevelInfo, 0x05410405, "znpdklib_clear_bob_alarm_led():BoB Alarm LED off. %d => %d", cur,
-                  kLedOff);
+        kTracePowerMon(kLevelInfo, 0x05410405, "znpdklib_clear_bob_alarm_led():BoB Alarm LED off. %d => %d",
+                       cur, kLedOff);
         int ret = znlib_led_control(COMPO_SYSTEM, 0, 1, kLedOff);
         if (ret != 0) {
-            led_trace(kLevelError, 0x05410406,
-                      "znpdklib_clear_bob_alarm_led():znlib_led_control error. ret=%d", ret);
+            kTracePowerMon(kLevelError, 0x05410406,
+                           "znpdklib_clear_bob_alarm_led():znlib_led_control error. ret=%d", ret);
             return -1;
         }
     } else {
-        led_trace(
+        kTracePowerMon(
             kLevelInfo, 0x05410407,
             "znpdklib_clear_bob_alarm_led():no need to change BoB Alarm LED. cur_led_state=%d eval_led_state=%d",
             cur, eval_state);
     }
 
-    led_trace(kLevelCall, 0x054104FF, "znpdklib_clear_bob_alarm_led():end. result=%d", 0);
+    kTracePowerMon(kLevelCall, 0x054104FF, "znpdklib_clear_bob_alarm_led():end. result=%d", 0);
     return 0;
 }
 

@@ -20,8 +20,6 @@ namespace {
 
 using namespace znpdk;
 
-constexpr Tracer outage_trace{T_REGION_LIB_UTIL, SP_MID_BASE_UTIL};
-
 /* Emergency Active State Register and its mask, relative to the unit's block. */
 constexpr uint32_t kEmergencyStateReg = 0x000400C0u;
 constexpr uint32_t kEmergencyMaskReg = 0x000400C4u;
@@ -83,9 +81,9 @@ bool outage_unit_ok(int type, int no, bool all_allowed, uint32_t id, const char*
 {
     OutageArg arg = outage_check_unit(type, no, all_allowed);
     if (arg == kBadType) {
-        outage_trace(kLevelError, id + 1, bad_type, type);
+        kTraceUtil(kLevelError, id + 1, bad_type, type);
     } else if (arg == kBadNo) {
-        outage_trace(kLevelError, id + 2, bad_no, type, no);
+        kTraceUtil(kLevelError, id + 2, bad_no, type, no);
     }
     return arg == kArgOk;
 }
@@ -96,8 +94,8 @@ bool outage_member_reg(Component* compo, uint32_t offset, uint32_t invalid_id, c
 {
     uint32_t base;
     if (!outage_reg_base(compo->getType(), compo->getNo(), &base)) {
-        outage_trace(kLevelError, invalid_id, invalid, compo->getType(), compo->getNo(),
-                     compo->getComponentId());
+        kTraceUtil(kLevelError, invalid_id, invalid, compo->getType(), compo->getNo(),
+                   compo->getComponentId());
         return false;
     }
     *addr = base + offset;
@@ -179,7 +177,7 @@ int outage_set(const OutageSetter& s, int type, int no, uint8_t val)
         return -1;
     }
     if (s.reboot ? (val != 0 && val != 2) : val > 2) {
-        outage_trace(kLevelError, s.id + 3, s.bad_val, val);
+        kTraceUtil(kLevelError, s.id + 3, s.bad_val, val);
         return -1;
     }
     for (Component* compo : outage_units_down(type, no)) {
@@ -192,10 +190,10 @@ int outage_set(const OutageSetter& s, int type, int no, uint8_t val)
         compo->getProperty(PROP_CURRENT_COMMON_INFO, &info, sizeof(info));
         uint8_t old = info.emergency_outage;
         if (s.reboot ? old == 1 : old == val) {
-            outage_trace(kLevelInfo, s.id + 4, s.skip, compo->getComponentId(), old);
+            kTraceUtil(kLevelInfo, s.id + 4, s.skip, compo->getComponentId(), old);
             continue;
         }
-        outage_trace(kLevelInfo, s.id + 5, s.change, compo->getComponentId(), old, val);
+        kTraceUtil(kLevelInfo, s.id + 5, s.change, compo->getComponentId(), old, val);
         info.emergency_outage = val;
         compo->setProperty(PROP_CURRENT_COMMON_INFO, &info, sizeof(info));
     }
@@ -273,8 +271,8 @@ bool prefer_unit(Component* compo, int* type, int* no)
         }
         return true;
     default:
-        outage_trace(kLevelError, 0x05410602,
-                     "znpdklib_checkEmergencyOutageByPath():invalid component. type=%d no=%d", ctype, cno);
+        kTraceUtil(kLevelError, 0x05410602,
+                   "znpdklib_checkEmergencyOutageByPath():invalid component. type=%d no=%d", ctype, cno);
         return false;
     }
 }
@@ -311,8 +309,8 @@ int znpdklib_setEmergencyOutage(int type, int no, uint8_t val)
             "znpdklib_setEmergencyOutage():[oid:%d] skip emergency_outage setting. already 0x%02x",
             "znpdklib_setEmergencyOutage():[oid:%d] set emergency_outage 0x%02x => 0x%02x",
         };
-        outage_trace(kLevelCall, 0x05410100, "znpdklib_setEmergencyOutage():type=%d no=%d val=0x%02x", type,
-                     no, val);
+        kTraceUtil(kLevelCall, 0x05410100, "znpdklib_setEmergencyOutage():type=%d no=%d val=0x%02x", type, no,
+                   val);
         return outage_set(setter, type, no, val);
     });
 }
@@ -334,7 +332,7 @@ int znpdklib_setBMCRebootOutage(int type, int no, uint8_t val)
             "znpdklib_setBMCRebootOutage():[oid:%d] skip emergency_outage setting. already 0x%02x",
             "znpdklib_setBMCRebootOutage():[oid:%d] set emergency_outage 0x%02x => 0x%02x",
         };
-        outage_trace(kLevelCall, 0x05411200, "znpdklib_setBMCRebootOutage():type=%d no=%d", type, no);
+        kTraceUtil(kLevelCall, 0x05411200, "znpdklib_setBMCRebootOutage():type=%d no=%d", type, no);
         return outage_set(setter, type, no, val);
     });
 }
@@ -350,55 +348,50 @@ int znpdklib_clearBMCRebootOutage(int type, int no)
  */
 int znpdklib_checkEmergencyOutage(int type, int no)
 {
-    return guard(__func__, -1, [&]() -> int {
-        outage_trace(kLevelCall, 0x05410500, "znpdklib_checkEmergencyOutage():type=%d no=%d", type, no);
-        if (!outage_unit_ok(
-                type, no, false, 0x05410500, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
-                "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d")) {
-            return -1;
+    kTraceUtil(kLevelCall, 0x05410500, "znpdklib_checkEmergencyOutage():type=%d no=%d", type, no);
+    if (!outage_unit_ok(type, no, false, 0x05410500, "znpdklib_checkEmergencyOutage():invalid type. type=%d",
+                        "znpdklib_checkEmergencyOutage():invalid type and no combination. type=%d no=%d")) {
+        return -1;
+    }
+    Component* chain[3];
+    int count = outage_units_up(type, no, chain);
+    for (int i = 0; i < count; ++i) {
+        Component* compo = chain[i];
+        uint32_t addr;
+        if (compo == nullptr ||
+            !outage_member_reg(
+                compo, kEmergencyStateReg, 0x05410506,
+                "znpdklib_checkEmergencyOutage():invalid component. compo_type=%d compo_no=%d [oid:%d]",
+                &addr)) {
+            continue;
         }
-        Component* chain[3];
-        int count = outage_units_up(type, no, chain);
-        for (int i = 0; i < count; ++i) {
-            Component* compo = chain[i];
-            uint32_t addr;
-            if (compo == nullptr ||
-                !outage_member_reg(
-                    compo, kEmergencyStateReg, 0x05410506,
-                    "znpdklib_checkEmergencyOutage():invalid component. compo_type=%d compo_no=%d [oid:%d]",
-                    &addr)) {
-                continue;
-            }
-            uint32_t value = 0;
-            int err = 0;
-            int ret = outage_reg_access(MBC_IOCTL_SP_BOARD_R, addr, &value, &err);
-            if (ret < 0) {
-                /* The registers cannot be trusted now: judge by the mark alone. */
-                outage_trace(kLevelError, 0x05410507,
-                             "znpdklib_checkEmergencyOutage():read error. ret=%d errno=%d addr=0x%08x", ret,
-                             err, static_cast<int>(addr));
-                break;
-            }
-            uint32_t outage_bits = compo->getType() == COMPO_BOBC ? kBobcEmergencyBits : 0xFFFFFFFFu;
-            if ((value & outage_bits) != 0) {
-                outage_trace(
-                    kLevelInfo, 0x05410508,
-                    "znpdklib_checkEmergencyOutage():[oid:%d] Emergency Active State Register=0x%08x",
-                    compo->getComponentId(), static_cast<int>(value));
-                return 1;
-            }
+        uint32_t value = 0;
+        int err = 0;
+        int ret = outage_reg_access(MBC_IOCTL_SP_BOARD_R, addr, &value, &err);
+        if (ret < 0) {
+            /* The registers cannot be trusted now: judge by the mark alone. */
+            kTraceUtil(kLevelError, 0x05410507,
+                       "znpdklib_checkEmergencyOutage():read error. ret=%d errno=%d addr=0x%08x", ret, err,
+                       static_cast<int>(addr));
+            break;
         }
-        current_common_info_t info = read_common(chain[0]);
-        if (info.emergency_outage != 0) {
-            outage_trace(kLevelInfo, 0x05410504,
-                         "znpdklib_checkEmergencyOutage():[oid:%d] emergency_outage already 0x%02x",
-                         chain[0]->getComponentId(), info.emergency_outage);
+        uint32_t outage_bits = compo->getType() == COMPO_BOBC ? kBobcEmergencyBits : 0xFFFFFFFFu;
+        if ((value & outage_bits) != 0) {
+            kTraceUtil(kLevelInfo, 0x05410508,
+                       "znpdklib_checkEmergencyOutage():[oid:%d] Emergency Active State Register=0x%08x",
+                       compo->getComponentId(), static_cast<int>(value));
             return 1;
         }
-        outage_trace(kLevelInfo, 0x054105FF, "znpdklib_checkEmergencyOutage():type=%d no=%d not set", type,
-                     no);
-        return 0;
-    });
+    }
+    current_common_info_t info = read_common(chain[0]);
+    if (info.emergency_outage != 0) {
+        kTraceUtil(kLevelInfo, 0x05410504,
+                   "znpdklib_checkEmergencyOutage():[oid:%d] emergency_outage already 0x%02x",
+                   chain[0]->getComponentId(), info.emergency_outage);
+        return 1;
+    }
+    kTraceUtil(kLevelInfo, 0x054105FF, "znpdklib_checkEmergencyOutage():type=%d no=%d not set", type, no);
+    return 0;
 }
 
 /* A null path names no unit: -1, nothing logged. */
@@ -420,7 +413,7 @@ int znpdklib_checkEmergencyOutageByPath(const char* path)
 int znpdklib_setEmergencyMaskReg(int type, int no)
 {
     return guard(__func__, -1, [&]() -> int {
-        outage_trace(kLevelCall, 0x05410200, "znpdklib_setEmergencyMaskReg():start. type=%d no=%d", type, no);
+        kTraceUtil(kLevelCall, 0x05410200, "znpdklib_setEmergencyMaskReg():start. type=%d no=%d", type, no);
         if (!outage_unit_ok(
                 type, no, false, 0x05410200, "znpdklib_setEmergencyMaskReg():invalid type. type=%d",
                 "znpdklib_setEmergencyMaskReg():invalid type and no combination. type=%d no=%d")) {
@@ -439,15 +432,15 @@ int znpdklib_setEmergencyMaskReg(int type, int no)
             int ctype = compo->getType();
             // clang-format off
             if (ctype == COMPO_BOBC) {
-                outage_trace(kLevelInfo, 0x05410204,
+                kTraceUtil(kLevelInfo, 0x05410204,
                     "znpdklib_setEmergencyMaskReg():BoBC Emergency Active State Mask Register close. addr=0x%08x",
                     static_cast<int>(addr));
             } else if (ctype == COMPO_CMUC) {
-                outage_trace(kLevelInfo, 0x05410205,
+                kTraceUtil(kLevelInfo, 0x05410205,
                     "znpdklib_setEmergencyMaskReg():CMUC#%d Emergency Active State Mask Register close. addr=0x%08x",
                     compo->getNo(), static_cast<int>(addr));
             } else {
-                outage_trace(kLevelInfo, 0x05410206,
+                kTraceUtil(kLevelInfo, 0x05410206,
                     "znpdklib_setEmergencyMaskReg():Node#%d Emergency Active State Mask Register close. addr=0x%08x",
                     compo->getNo(), static_cast<int>(addr));
             }
@@ -456,13 +449,13 @@ int znpdklib_setEmergencyMaskReg(int type, int no)
             int err = 0;
             ret = outage_reg_access(MBC_IOCTL_SP_BOARD_W, addr, &closed, &err);
             if (ret < 0) {
-                outage_trace(kLevelError, 0x05410208,
-                             "znpdklib_setEmergencyMaskReg():write error. ret=%d errno=%d addr=0x%08x", ret,
-                             err, static_cast<int>(addr));
+                kTraceUtil(kLevelError, 0x05410208,
+                           "znpdklib_setEmergencyMaskReg():write error. ret=%d errno=%d addr=0x%08x", ret,
+                           err, static_cast<int>(addr));
                 break;
             }
         }
-        outage_trace(kLevelCall, 0x054102FF, "znpdklib_setEmergencyMaskReg():end");
+        kTraceUtil(kLevelCall, 0x054102FF, "znpdklib_setEmergencyMaskReg():end");
         return ret;
     });
 }
@@ -525,10 +518,8 @@ void znpdklib_cleardb_iorc(int no, uint32_t offbit)
 
 void znpdklib_cleardb_system(int no, uint32_t offbit)
 {
-    guard_void(__func__, [&] {
-        (void)no;
-        clear_unit_alone(root(), offbit);
-    });
+    (void)no;
+    clear_unit_alone(root(), offbit);
 }
 
 void znpdklib_cleardb_fanu(int no, uint32_t offbit)

@@ -30,8 +30,6 @@ constexpr INT8U kOffsetNormal = 1;
 constexpr INT8U kOffsetWarning = 4;
 constexpr INT8U kOffsetCer = 5;
 
-constexpr Tracer recover_trace{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
-
 /* Entries come from files on disk: never hand an out-of-range one on. */
 bool esc_entry_usable(const Esc_Sensor_t& e)
 {
@@ -59,7 +57,7 @@ bool frue_error_found(const Esc_Table_t& table, uint16_t ok_bits, uint32_t id, c
         }
         uint16_t word = sensor_word(e.Sensor_No, e.BMCInst);
         if ((word & ok_bits) == 0) {
-            recover_trace(kLevelInfo, id, fmt, e.BMCInst, e.Sensor_No, word);
+            kTracePowerMon(kLevelInfo, id, fmt, e.BMCInst, e.Sensor_No, word);
             return true;
         }
     }
@@ -85,12 +83,12 @@ void lower_to_warning(int inst, int sensor, uint32_t set_id, uint32_t skip_id)
     uint16_t word = sensor_word(sensor, inst);
     int offset = sputil_ntz16(word);
     if (offset > kOffsetWarning) {
-        recover_trace(kLevelInfo, set_id,
-                      "znpdklib_redundancy_recover_shortage2lost():set warning. BMCInst=%d SensorNum=%d",
-                      inst, sensor);
+        kTracePowerMon(kLevelInfo, set_id,
+                       "znpdklib_redundancy_recover_shortage2lost():set warning. BMCInst=%d SensorNum=%d",
+                       inst, sensor);
         znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetWarning, inst);
     } else {
-        recover_trace(
+        kTracePowerMon(
             kLevelInfo, skip_id,
             "znpdklib_redundancy_recover_shortage2lost():skip set warning. BMCInst=%d SensorNum=%d SensorReading=0x%04x offset=%d",
             inst, sensor, word, offset);
@@ -128,13 +126,13 @@ void walk_escalation(uint16_t frue_ok_bits, uint32_t parent_error_id, uint32_t t
 
 void redundancy_recover(int sensor_clear)
 {
-    recover_trace(kLevelInfo, 0x81010001, "znpdklib_redundancy_recover():start. sensor_clear=%d",
-                  sensor_clear);
+    kTracePowerMon(kLevelInfo, 0x81010001, "znpdklib_redundancy_recover():start. sensor_clear=%d",
+                   sensor_clear);
 
     for (INT8U sns : kRedundancySensors) {
         uint16_t word = sensor_word(sns, kChassisInst);
         if ((word & ~kRedFully) != 0) {
-            recover_trace(
+            kTracePowerMon(
                 kLevelError, 0x81010002,
                 "znpdklib_redundancy_recover():Redundansy sensor is not Fully. SensorNum=%d SensorReading=0x%04x",
                 sns, word);
@@ -143,7 +141,8 @@ void redundancy_recover(int sensor_clear)
     }
 
     if (sensor_clear) {
-        recover_trace(kLevelInfo, 0x81010008, "znpdklib_redundancy_recover():set normal to FRUE Environment");
+        kTracePowerMon(kLevelInfo, 0x81010008,
+                       "znpdklib_redundancy_recover():set normal to FRUE Environment");
         znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetNormal, kChassisInst);
     }
 
@@ -152,36 +151,36 @@ void redundancy_recover(int sensor_clear)
         "znpdklib_redundancy_recover():detect FRUE error. BMCInst=%d SensorNum=%d SensorReading=0x%04x",
         [sensor_clear](int inst, int sensor, bool parent) {
             if (isValidSensorBMCInst(static_cast<INT8U>(sensor), inst) == 1 && sensor_clear) {
-                recover_trace(kLevelInfo, parent ? 0x81010004 : 0x81010006,
-                              "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d", inst,
-                              sensor);
+                kTracePowerMon(kLevelInfo, parent ? 0x81010004 : 0x81010006,
+                               "znpdklib_redundancy_recover():set normal. BMCInst=%d SensorNum=%d", inst,
+                               sensor);
                 znpdklib_exSetSensorWoS(static_cast<INT8U>(sensor), kOffsetNormal, inst);
             }
             /* The alarm LED follows target 33 even when only checking. */
             if (!parent && sensor == kAlarmLedSensor) {
-                recover_trace(kLevelInfo, 0x81010007, "znpdklib_redundancy_recover():Chassis Alarm LED off");
+                kTracePowerMon(kLevelInfo, 0x81010007, "znpdklib_redundancy_recover():Chassis Alarm LED off");
                 bob_alarm_led_off();
             }
         });
-    recover_trace(kLevelInfo, 0x8101FFFF, "znpdklib_redundancy_recover():end");
+    kTracePowerMon(kLevelInfo, 0x8101FFFF, "znpdklib_redundancy_recover():end");
 }
 
 void redundancy_recover_shortage2lost()
 {
-    recover_trace(kLevelInfo, 0x81020001, "znpdklib_redundancy_recover_shortage2lost():start");
+    kTracePowerMon(kLevelInfo, 0x81020001, "znpdklib_redundancy_recover_shortage2lost():start");
 
     bool lost = false;
     for (INT8U sns : kRedundancySensors) {
         uint16_t word = sensor_word(sns, kChassisInst);
         if (word & kRedShortage) {
-            recover_trace(
+            kTracePowerMon(
                 kLevelInfo, 0x81020002,
                 "znpdklib_redundancy_recover_shortage2lost():Redundansy sensor is Shortage. SensorNum=%d SensorReading=0x%04x",
                 sns, word);
             return;
         }
         if (word & kRedLost) {
-            recover_trace(
+            kTracePowerMon(
                 kLevelInfo, 0x81020003,
                 "znpdklib_redundancy_recover_shortage2lost():Redundansy Lost detect. SensorNum=%d SensorReading=0x%04x",
                 sns, word);
@@ -189,13 +188,13 @@ void redundancy_recover_shortage2lost()
         }
     }
     if (!lost) {
-        recover_trace(kLevelInfo, 0x81020004,
-                      "znpdklib_redundancy_recover_shortage2lost():Redundansy Lost not found");
+        kTracePowerMon(kLevelInfo, 0x81020004,
+                       "znpdklib_redundancy_recover_shortage2lost():Redundansy Lost not found");
         return;
     }
 
-    recover_trace(kLevelInfo, 0x81020005,
-                  "znpdklib_redundancy_recover_shortage2lost():set CER to FRUE Environment");
+    kTracePowerMon(kLevelInfo, 0x81020005,
+                   "znpdklib_redundancy_recover_shortage2lost():set CER to FRUE Environment");
     znpdklib_exSetSensorWoS(kFrueEnvSensor, kOffsetCer, kChassisInst);
 
     walk_escalation(
@@ -207,7 +206,7 @@ void redundancy_recover_shortage2lost()
                                  parent ? 0x81020008 : 0x8102000B);
             }
         });
-    recover_trace(kLevelInfo, 0x8102FFFF, "znpdklib_redundancy_recover_shortage2lost():end");
+    kTracePowerMon(kLevelInfo, 0x8102FFFF, "znpdklib_redundancy_recover_shortage2lost():end");
 }
 
 } // namespace

@@ -13,7 +13,6 @@ namespace {
 
 using namespace znpdk;
 
-constexpr Tracer trace_seq{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
 constexpr uint64_t kChassisSequenceMask = 0x0BFFFF0000000000ull;
 
 /* Serialises this process's read-modify-writes of the shared flags area. */
@@ -37,18 +36,16 @@ uint64_t instance_sequence_mask(int BMCInst)
 /* Polls once a second, with no limit; a missing BIOU#0 is looked up again. */
 int znpdklib_wait_BMCReady(void)
 {
-    return guard(__func__, -1, [&]() -> int {
-        Component* biou = nullptr;
-        for (;;) {
-            if (biou == nullptr) {
-                biou = child(root(), COMPO_BIOU, 0);
-            }
-            if (read_common(biou).isInitializeComplete()) {
-                return 0;
-            }
-            sleep(1);
+    Component* biou = nullptr;
+    for (;;) {
+        if (biou == nullptr) {
+            biou = child(root(), COMPO_BIOU, 0);
         }
-    });
+        if (read_common(biou).isInitializeComplete()) {
+            return 0;
+        }
+        sleep(1);
+    }
 }
 
 uint64_t znpdklib_shmem_sequence_flags(int mode, uint64_t target)
@@ -59,8 +56,8 @@ uint64_t znpdklib_shmem_sequence_flags(int mode, uint64_t target)
         znpdklib_Various_sharemem_read(&area);
         return area.job_in_sequence & target;
     }
-    trace_seq(kLevelInfo, 0x0541100F, "znpdklib_shmem_sequence_flags():mode=%d target = %8.8x %8.8x", mode,
-              hi32(target), lo32(target));
+    kTracePowerMon(kLevelInfo, 0x0541100F, "znpdklib_shmem_sequence_flags():mode=%d target = %8.8x %8.8x",
+                   mode, hi32(target), lo32(target));
     ScopeLock lock(&v_mutex);
     znpdklib_Various_sharemem_read(&area);
     if (mode == 1) {
@@ -75,27 +72,25 @@ uint64_t znpdklib_shmem_sequence_flags(int mode, uint64_t target)
 /* An instance without a node (0, or outside 0..17) has no sequence bits: 0 unless PSW power is killed. */
 int znpdklib_monitor_enable_check(int BMCInst)
 {
-    return guard(__func__, -1, [&]() -> int {
-        if (BMCInst != kChassisInst) {
-            if ((read_common(root()).status & COMMON_STATUS_PSW_POWER_KILLED) != 0) {
-                trace_seq(kLevelInfo, 0x05411000, "znpdklib_monitor_enable_check():Inst=%d PSW power killed",
-                          BMCInst);
-                return -1;
-            }
+    if (BMCInst != kChassisInst) {
+        if ((read_common(root()).status & COMMON_STATUS_PSW_POWER_KILLED) != 0) {
+            kTracePowerMon(kLevelInfo, 0x05411000, "znpdklib_monitor_enable_check():Inst=%d PSW power killed",
+                           BMCInst);
+            return -1;
         }
-        uint64_t mask = instance_sequence_mask(BMCInst);
-        uint64_t going = mask != 0 ? znpdklib_shmem_sequence_flags(3, mask) : 0;
-        if (going == 0) {
-            return 0;
-        }
-        trace_seq(kLevelDetail, 0x05411001,
-                  "znpdklib_monitor_enable_check():Inst=%d now sequence go on. check = %8.8x %8.8x", BMCInst,
-                  hi32(mask), lo32(mask));
-        trace_seq(kLevelDetail, 0x05411002,
-                  "znpdklib_monitor_enable_check():Inst=%d now sequence go on. going = %8.8x %8.8x", BMCInst,
-                  hi32(going), lo32(going));
-        return 1;
-    });
+    }
+    uint64_t mask = instance_sequence_mask(BMCInst);
+    uint64_t going = mask != 0 ? znpdklib_shmem_sequence_flags(3, mask) : 0;
+    if (going == 0) {
+        return 0;
+    }
+    kTracePowerMon(kLevelDetail, 0x05411001,
+                   "znpdklib_monitor_enable_check():Inst=%d now sequence go on. check = %8.8x %8.8x", BMCInst,
+                   hi32(mask), lo32(mask));
+    kTracePowerMon(kLevelDetail, 0x05411002,
+                   "znpdklib_monitor_enable_check():Inst=%d now sequence go on. going = %8.8x %8.8x", BMCInst,
+                   hi32(going), lo32(going));
+    return 1;
 }
 
 /*
@@ -105,37 +100,35 @@ int znpdklib_monitor_enable_check(int BMCInst)
  */
 int znpdklib_monitor_enable_check_gio(int BMCInst)
 {
-    return guard(__func__, -1, [&]() -> int {
-        if (BMCInst < 0 || BMCInst >= kInstCount) {
-            return 1;
-        }
-        INT8U req = 0; /* sensor 0: node status */
-        GetSensorReadingRes_T res;
-        memset(&res, 0, sizeof(res));
-        GetSensorReading(&req, sizeof(req), reinterpret_cast<INT8U*>(&res), BMCInst);
-        int status = ((res.OptionalStatus & 0x7F) << 8) | res.ComparisonStatus;
-        trace_seq(kLevelInfo, 0x05411100, "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x",
-                  BMCInst, status);
-        if ((status & 0x01F8) == 0) {
-            return 1;
-        }
-        Component* node = nullptr;
-        if (BMCInst >= 1 && BMCInst <= 16) {
-            node = child(root(), COMPO_NODE, BMCInst - 1);
-        }
-        if (node == nullptr) {
-            return 0;
-        }
-        uint32_t sequence = read_common(node).sequence;
-        if ((sequence & COMMON_SEQUENCE_POWER_OFF) != 0) {
-            trace_seq(
-                kLevelInfo, 0x05411101,
-                "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x but off seq running(%8.8x)",
-                BMCInst, status, static_cast<int>(sequence));
-            return 1;
-        }
+    if (BMCInst < 0 || BMCInst >= kInstCount) {
+        return 1;
+    }
+    INT8U req = 0; /* sensor 0: node status */
+    GetSensorReadingRes_T res;
+    memset(&res, 0, sizeof(res));
+    GetSensorReading(&req, sizeof(req), reinterpret_cast<INT8U*>(&res), BMCInst);
+    int status = ((res.OptionalStatus & 0x7F) << 8) | res.ComparisonStatus;
+    kTracePowerMon(kLevelInfo, 0x05411100, "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x",
+                   BMCInst, status);
+    if ((status & 0x01F8) == 0) {
+        return 1;
+    }
+    Component* node = nullptr;
+    if (BMCInst >= 1 && BMCInst <= 16) {
+        node = child(root(), COMPO_NODE, BMCInst - 1);
+    }
+    if (node == nullptr) {
         return 0;
-    });
+    }
+    uint32_t sequence = read_common(node).sequence;
+    if ((sequence & COMMON_SEQUENCE_POWER_OFF) != 0) {
+        kTracePowerMon(
+            kLevelInfo, 0x05411101,
+            "znpdklib_monitor_enable_check_gio():Inst=%d node status = %4.4x but off seq running(%8.8x)",
+            BMCInst, status, static_cast<int>(sequence));
+        return 1;
+    }
+    return 0;
 }
 
 int znpdklib_fan_monitor_enable_check(int BMCInst, uint8_t SensorNumber)

@@ -39,18 +39,11 @@ constexpr uint32_t kDbgBmcinitSkip = 0x2000;
 constexpr uint32_t kFruMaintenance = 0x8;
 constexpr uint32_t kNotMounted = 0xFF;
 
-const char* const kBobcPath = "/SYSTEM#0/BOBC#0";
 const char* const kPsucReadHap = "BOB_R_BOBC_PSUC";
-
-constexpr int kLvlStartEnd = kLevelDetail;
-constexpr int kLvlInfo = kLevelInfo;
-constexpr int kLvlError = kLevelError;
-
-constexpr Tracer psu_trace{T_REGION_POWER_MON, SP_MID_BASE_UTIL};
 
 void psu_trace_ras(uint32_t id, const char* fmt, const char* ras_code)
 {
-    sp_trace4(kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, ras_code);
+    sp_trace4(kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, id, fmt, ras_code);
 }
 
 int as_int(uint32_t v)
@@ -87,12 +80,12 @@ int read_psuc(psuc_all_t* image, uint32_t bob_mask, uint32_t common_mask)
 /* Stores the full register image in PSUC#0's record for the log. */
 void addlog_psu_config()
 {
-    psu_trace(kLvlStartEnd, 0x5400400, "addlog_psu_config():start");
+    kTracePowerMon(kLevelDetail, 0x5400400, "addlog_psu_config():start");
 
     psuc_all_t image;
     int ret = read_psuc(&image, 0x1FFF, 0xFF);
     if (ret != 0) {
-        psu_trace(kLvlError, 0x5400401, "addlog_psu_config():get PSUC register failed. ret=%d", ret);
+        kTracePowerMon(kLevelError, 0x5400401, "addlog_psu_config():get PSUC register failed. ret=%d", ret);
         return;
     }
 
@@ -100,8 +93,8 @@ void addlog_psu_config()
     Component* psuc = child(iorc, COMPO_PSUC, 0);
     if (psuc == nullptr) {
         /* No place to keep the image: the event itself is still logged by the caller. */
-        psu_trace(kLvlError, 0x5400402, "addlog_psu_config():PSUC#0 not found. IORC#0 found=%d",
-                  iorc != nullptr);
+        kTracePowerMon(kLevelError, 0x5400402, "addlog_psu_config():PSUC#0 not found. IORC#0 found=%d",
+                       iorc != nullptr);
         return;
     }
     /* PSUC#0's record is kept under IORC#0's lock. */
@@ -112,43 +105,43 @@ void addlog_psu_config()
             return true;
         },
         [](const current_psuc_info_t&) {});
-    psu_trace(kLvlStartEnd, 0x54004FF, "addlog_psu_config():end");
+    kTracePowerMon(kLevelDetail, 0x54004FF, "addlog_psu_config():end");
+}
+
+/* True (and traced) when `cause` holds. */
+bool explains(bool cause, uint32_t id, const char* fmt, int psu)
+{
+    if (cause) {
+        kTracePowerMon(kLevelInfo, id, fmt, psu);
+    }
+    return cause;
 }
 
 /* 0 when the loss comes from the maintenance target itself being out. */
 int is_regist_redundancy_lost(int mnt_bob, int mnt_psu_no, psuc_all_t* psureg)
 {
-    psu_trace(kLvlStartEnd, 0x5400500, "is_regist_redundancy_lost():mnt_bob=%d mnt_psu_no=%d", mnt_bob,
-              mnt_psu_no);
+    kTracePowerMon(kLevelDetail, 0x5400500, "is_regist_redundancy_lost():mnt_bob=%d mnt_psu_no=%d", mnt_bob,
+                   mnt_psu_no);
 
+    /* The maintenance target's own state explains the loss. */
     const psuc_bob_t& bob = psureg->bob[mnt_bob];
-    if ((getFruStatus(bob.FRUStatus, mnt_psu_no) & 7) == 0) {
-        psu_trace(
-            kLvlInfo, 0x5400501,
+    if (explains(
+            (getFruStatus(bob.FRUStatus, mnt_psu_no) & 7) == 0, 0x5400501,
             "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(status unknown)",
-            mnt_psu_no);
-        return 0;
-    }
-    if (getWordReg(psureg->common.PresentSts, mnt_psu_no) == 0) {
-        psu_trace(kLvlInfo, 0x5400502,
-                  "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(not present)",
-                  mnt_psu_no);
-        return 0;
-    }
-    if (getWordReg(psureg->common.ACOKSts, mnt_psu_no) == 0) {
-        psu_trace(kLvlInfo, 0x5400503,
-                  "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(AC Lost)",
-                  mnt_psu_no);
-        return 0;
-    }
-    if (getByteReg(bob.PSONAndCntl, mnt_psu_no) == 0) {
-        psu_trace(
-            kLvlInfo, 0x5400504,
+            mnt_psu_no) ||
+        explains(getWordReg(psureg->common.PresentSts, mnt_psu_no) == 0, 0x5400502,
+                 "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(not present)",
+                 mnt_psu_no) ||
+        explains(getWordReg(psureg->common.ACOKSts, mnt_psu_no) == 0, 0x5400503,
+                 "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(AC Lost)",
+                 mnt_psu_no) ||
+        explains(
+            getByteReg(bob.PSONAndCntl, mnt_psu_no) == 0, 0x5400504,
             "is_regist_redundancy_lost(): redundancy lost occrred by maintenance PSU#%02d(PSONAndCntl off)",
-            mnt_psu_no);
+            mnt_psu_no)) {
         return 0;
     }
-    psu_trace(kLvlInfo, 0x5400505, "is_regist_redundancy_lost(): regist redundancy lost");
+    kTracePowerMon(kLevelInfo, 0x5400505, "is_regist_redundancy_lost(): regist redundancy lost");
     return 1;
 }
 
@@ -158,64 +151,75 @@ struct PsuScan {
     int mnt_psu_no = -1;
 };
 
+/* The FRU status of PSU i: failed (3, 4) or unknown (0, usable only when a
+ * debug bit says so) make it unusable. */
+bool fru_status_usable(int i, uint32_t frustate, uint32_t debug_flag_common0)
+{
+    uint32_t status = frustate & 7;
+    if (status == 3 || status == 4) {
+        kTracePowerMon(kLevelInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+                       as_int(frustate));
+        return false;
+    }
+    if (status == 0) {
+        if ((debug_flag_common0 & kDbgCommon0IgnoreUnknown) == 0) {
+            kTracePowerMon(kLevelInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
+                           as_int(frustate));
+            return false;
+        }
+        kTracePowerMon(
+            kLevelInfo, 0x5400313,
+            "check_psu_redundancy():PSU#%02d unknown. frustate=0x%08x. ignore unknown by debug_flag=0x%08x",
+            i, 0, as_int(debug_flag_common0));
+    }
+    return true;
+}
+
 /* True when PSU i can deliver power; remembers a maintenance target on the way. */
 bool psu_usable(int i, const psuc_all_t& reg, uint32_t debug_flag_common0, int mode, int psuno, PsuScan& scan)
 {
     uint32_t psuinfo = 0;
     if (znlib_psu_ctlinfo(i, &psuinfo) < 0) {
-        psu_trace(kLvlError, 0x5400316, "check_psu_redundancy():PSU#%02d znlib_psu_ctlinfo error", i);
+        kTracePowerMon(kLevelError, 0x5400316, "check_psu_redundancy():PSU#%02d znlib_psu_ctlinfo error", i);
         return false;
     }
     uint32_t ctlbob = psuinfo >> 8;
     if (ctlbob == kNotMounted) {
-        psu_trace(kLvlInfo, 0x5400305, "check_psu_redundancy():PSU#%02d NG. not mount", i);
+        kTracePowerMon(kLevelInfo, 0x5400305, "check_psu_redundancy():PSU#%02d NG. not mount", i);
         return false;
     }
     if (ctlbob > 2) {
-        psu_trace(kLvlError, 0x5400317, "check_psu_redundancy():PSU#%02d invalid ctlbob. ctlbob=%d", i,
-                  as_int(ctlbob));
+        kTracePowerMon(kLevelError, 0x5400317, "check_psu_redundancy():PSU#%02d invalid ctlbob. ctlbob=%d", i,
+                       as_int(ctlbob));
         return false;
     }
     const psuc_bob_t& bob = reg.bob[ctlbob];
     uint32_t frustate = getFruStatus(bob.FRUStatus, i);
     if (frustate & kFruMaintenance) {
-        psu_trace(kLvlInfo, 0x5400306,
-                  "check_psu_redundancy():PSU#%02d is maintenance target. frustate=0x%08x", i,
-                  as_int(frustate));
+        kTracePowerMon(kLevelInfo, 0x5400306,
+                       "check_psu_redundancy():PSU#%02d is maintenance target. frustate=0x%08x", i,
+                       as_int(frustate));
         scan.mnt_bob = as_int(ctlbob);
         scan.mnt_psu_no = i;
     }
-    uint32_t status = frustate & 7;
-    if (status == 3 || status == 4) {
-        psu_trace(kLvlInfo, 0x5400307, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
-                  as_int(frustate));
+    if (!fru_status_usable(i, frustate, debug_flag_common0)) {
         return false;
     }
-    if (status == 0) {
-        if ((debug_flag_common0 & kDbgCommon0IgnoreUnknown) == 0) {
-            psu_trace(kLvlInfo, 0x5400314, "check_psu_redundancy():PSU#%02d NG. frustate=0x%08x", i,
-                      as_int(frustate));
-            return false;
-        }
-        psu_trace(
-            kLvlInfo, 0x5400313,
-            "check_psu_redundancy():PSU#%02d unknown. frustate=0x%08x. ignore unknown by debug_flag=0x%08x",
-            i, 0, as_int(debug_flag_common0));
-    }
     if (getWordReg(reg.common.PresentSts, i) == 0) {
-        psu_trace(kLvlInfo, 0x5400308, "check_psu_redundancy():PSU#%02d NG. not present.", i);
+        kTracePowerMon(kLevelInfo, 0x5400308, "check_psu_redundancy():PSU#%02d NG. not present.", i);
         return false;
     }
     if (getWordReg(reg.common.ACOKSts, i) == 0) {
-        psu_trace(kLvlInfo, 0x5400309, "check_psu_redundancy():PSU#%02d NG. AC Lost", i);
+        kTracePowerMon(kLevelInfo, 0x5400309, "check_psu_redundancy():PSU#%02d NG. AC Lost", i);
         return false;
     }
     if (getByteReg(bob.PSONAndCntl, i) == 0) {
-        psu_trace(kLvlInfo, 0x540030A, "check_psu_redundancy():PSU#%02d NG. PSONAndCntl off", i);
+        kTracePowerMon(kLevelInfo, 0x540030A, "check_psu_redundancy():PSU#%02d NG. PSONAndCntl off", i);
         return false;
     }
     if (mode == kModePsuControl && i == psuno) {
-        psu_trace(kLvlInfo, 0x540030C, "check_psu_redundancy():PSU#%02d NG. PSU Control POFF target", i);
+        kTracePowerMon(kLevelInfo, 0x540030C, "check_psu_redundancy():PSU#%02d NG. PSU Control POFF target",
+                       i);
         return false;
     }
     return true;
@@ -276,7 +280,7 @@ void act_on_verdict(int mode, int result, uint16_t redundancy_sns, const PsuScan
         znpdklib_log_save_sel_error_log(&loginfo, &loglink);
         znpdklib_exSetSensorWoS(kPsuRedundancySensor, kOffsetLost, kChassisInst);
         if (redundancy_sns & kSnsShortage) {
-            psu_trace(kLvlInfo, 0x5400312, "check_psu_redundancy():psu redundancy shortage to lost");
+            kTracePowerMon(kLevelInfo, 0x5400312, "check_psu_redundancy():psu redundancy shortage to lost");
             znpdklib_redundancy_recover_shortage2lost();
         }
         return;
@@ -300,8 +304,8 @@ bool psu_check_ignored(const setup_system_info_t& setup)
     uint32_t debug_flag_common0 = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_COMMON0];
     uint32_t debug_flag_bmcinit = setup.debug_flags.debug_flag[DBGW_BMCFW_MODULE_BMCINIT];
     if ((debug_flag_common0 & kDbgCommon0Skip) || (debug_flag_bmcinit & kDbgBmcinitSkip)) {
-        psu_trace(
-            kLvlInfo, 0x5400315,
+        kTracePowerMon(
+            kLevelInfo, 0x5400315,
             "check_psu_redundancy():redundancy check ignore end. debug_flag_common0=0x%08x debug_flag_bmcinit=0x%08x",
             as_int(debug_flag_common0), as_int(debug_flag_bmcinit));
         return true;
@@ -314,17 +318,19 @@ int read_check_registers(psuc_all_t* reg)
 {
     int ret = read_psuc(reg, 0xA00, 0xF);
     if (ret != 0) {
-        psu_trace(kLvlError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d", ret);
+        kTracePowerMon(kLevelError, 0x5400302, "check_psu_redundancy():read PSUC register failed. ret=%d",
+                       ret);
         return ret;
     }
     sp_trace27(
-        kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
+        kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400303,
         "check_psu_redundancy():Present=0x%08x ACOK=0x%08x PWOK=0x%08x PSON=0x%08x PSONAndCntl=0x%08x 0x%08x 0x%08x",
         as_int(reg->common.PresentSts), as_int(reg->common.ACOKSts), as_int(reg->common.PWOKSts),
         as_int(reg->common.PSONSts), as_int(reg->bob[0].PSONAndCntl), as_int(reg->bob[1].PSONAndCntl),
         as_int(reg->bob[2].PSONAndCntl));
-    psu_trace(kLvlInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
-              as_int(reg->bob[0].FRUStatus), as_int(reg->bob[1].FRUStatus), as_int(reg->bob[2].FRUStatus));
+    kTracePowerMon(kLevelInfo, 0x5400304, "check_psu_redundancy():FRU Status=0x%08x 0x%08x 0x%08x",
+                   as_int(reg->bob[0].FRUStatus), as_int(reg->bob[1].FRUStatus),
+                   as_int(reg->bob[2].FRUStatus));
     return 0;
 }
 
@@ -344,14 +350,14 @@ bool judge_psus(int mode, int logregist, PsuScan& scan, psuc_all_t& reg, int* re
     } else {
         *result = kResultShortage;
     }
-    sp_trace25(kLvlInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
+    sp_trace25(kLevelInfo, T_REGION_POWER_MON, SP_MID_BASE_UTIL, 0x5400320,
                "check_psu_redundancy():okpsu=%d psu_slots=%d redundancy_sns=0x%04x result=%d check_enable=%d",
                scan.okpsu, slots, redundancy_sns, *result, check_enable);
 
     /* Small configurations may switch the check off; with 3 slots a shortage still counts. */
     if (check_enable == 0 && (slots == 2 || (slots == 3 && *result != kResultShortage))) {
-        psu_trace(
-            kLvlInfo, slots == 2 ? 0x5400318 : 0x5400319,
+        kTracePowerMon(
+            kLevelInfo, slots == 2 ? 0x5400318 : 0x5400319,
             "check_psu_redundancy():redundancy check disable end. okpsu=%d psu_slots=%d check_enable=%d result=%d",
             scan.okpsu, slots, check_enable, *result);
         return false;
@@ -364,9 +370,9 @@ bool judge_psus(int mode, int logregist, PsuScan& scan, psuc_all_t& reg, int* re
 
 int check_psu_redundancy(int mode, int logregist, int psuno)
 {
-    psu_trace(kLvlStartEnd, 0x5400300, "check_psu_redundancy():start");
-    psu_trace(kLvlInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode, logregist,
-              psuno);
+    kTracePowerMon(kLevelDetail, 0x5400300, "check_psu_redundancy():start");
+    kTracePowerMon(kLevelInfo, 0x5400301, "check_psu_redundancy():mode=%d logregist=%d psuno=%d", mode,
+                   logregist, psuno);
     const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
     if (psu_check_ignored(setup)) {
         return 0;
@@ -386,7 +392,7 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
     if (!judge_psus(mode, logregist, scan, reg, &result)) {
         return 0;
     }
-    psu_trace(kLvlStartEnd, 0x54003FF, "check_psu_redundancy():end");
+    kTracePowerMon(kLevelDetail, 0x54003FF, "check_psu_redundancy():end");
     return result;
 }
 
@@ -395,19 +401,19 @@ int check_psu_redundancy(int mode, int logregist, int psuno)
 extern "C" int znpdklib_check_psu_redundancy(int mode)
 {
     if (mode < 1 || mode > 3) {
-        psu_trace(kLvlError, 0x5400101, "znpdklib_check_psu_redundancy():invalid mode(=%d)", mode);
+        kTracePowerMon(kLevelError, 0x5400101, "znpdklib_check_psu_redundancy():invalid mode(=%d)", mode);
         return -1;
     }
     /* No PSU is excluded outside the PSU control pre-check. */
-    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 1, -1); });
+    return check_psu_redundancy(mode, 1, -1);
 }
 
 extern "C" int znpdklib_check_psu_redundancy_for_psu_control(int mode, int psuno)
 {
     if (mode != kModePsuControl) {
-        psu_trace(kLvlError, 0x5400201, "znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=%d)",
-                  mode);
+        kTracePowerMon(kLevelError, 0x5400201,
+                       "znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=%d)", mode);
         return -1;
     }
-    return guard(__func__, -1, [&] { return check_psu_redundancy(mode, 0, psuno); });
+    return check_psu_redundancy(mode, 0, psuno);
 }

@@ -27,9 +27,6 @@ using namespace znpdk;
 
 constexpr INT8U kTypeFru = 0xC1;
 constexpr INT8U kTypeFrue = 0xC2;
-constexpr int kInfo = kLevelInfo;
-constexpr int kError = kLevelError;
-constexpr int kDetail = kLevelDetail;
 
 /* ---- Default tables ---------------------------------------------------- */
 
@@ -74,9 +71,9 @@ constexpr uint16_t node_default(int sensor)
 } // namespace
 
 /* The exported tables, expanded from the ranges at compile time. */
-#define ZN_V4(f, n) f(n), f(n + 1), f(n + 2), f(n + 3)
-#define ZN_V16(f, n) ZN_V4(f, n), ZN_V4(f, n + 4), ZN_V4(f, n + 8), ZN_V4(f, n + 12)
-#define ZN_V64(f, n) ZN_V16(f, n), ZN_V16(f, n + 16), ZN_V16(f, n + 32), ZN_V16(f, n + 48)
+#define ZN_V4(f, n) f(n), f((n) + 1), f((n) + 2), f((n) + 3)
+#define ZN_V16(f, n) ZN_V4(f, n), ZN_V4(f, (n) + 4), ZN_V4(f, (n) + 8), ZN_V4(f, (n) + 12)
+#define ZN_V64(f, n) ZN_V16(f, n), ZN_V16(f, (n) + 16), ZN_V16(f, (n) + 32), ZN_V16(f, (n) + 48)
 #define ZN_V256(f) ZN_V64(f, 0), ZN_V64(f, 64), ZN_V64(f, 128), ZN_V64(f, 192)
 
 const uint16_t BOB_SENSOR_INIT_VALUE[256] = {ZN_V256(bob_default)};
@@ -91,8 +88,7 @@ namespace {
 
 /* ---- Helpers ------------------------------------------------------------- */
 
-constexpr Tracer trace_init{T_REGION_LIB_POWER_INIT, SP_MID_BASE_UTIL};
-constexpr Tracer trace_util_line{T_REGION_LIB_UTIL, SP_MID_BASE_UTIL};
+constexpr Tracer kTraceInit{T_REGION_LIB_POWER_INIT, SP_MID_BASE_UTIL};
 
 /* Node instances are 1 to 16; larger numbers are taken as node numbers. */
 int node_of_inst(int BMCInst)
@@ -146,8 +142,9 @@ int znpdk_SetAllStatusWoS(int BMCInst, INT8U SensorNum, INT16U SensorReading)
         }
         INT8U rc = znpdklib_exSetSensorWoS(SensorNum, static_cast<INT8U>(bit), BMCInst);
         if (rc != 0) {
-            trace_init(kError, 0x05000000, "[SetAllStatusWoS]:SetSensorWoS snsno:%d offset:0x%x BMCInst:%d",
-                       SensorNum, bit, BMCInst);
+            kTraceInit(kLevelError, 0x05000000,
+                       "[SetAllStatusWoS]:SetSensorWoS snsno:%d offset:0x%x BMCInst:%d", SensorNum, bit,
+                       BMCInst);
             ret = rc;
         }
     }
@@ -157,7 +154,7 @@ int znpdk_SetAllStatusWoS(int BMCInst, INT8U SensorNum, INT16U SensorReading)
 /* Sends every FRU sensor whose OEMField is exactly `check` to not installed. */
 int Init_Sensor_notins(int BMCInst, unsigned char check)
 {
-    trace_init(kInfo, 0x05140000, "[INIT_SENSOR_CMU]:Init_Sensor_notins start.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x05140000, "[INIT_SENSOR_CMU]:Init_Sensor_notins start.[BMCInst=%d]", BMCInst);
     for (int s = 0; s < 256; ++s) {
         INT8U sns = static_cast<INT8U>(s);
         if (GetInstSensorOEM(sns, BMCInst) != check) {
@@ -165,13 +162,13 @@ int Init_Sensor_notins(int BMCInst, unsigned char check)
         }
         INT8U type = GetInstSensorType(sns, BMCInst);
         if (type == kTypeFru) {
-            trace_init(
-                kDetail, 0x05140001,
+            kTraceInit(
+                kLevelDetail, 0x05140001,
                 "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
                 s, type, BMCInst);
         } else if (type == kTypeFrue) {
-            trace_init(
-                kDetail, 0x05140002,
+            kTraceInit(
+                kLevelDetail, 0x05140002,
                 "[INIT_SENSOR_CMU]:Init_Sensor_notins sensor=%d type=%2.2x set to not-install.[BMCInst=%d]",
                 s, type, BMCInst);
         } else {
@@ -179,19 +176,29 @@ int Init_Sensor_notins(int BMCInst, unsigned char check)
         }
         set_not_installed(s, BMCInst);
     }
-    trace_init(kInfo, 0x051400FF, "[INIT_SENSOR_CMU]:Init_Sensor_notins end.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x051400FF, "[INIT_SENSOR_CMU]:Init_Sensor_notins end.[BMCInst=%d]", BMCInst);
     return 0;
+}
+
+/* A unit that is not installed: every FRU sensor of its OEMField `check`
+ * reads not installed, between the lines `id` and `id` + 1. */
+void unit_not_installed(int BMCInst, unsigned char check, int unit, uint32_t id, const char* absent,
+                        const char* done)
+{
+    kTraceInit(kLevelInfo, id, absent, unit);
+    Init_Sensor_notins(BMCInst, check);
+    kTraceInit(kLevelInfo, id + 1, done, unit);
 }
 
 /* CMU-level sensors, on the instance of the CMU's even node. */
 int Init_Sensor_CMUInst(int BMCInst)
 {
-    trace_init(kInfo, 0x05120000, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst start.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x05120000, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst start.[BMCInst=%d]", BMCInst);
     set_not_installed(1, BMCInst);
     int cmu = node_of_inst(BMCInst) / 2;
     Component* cmuc = child(root(), COMPO_CMU, cmu);
     if (installed(cmuc)) {
-        trace_init(kInfo, 0x05120011, "[INIT_SENSOR_CMU]:/CMU#%d installed.", cmu);
+        kTraceInit(kLevelInfo, 0x05120011, "[INIT_SENSOR_CMU]:/CMU#%d installed.", cmu);
         for (int j = 0; j < 3; ++j) {
             if (installed(child(cmuc, COMPO_AOC, j))) {
                 continue;
@@ -202,29 +209,29 @@ int Init_Sensor_CMUInst(int BMCInst)
                 set_not_installed(49 + 2 * j + k, BMCInst);
                 set_not_installed(55 + 2 * j + k, BMCInst);
             }
-            trace_init(kInfo, 0x05120013,
+            kTraceInit(kLevelInfo, 0x05120013,
                        "[INIT_SENSOR_CMU]:/CMU#%d/AOC#%d FRU/FRUE sensor set to not-install.", cmu, j);
         }
     } else {
-        trace_init(kInfo, 0x05120001, "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.", cmu);
-        Init_Sensor_notins(BMCInst, 2);
-        trace_init(kInfo, 0x05120002, "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.", cmu);
+        unit_not_installed(BMCInst, 2, cmu, 0x05120001,
+                           "[INIT_SENSOR_CMU]:/CMU#%d not install value set so sensor.",
+                           "[INIT_SENSOR_CMU]:/CMU#%d FRU/FRUE sensor set to not-install.");
     }
-    trace_init(kInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x051200FF, "[INIT_SENSOR_CMU]:Init_Sensor_CMUInst end.[BMCInst=%d]", BMCInst);
     return 0;
 }
 
 /* Sensors of the node unit itself. */
 int Init_Sensor_NODEInst(int BMCInst)
 {
-    trace_init(kInfo, 0x05130000, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst start.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x05130000, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst start.[BMCInst=%d]", BMCInst);
     set_not_installed(0, BMCInst);
     set_not_installed(2, BMCInst);
     int node = node_of_inst(BMCInst);
     Component* top = root();
     Component* cmuc = child(top, COMPO_CMU, node / 2);
     if (installed(child(top, COMPO_NODE, node))) {
-        trace_init(kInfo, 0x05130011, "[INIT_SENSOR_NODE]:NODE#%d installed.", node);
+        kTraceInit(kLevelInfo, 0x05130011, "[INIT_SENSOR_NODE]:NODE#%d installed.", node);
         Component* cpu = child(cmuc, COMPO_CPU, node % 2);
         for (int j = 0; j < 4; ++j) {
             if (!installed(child(cpu, COMPO_MEM, j))) {
@@ -232,12 +239,11 @@ int Init_Sensor_NODEInst(int BMCInst)
             }
         }
     } else {
-        trace_init(kInfo, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.", node);
-        Init_Sensor_notins(BMCInst, 3);
-        trace_init(kInfo, 0x05130002, "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.", node);
+        unit_not_installed(BMCInst, 3, node, 0x05130001, "[INIT_SENSOR_NODE]:NDOE#%d not installed.",
+                           "[INIT_SENSOR_NODE]:NODE#%d FRU/FRUE sensor set to not-install.");
     }
-    trace_init(kInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
-    trace_init(kInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
+    kTraceInit(kLevelInfo, 0x05130020, "[INIT_SENSOR_NODE]:NODE#%d quor status setting completed.", node);
+    kTraceInit(kLevelInfo, 0x051300FF, "[INIT_SENSOR_NODE]:Init_Sensor_NODEInst end.[BMCInst=%d]", BMCInst);
     return 0;
 }
 
@@ -310,10 +316,14 @@ using EscPath = char[kPathMax];
  * file call accepts) without a root or when the path does not fit. */
 void esc_file_path(const char* top, int BMCInst, EscPath& path)
 {
-    int n = top == nullptr ? -1
-                           : snprintf(path, sizeof(path), "%s/var/nvrdisk/current/sensor/esctable_inst%02d",
-                                      top, BMCInst);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
+    const int root_len = top == nullptr ? -1 : snprintf(path, sizeof(path), "%s", top);
+    if (root_len < 0 || static_cast<size_t>(root_len) >= sizeof(path)) {
+        path[0] = '\0';
+        return;
+    }
+    const size_t left = sizeof(path) - static_cast<size_t>(root_len);
+    int n = snprintf(path + root_len, left, "/var/nvrdisk/current/sensor/esctable_inst%02d", BMCInst);
+    if (n < 0 || static_cast<size_t>(n) >= left) {
         path[0] = '\0';
     }
 }
@@ -392,7 +402,8 @@ bool replace_file(const char* path, const EscImage& image)
     if (fd < 0) {
         return false;
     }
-    bool written = write(fd, image, sizeof(image)) == static_cast<ssize_t>(sizeof(image));
+    /* On disk before the rename, so that a power loss leaves one whole table. */
+    bool written = write(fd, image, sizeof(image)) == static_cast<ssize_t>(sizeof(image)) && fsync(fd) == 0;
     close(fd);
     if (!written || rename(tmp, path) != 0) {
         unlink(tmp);
@@ -429,7 +440,7 @@ void fill_escalation_image(int BMCInst, const SensorSharedMem_T& snap, EscImage&
 void build_escalation(int BMCInst)
 {
     uint32_t made[8] = {0};
-    trace_init(kInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
+    kTraceInit(kLevelInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
     std::unique_ptr<SensorSharedMem_T> snap(new SensorSharedMem_T);
     if (!snapshot_sensors(BMCInst, snap.get())) {
         return;
@@ -438,18 +449,19 @@ void build_escalation(int BMCInst)
     fill_escalation_image(BMCInst, *snap, image, made);
     for (int half = 0; half < 2; ++half) {
         const uint32_t* w = &made[half * 4];
-        trace_init(
-            kInfo, 0x05400001, "[znpdklib_make_escalation_info]:create sensor list=%8.8x %8.8x %8.8x %8.8x",
-            static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]), static_cast<int>(w[3]));
+        kTraceInit(kLevelInfo, 0x05400001,
+                   "[znpdklib_make_escalation_info]:create sensor list=%8.8x %8.8x %8.8x %8.8x",
+                   static_cast<int>(w[0]), static_cast<int>(w[1]), static_cast<int>(w[2]),
+                   static_cast<int>(w[3]));
     }
     EscPath path;
     esc_file_path(getSPRoot().c_str(), BMCInst, path);
     /* An unchanged table is left as it is: a start writes nothing to flash. */
     if (!file_holds(path, image) && !replace_file(path, image)) {
-        trace_init(kError, 0x05400002, "[znpdklib_make_escalation_info]:info file create failed. BMCInst=%d",
-                   BMCInst);
+        kTraceInit(kLevelError, 0x05400002,
+                   "[znpdklib_make_escalation_info]:info file create failed. BMCInst=%d", BMCInst);
     }
-    trace_init(kInfo, 0x054000FF, "[znpdklib_make_escalation_info]:end. BMCInst=%d", BMCInst);
+    kTraceInit(kLevelInfo, 0x054000FF, "[znpdklib_make_escalation_info]:end. BMCInst=%d", BMCInst);
 }
 
 /* One instance's file; missing or short parts read as zeros. */
@@ -460,7 +472,7 @@ void read_esc_file(const char* top, int BMCInst, EscImage& image)
     esc_file_path(top, BMCInst, path);
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
-        trace_init(kError, 0x05300001,
+        kTraceInit(kLevelError, 0x05300001,
                    "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", BMCInst,
                    errno);
         return;
@@ -583,7 +595,8 @@ void set_psu_status_sensor(Component* psu, int n, uint32_t st)
     if (st & 0x20000000u) {
         znpdklib_SetSensorWoS(status_sns, 1, 10, kChassisInst);
     }
-    trace_init(kInfo, 0x05020002, "[ZN_INIT_SENSOR_PSU]:/PSU#%d power supply sensor setting completed.", n);
+    kTraceInit(kLevelInfo, 0x05020002, "[ZN_INIT_SENSOR_PSU]:/PSU#%d power supply sensor setting completed.",
+               n);
 }
 
 /* The FRU sensor of an installed PSU: the worst of its error bits. */
@@ -602,10 +615,10 @@ void set_psu_fru_sensor(int n, uint32_t st)
         frue = 5;
     }
     znpdklib_exSetSensorWoS(static_cast<INT8U>(50 + n), static_cast<INT8U>(fru), kChassisInst);
-    trace_init(kInfo, 0x05020003,
+    kTraceInit(kLevelInfo, 0x05020003,
                "[ZN_INIT_SENSOR_PSU]:/PSU#%d FRU/FRUE sensor setting completed.(FRU=%d. FRUE=%d)", n, fru,
                frue);
-    trace_init(kInfo, 0x05020004, "[ZN_INIT_SENSOR_PSU]:PSU redundant sensor not touched in initial.");
+    kTraceInit(kLevelInfo, 0x05020004, "[ZN_INIT_SENSOR_PSU]:PSU redundant sensor not touched in initial.");
 }
 
 /* PSUs numbered outside 0..17 have no sensors and are skipped. */
@@ -618,7 +631,8 @@ void init_psu_sensors()
         int n = psu->getNo();
         current_common_info_t info = read_common(psu);
         if (!info.isInstalled()) {
-            trace_init(kInfo, 0x05020001, "[ZN_INIT_SENSOR_PSU]:/PSU#%d not install value set to sensor.", n);
+            kTraceInit(kLevelInfo, 0x05020001,
+                       "[ZN_INIT_SENSOR_PSU]:/PSU#%d not install value set to sensor.", n);
             set_not_installed(50 + n, kChassisInst);
             set_not_installed(179 + n, kChassisInst);
             continue;
@@ -638,15 +652,15 @@ void init_fanu_sensors()
         int n = fanu->getNo();
         set_not_installed(201 + n, kChassisInst);
         set_not_installed(205 + n, kChassisInst);
-        trace_init(kInfo, 0x05158001, "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d not install value set to sensor.",
-                   n);
+        kTraceInit(kLevelInfo, 0x05158001,
+                   "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d not install value set to sensor.", n);
         for (Component* fan : children(fanu, COMPO_FAN)) {
             if (fan == nullptr || fan->getNo() < 0 || fan->getNo() > 1 || installed(fan)) {
                 continue;
             }
             int m = fan->getNo();
             set_not_installed(209 + 2 * n + m, kChassisInst);
-            trace_init(kInfo, 0x05158002,
+            kTraceInit(kLevelInfo, 0x05158002,
                        "[ZN_INIT_SENSOR_BOB]:/BMCU#0/FANU#%d/FAN#%d not install value set to sensor.", n, m);
         }
     }
@@ -664,82 +678,93 @@ void init_node_defaults(int BMCInst)
             znpdk_SetAllStatusWoS(BMCInst, sns, NODE_SENSOR_INIT_VALUE[s]);
         }
     }
-    trace_init(kInfo, 0x05110001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]",
-               BMCInst);
+    kTraceInit(kLevelInfo, 0x05110001,
+               "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.[BMCInst=%d]", BMCInst);
+}
+
+/* A node's first part of `type`, when missing: its two sensors read not
+ * installed. */
+void part_not_installed(Component* nodec, int type, int first, int second, int BMCInst)
+{
+    std::vector<Component*> found = children(nodec, type);
+    if (found.empty() || installed(found[0])) {
+        return;
+    }
+    set_not_installed(first, BMCInst);
+    set_not_installed(second, BMCInst);
+    const int node = node_of_inst(BMCInst);
+    if (type == COMPO_SSD) {
+        kTraceInit(kLevelInfo, 0x05010005,
+                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.", node / 2,
+                   node % 2);
+    } else {
+        kTraceInit(kLevelInfo, 0x05010006,
+                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
+                   node % 2);
+    }
 }
 
 /* The node's first SSD and PCIe card, when missing. */
 void init_node_parts(int node, int BMCInst)
 {
     Component* nodec = child(root(), COMPO_NODE, node);
-    std::vector<Component*> ssds = children(nodec, COMPO_SSD);
-    if (!ssds.empty() && !installed(ssds[0])) {
-        set_not_installed(145, BMCInst);
-        set_not_installed(146, BMCInst);
-        trace_init(kInfo, 0x05010005, "[ZN_INIT_SENSOR_BOB]:/CMU#%d/SSD#%d0 not install value set to sensor.",
-                   node / 2, node % 2);
-    }
-    std::vector<Component*> cards = children(nodec, COMPO_PCIECARD);
-    if (!cards.empty() && !installed(cards[0])) {
-        set_not_installed(8, BMCInst);
-        set_not_installed(66, BMCInst);
-        trace_init(kInfo, 0x05010006,
-                   "[ZN_INIT_SENSOR_BOB]:/CMU#%d/PCIECARD#%d0 not install value set to sensor.", node / 2,
-                   node % 2);
-    }
+    part_not_installed(nodec, COMPO_SSD, 145, 146, BMCInst);
+    part_not_installed(nodec, COMPO_PCIECARD, 8, 66, BMCInst);
+}
+
+/* A chassis pass between its start line (`id`) and end line (`id` | 0xFF);
+ * a pass stopped by an exception reports -1 and has no end line. */
+int run_pass(const char* function, void (*pass)(), uint32_t id, const char* start, const char* end)
+{
+    kTraceInit(kLevelInfo, id, start);
+    return guard(function, -1, [&] {
+        pass();
+        kTraceInit(kLevelInfo, id | 0xFF, end);
+        return 0;
+    });
 }
 
 } // namespace
 
 int znpdklib_Init_Sensor_Bob(void)
 {
-    trace_init(kInfo, 0x05010000, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob start.");
+    kTraceInit(kLevelInfo, 0x05010000, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob start.");
     for (int s = 0; s < 256; ++s) {
         if (BOB_SENSOR_INIT_VALUE[s] != 0) {
             znpdk_SetAllStatusWoS(kChassisInst, static_cast<INT8U>(s), BOB_SENSOR_INIT_VALUE[s]);
         }
     }
-    trace_init(kInfo, 0x05010001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.");
-    trace_init(kInfo, 0x050100FF, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob end.");
+    kTraceInit(kLevelInfo, 0x05010001, "[ZN_INIT_SENSOR_BOB]:default initial value setting completed.");
+    kTraceInit(kLevelInfo, 0x050100FF, "[ZN_INIT_SENSOR_BOB]:znpdklib_Init_Sensor_Bob end.");
     return 0;
 }
 
-/* A pass stopped by an exception reports -1 (and has no end line). */
 int znpdklib_Init_Sensor_PSU(void)
 {
-    trace_init(kInfo, 0x05020000, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.");
-    return guard(__func__, -1, [] {
-        init_psu_sensors();
-        trace_init(kInfo, 0x050200FF, "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
-        return 0;
-    });
+    return run_pass(__func__, init_psu_sensors, 0x05020000,
+                    "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu start.",
+                    "[ZN_INIT_SENSOR_PSU]:znpdklib_Init_Sensor_Psu end.");
 }
 
 int znpdklib_Init_Sensor_FANU(void)
 {
-    trace_init(kInfo, 0x05158000, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.");
-    return guard(__func__, -1, [] {
-        init_fanu_sensors();
-        trace_init(kInfo, 0x051580FF, "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
-        return 0;
-    });
+    return run_pass(__func__, init_fanu_sensors, 0x05158000,
+                    "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU start.",
+                    "[ZN_INIT_SENSOR_FANU]:znpdklib_Init_Sensor_FANU end.");
 }
 
 int znpdklib_Init_Sensor_Maintenance(void)
 {
-    return guard(__func__, -1, [] {
-        trace_init(kInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
-        const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
-        for (int i = 0; i <= 28; ++i) {
-            znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
-        }
-        for (int j = 0; j < 4; ++j) {
-            znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j],
-                                    kChassisInst);
-        }
-        trace_init(kInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
-        return 0;
-    });
+    kTraceInit(kLevelInfo, 0x05200000, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance start.");
+    const setup_system_info_t setup = read_record<setup_system_info_t>(root(), PROP_SETUP_INFO);
+    for (int i = 0; i <= 28; ++i) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(4 + i), setup.maintenance_sensor[i], kChassisInst);
+    }
+    for (int j = 0; j < 4; ++j) {
+        znpdklib_exSetSensorWoS(static_cast<INT8U>(221 + j), setup.maintenance_sensor[32 + j], kChassisInst);
+    }
+    kTraceInit(kLevelInfo, 0x052000FF, "[INIT_SENSOR_MAINTE]:znpdklib_Init_Sensor_Maintenance end.");
+    return 0;
 }
 
 /* Node instances are 1 to 16; any other instance is left alone. */
@@ -749,20 +774,20 @@ int znpdklib_Init_Sensor_Node(int BMCInst)
         return 0;
     }
     return guard(__func__, -1, [BMCInst] {
-        trace_init(kInfo, 0x05110000, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node start.[BMCInst=%d]",
-                   BMCInst);
+        kTraceInit(kLevelInfo, 0x05110000,
+                   "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node start.[BMCInst=%d]", BMCInst);
         init_node_defaults(BMCInst);
         int node = node_of_inst(BMCInst);
         if (node % 2 == 0) {
-            trace_init(kInfo, 0x05110002, "[ZN_INIT_SENSOR_NODE]:initialize CMU section start.[BMCInst=%d]",
-                       BMCInst);
+            kTraceInit(kLevelInfo, 0x05110002,
+                       "[ZN_INIT_SENSOR_NODE]:initialize CMU section start.[BMCInst=%d]", BMCInst);
             Init_Sensor_CMUInst(BMCInst);
         }
-        trace_init(kInfo, 0x05110004, "[ZN_INIT_SENSOR_NODE]:initialize NDOE section start.[BMCInst=%d]",
+        kTraceInit(kLevelInfo, 0x05110004, "[ZN_INIT_SENSOR_NODE]:initialize NDOE section start.[BMCInst=%d]",
                    BMCInst);
         Init_Sensor_NODEInst(BMCInst);
         init_node_parts(node, BMCInst);
-        trace_init(kInfo, 0x051100FF, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node end.[BMCInst=%d]",
+        kTraceInit(kLevelInfo, 0x051100FF, "[ZN_INIT_SENSOR_NODE]:znpdklib_Init_Sensor_Node end.[BMCInst=%d]",
                    BMCInst);
         return 0;
     });
@@ -821,12 +846,12 @@ void scan_node_errors(int BMCInst, max_frue_offset_t (&worst)[2])
             }
             int offset = sensor_offset(sensor, bmc_inst);
             if (offset > worst[i].offset) {
-                trace_util_line(kInfo, 0x05160002, kOwnNodeError, node_of_inst(bmc_inst), sensor, offset);
+                kTraceUtil(kLevelInfo, 0x05160002, kOwnNodeError, node_of_inst(bmc_inst), sensor, offset);
                 worst[i] = {sensor, static_cast<uint16_t>(offset)};
             }
             int other_node = 1 - i;
             if (is_cmu_cmn_frue_sns(bmc_inst, sensor) && offset > worst[other_node].offset) {
-                trace_util_line(kInfo, 0x05160003, kCmuCommonError, node_of_inst(bmc_inst), sensor, offset);
+                kTraceUtil(kLevelInfo, 0x05160003, kCmuCommonError, node_of_inst(bmc_inst), sensor, offset);
                 worst[other_node] = {sensor, static_cast<uint16_t>(offset)};
             }
         }
@@ -839,14 +864,13 @@ void set_node_error(int bmc_inst, const max_frue_offset_t& worst)
     int eval = node_fru_error(worst, bmc_inst);
     int cur = sensor_offset(10, bmc_inst);
     int node = node_of_inst(bmc_inst);
-    trace_util_line(kInfo, 0x05160004,
-                    "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#%d cur_node_error=%d eval_node_error=%d",
-                    node, cur, eval);
+    kTraceUtil(kLevelInfo, 0x05160004,
+               "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#%d cur_node_error=%d eval_node_error=%d",
+               node, cur, eval);
     if (cur != 0 && cur != eval) {
-        trace_util_line(
-            kInfo, 0x05160005,
-            "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(%d) to Node#%d FRU Error Status", eval,
-            node);
+        kTraceUtil(kLevelInfo, 0x05160005,
+                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(%d) to Node#%d FRU Error Status",
+                   eval, node);
         znpdklib_exSetSensorWoS(10, static_cast<INT8U>(eval), bmc_inst);
     }
 }
@@ -859,12 +883,12 @@ void set_node_error(int bmc_inst, const max_frue_offset_t& worst)
  */
 int znpdklib_Set_Sensor_Node(int BMCInst)
 {
-    trace_util_line(kInfo, 0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=%d",
-                    BMCInst);
+    kTraceUtil(kLevelInfo, 0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=%d",
+               BMCInst);
     if (BMCInst == kChassisInst) {
-        trace_util_line(
-            kInfo, 0x05160001,
-            "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node not support chassis instance . BMCInst=%d", BMCInst);
+        kTraceUtil(kLevelInfo, 0x05160001,
+                   "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node not support chassis instance . BMCInst=%d",
+                   BMCInst);
         return -1;
     }
     if (BMCInst < 0 || BMCInst + 1 >= kChassisInst) {
@@ -875,7 +899,7 @@ int znpdklib_Set_Sensor_Node(int BMCInst)
     for (int i = 0; i < 2; ++i) {
         set_node_error(BMCInst + i, worst[i]);
     }
-    trace_util_line(kInfo, 0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=%d", BMCInst);
+    kTraceUtil(kLevelInfo, 0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=%d", BMCInst);
     return 0;
 }
 
@@ -906,8 +930,8 @@ void znpdklib_get_escalation_info(Esc_Sensor_t* in, Esc_Table_t* out)
         out->esc_list = EscSearch::alloc_list(0);
         return;
     }
-    trace_init(kInfo, 0x05300000, "[znpdklib_get_escalation_info]:start. BMCInst=%d Sensor=%d", in->BMCInst,
-               in->Sensor_No);
+    kTraceInit(kLevelInfo, 0x05300000, "[znpdklib_get_escalation_info]:start. BMCInst=%d Sensor=%d",
+               in->BMCInst, in->Sensor_No);
     /* The lists are made last, by malloc: an exception leaves `out` empty. */
     guard_void(__func__, [in, out] {
         EscImage image;
@@ -923,7 +947,7 @@ void znpdklib_get_escalation_info(Esc_Sensor_t* in, Esc_Table_t* out)
             memset(out, 0, sizeof(*out));
         }
     });
-    trace_init(kInfo, 0x053000FF,
+    kTraceInit(kLevelInfo, 0x053000FF,
                "[znpdklib_get_escalation_info]:end. BMCInst=%d Sensor=%d Sensors=%d Escs=%d", in->BMCInst,
                in->Sensor_No, out->frue_count, out->esc_count);
 }

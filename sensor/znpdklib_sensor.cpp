@@ -29,9 +29,8 @@ namespace {
 
 using namespace znpdk;
 
-constexpr int kInstances = kInstCount;
 constexpr size_t kBlockSize = 1024;
-constexpr size_t kSaveFileSize = kBlockSize * kInstances;
+constexpr size_t kSaveFileSize = kBlockSize * kInstCount;
 constexpr size_t kEntrySize = 4;
 constexpr int kSensorsPerInst = 256;
 constexpr int kStateBits = 16;
@@ -122,10 +121,41 @@ INT8U clear_all_offsets(const SensorInfo_T* info, INT8U SensorNum, int BMCInst, 
     return kOk;
 }
 
+/* The debug lines of one exclusive set form. */
+struct ExclusiveTexts {
+    const char* no_record;
+    const char* clear_failed;
+    const char* lock_failed;
+};
+
+/* Holds a sensor to one offset: under the instance's sensor mutex every
+ * asserted offset is cleared, then `assert_one` sets the new one. */
+template <typename Assert>
+INT8U exclusive_set(INT8U SensorNum, int BMCInst, const ExclusiveTexts& texts, Assert assert_one)
+{
+    return under_sensor_mutex(
+        BMCInst,
+        [&]() -> INT8U {
+            SensorInfo_T* info = find_sensor(SensorNum, BMCInst);
+            if (info == nullptr) {
+                SNS_DBG(texts.no_record, SensorNum, BMCInst);
+                return kNoRecord;
+            }
+            int bit = 0;
+            INT8U ret = clear_all_offsets(info, SensorNum, BMCInst, &bit);
+            if (ret != kOk) {
+                SNS_DBG(texts.clear_failed, SensorNum, BMCInst, bit);
+                return ret;
+            }
+            return assert_one();
+        },
+        [&] { SNS_DBG(texts.lock_failed, SensorNum, BMCInst, -1); });
+}
+
 /* ---- Save area -------------------------------------------------------- */
 
 /* Block k of the mapped save file, or MAP_FAILED while unavailable. */
-uint8_t* Sensor_Save_Mapp[kInstances] = {
+uint8_t* Sensor_Save_Mapp[kInstCount] = {
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
     static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED), static_cast<uint8_t*>(MAP_FAILED),
@@ -151,8 +181,8 @@ constexpr size_t kPathMax = 512;
  * the size is verified before mapping). */
 void fill_new_save_file(int fd)
 {
-    static const uint8_t zeros[kBlockSize] = {};
-    for (int k = 0; k < kInstances; ++k) {
+    const uint8_t zeros[kBlockSize] = {};
+    for (int k = 0; k < kInstCount; ++k) {
         ssize_t n = write(fd, zeros, sizeof(zeros));
         (void)n;
     }
@@ -182,7 +212,7 @@ void map_save_file(int fd)
     }
     sns_fd = fd;
     Sensor_Save_Mapp[0] = static_cast<uint8_t*>(map);
-    for (int k = 1; k < kInstances; ++k) {
+    for (int k = 1; k < kInstCount; ++k) {
         Sensor_Save_Mapp[k] = map == MAP_FAILED
                                   ? static_cast<uint8_t*>(MAP_FAILED)
                                   : static_cast<uint8_t*>(map) + static_cast<size_t>(k) * kBlockSize;
@@ -374,62 +404,29 @@ INT8U znpdklib_SetSensorWS(INT8U SensorNum, int dir, INT8U eventData1, INT8U eve
 
 INT8U znpdklib_exSetSensorWoS(INT8U SensorNum, INT8U offset, int BMCInst)
 {
-    return under_sensor_mutex(
-        BMCInst,
-        [&]() -> INT8U {
-            SensorInfo_T* info = find_sensor(SensorNum, BMCInst);
-            if (info == nullptr) {
-                SNS_DBG("[%s:%d]znpdklib_exSetSensorWoS Error at GetSensorInfo sns:%d BMCInst:%d", SensorNum,
-                        BMCInst);
-                return kNoRecord;
-            }
-            int bit = 0;
-            INT8U ret = clear_all_offsets(info, SensorNum, BMCInst, &bit);
-            if (ret != kOk) {
-                SNS_DBG("[%s:%d]znpdklib_exSetSensorWoS Error at deassert sns:%d BMCInst:%d bit:0x%x",
-                        SensorNum, BMCInst, bit);
-                return ret;
-            }
-            return ZNAPI_SetSensorWoS(SensorNum, 1, offset, BMCInst);
-        },
-        [&] {
-            SNS_DBG(
-                "[%s:%d]znpdklib_exSetSensorWoS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d",
-                SensorNum, BMCInst, -1);
-        });
+    const ExclusiveTexts texts = {
+        "[%s:%d]znpdklib_exSetSensorWoS Error at GetSensorInfo sns:%d BMCInst:%d",
+        "[%s:%d]znpdklib_exSetSensorWoS Error at deassert sns:%d BMCInst:%d bit:0x%x",
+        "[%s:%d]znpdklib_exSetSensorWoS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d"};
+    return exclusive_set(SensorNum, BMCInst, texts,
+                         [&] { return ZNAPI_SetSensorWoS(SensorNum, 1, offset, BMCInst); });
 }
 
 INT8U znpdklib_exSetSensorWS(INT8U SensorNum, INT8U eventData1, INT8U eventData2, INT8U eventData3,
                              int BMCInst, INT16U* recordID)
 {
+    const ExclusiveTexts texts = {
+        "[%s:%d]znpdklib_exSetSensorWS Error at GetSensorInfo sns:%d BMCInst:%d",
+        "[%s:%d]znpdklib_exSetSensorWS Error at bit deassert sns:%d BMCInst:%d bit:0x%x",
+        "[%s:%d]znpdklib_exSetSensorWS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d"};
     if (recordID == nullptr) {
         SNS_DBG("[%s:%d]znpdklib_exSetSensorWS param Error");
         return kFailed;
     }
-    return under_sensor_mutex(
-        BMCInst,
-        [&]() -> INT8U {
-            SensorInfo_T* info = find_sensor(SensorNum, BMCInst);
-            if (info == nullptr) {
-                SNS_DBG("[%s:%d]znpdklib_exSetSensorWS Error at GetSensorInfo sns:%d BMCInst:%d", SensorNum,
-                        BMCInst);
-                return kNoRecord;
-            }
-            /* Clearing adds no SEL record; only the assertion below does. */
-            int bit = 0;
-            INT8U ret = clear_all_offsets(info, SensorNum, BMCInst, &bit);
-            if (ret != kOk) {
-                SNS_DBG("[%s:%d]znpdklib_exSetSensorWS Error at bit deassert sns:%d BMCInst:%d bit:0x%x",
-                        SensorNum, BMCInst, bit);
-                return ret;
-            }
-            return ZNAPI_SetSensorWS(SensorNum, 1, eventData1, eventData2, eventData3, BMCInst, recordID);
-        },
-        [&] {
-            SNS_DBG(
-                "[%s:%d]znpdklib_exSetSensorWS Error at OS_THREAD_MUTEX_ACQUIRE_LOCK sns:%d BMCInst:%d ret:%d",
-                SensorNum, BMCInst, -1);
-        });
+    /* Clearing adds no SEL record; only the assertion does. */
+    return exclusive_set(SensorNum, BMCInst, texts, [&] {
+        return ZNAPI_SetSensorWS(SensorNum, 1, eventData1, eventData2, eventData3, BMCInst, recordID);
+    });
 }
 
 int znpdklib_getDiscreteStatusSensorStatus(int sensor, INT16U* status, int BMCInst)
