@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <map>
+#include <set>
+#include <type_traits>
 
 #include "ipmi_stack.h"
 #include "sp_sysobj.h"
@@ -16,10 +18,6 @@
 #include "sputil.h"
 #include "znlib.h"
 #include "znpdk_sim/sim.h"
-
-#ifdef ZNPDK_BENCH_SANITIZE
-#include <sanitizer/allocator_interface.h>
-#endif
 
 namespace zbench {
 namespace {
@@ -34,7 +32,10 @@ enum Kind {
     kSelTime,
     kTrace2,
     kTrace4,
-    kTraceN, /* sp_trace25 to sp_trace28: a[4] holds the value count */
+    kTrace25,
+    kTrace26,
+    kTrace27,
+    kTrace28,
     kHap,
     kHapLog,
     kSaveLog,
@@ -57,18 +58,22 @@ enum Kind {
     kWriteUnlock,
     kFileExists,
     kFilePath,
+    kSpRoot,
     kKinds
 };
 
-const char* const kKindNames[kKinds] = {
-    "mutex_lock",         "mutex_unlock",       "GetSensorInfo",    "GetSensorReading",
-    "GetSensorType",      "AddSELEntry",        "GetSelTimeStamp",  "sp_trace2",
-    "sp_trace4",          "sp_trace2N",         "exechap",          "exechap_withlog",
-    "save_sel_error_log", "DBGetProperty",      "led_read",         "led_control",
-    "psu_ctlinfo",        "clear_sensor_list",  "sem_open",         "sem_lock",
-    "sem_unlock",         "sem_close",          "znlib_sem_close",  "getRoot",
-    "getComponent",       "getComponent(list)", "getProperty",      "setProperty",
-    "writeLock",          "writeUnlock",        "FileCheck::exist", "getSPFilePath"};
+const char* const kKindNames[] = {
+    "mutex_lock",         "mutex_unlock",     "GetSensorInfo",   "GetSensorReading",
+    "GetSensorType",      "AddSELEntry",      "GetSelTimeStamp", "sp_trace2",
+    "sp_trace4",          "sp_trace25",       "sp_trace26",      "sp_trace27",
+    "sp_trace28",         "exechap",          "exechap_withlog", "save_sel_error_log",
+    "DBGetProperty",      "led_read",         "led_control",     "psu_ctlinfo",
+    "clear_sensor_list",  "sem_open",         "sem_lock",        "sem_unlock",
+    "sem_close",          "znlib_sem_close",  "getRoot",         "getComponent",
+    "getComponent(list)", "getProperty",      "setProperty",     "writeLock",
+    "writeUnlock",        "FileCheck::exist", "getSPFilePath",   "getSPRoot"};
+/* One name per kind: a kind added without its name fails to build. */
+static_assert(sizeof(kKindNames) / sizeof(kKindNames[0]) == kKinds, "every kind has a name");
 
 std::atomic<uint64_t> g_allocs{0};
 
@@ -114,12 +119,37 @@ class Entry {
     Call* call_;
 };
 
-void set_ints(Call* c, std::initializer_list<int> v)
+/* Strings of recorded calls, each kept once for the life of the process. */
+const std::string* intern(const std::string& text)
 {
-    int i = 0;
-    for (int x : v) {
-        c->a[i++] = x;
+    static std::set<std::string>* pool = new std::set<std::string>();
+    return &*pool->insert(text).first;
+}
+
+/* Keeps one argument: integers in order in a[], strings in order in s[],
+ * the first other pointer in ptr (output buffers are not kept). */
+template <typename T> void keep(Call* c, int& ai, int& si, T v)
+{
+    if constexpr (std::is_integral_v<T>) {
+        c->a[ai++] = static_cast<int>(v);
+    } else if constexpr (std::is_same_v<T, const char*>) {
+        c->s[si++] = intern(v != nullptr ? v : "");
+    } else if (c->ptr == nullptr) {
+        c->ptr = v;
     }
+}
+
+/* Forwards a call to the simulated platform's `name`, recording it. */
+template <int Kind, typename R, typename... A> R forward(const char* name, A... args)
+{
+    static const auto next = next_fn<R (*)(A...)>(name);
+    Entry e(Kind);
+    if (Call* c = e.call()) {
+        [[maybe_unused]] int ai = 0;
+        [[maybe_unused]] int si = 0;
+        (keep(c, ai, si, args), ...);
+    }
+    return next(args...);
 }
 
 /* Scratch output of replayed calls: large enough for any record or image. */
@@ -165,19 +195,23 @@ std::string summary(const Plan& plan)
 using sp::sysobj::Component;
 using zbench::Call;
 using zbench::Entry;
+using zbench::intern;
 using zbench::next_fn;
-using zbench::set_ints;
 
 /* ---- Heap counting ------------------------------------------------------ */
 
 #ifdef ZNPDK_BENCH_SANITIZE
+/* The sanitizer runtime owns malloc; it calls these hooks instead. */
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, size_t),
+                                                         void (*free_hook)(const volatile void*));
 namespace {
 void count_malloc(const volatile void*, size_t)
 {
     zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
 }
-struct HookInstall {
-    HookInstall() { __sanitizer_install_malloc_and_free_hooks(count_malloc, nullptr); }
+void ignore_free(const volatile void*) {}
+struct HookInstall { /* both hooks are required */
+    HookInstall() { __sanitizer_install_malloc_and_free_hooks(count_malloc, ignore_free); }
 } g_hooks;
 } // namespace
 #else
@@ -233,37 +267,115 @@ void free(void* p)
 /* ---- Forwarding entry points -------------------------------------------- */
 
 #define ZB_NEXT(type, name) static const auto next = next_fn<type>(name)
+/* The plain forwarders: every argument kept by its type. */
+#define ZB_FORWARD(kind, name, ...)                                                                          \
+    return zbench::forward<zbench::kind, decltype(name(__VA_ARGS__))>(#name, __VA_ARGS__)
 
 extern "C" {
 
 int OS_THREAD_MUTEX_ACQUIRE_LOCK(pthread_mutex_t* mutex)
 {
-    ZB_NEXT(int (*)(pthread_mutex_t*), "OS_THREAD_MUTEX_ACQUIRE_LOCK");
-    Entry e(zbench::kMutexLock);
-    if (Call* c = e.call()) {
-        c->ptr = mutex;
-    }
-    return next(mutex);
+    ZB_FORWARD(kMutexLock, OS_THREAD_MUTEX_ACQUIRE_LOCK, mutex);
 }
 
 int OS_THREAD_MUTEX_RELEASE_LOCK(pthread_mutex_t* mutex)
 {
-    ZB_NEXT(int (*)(pthread_mutex_t*), "OS_THREAD_MUTEX_RELEASE_LOCK");
-    Entry e(zbench::kMutexUnlock);
-    if (Call* c = e.call()) {
-        c->ptr = mutex;
-    }
-    return next(mutex);
+    ZB_FORWARD(kMutexUnlock, OS_THREAD_MUTEX_RELEASE_LOCK, mutex);
 }
 
 SensorInfo_T* GetSensorInfo(INT8U SensorNum, INT8U OwnerLUN, int BMCInst)
 {
-    ZB_NEXT(SensorInfo_T * (*)(INT8U, INT8U, int), "GetSensorInfo");
-    Entry e(zbench::kSensorInfo);
-    if (Call* c = e.call()) {
-        set_ints(c, {SensorNum, OwnerLUN, BMCInst});
-    }
-    return next(SensorNum, OwnerLUN, BMCInst);
+    ZB_FORWARD(kSensorInfo, GetSensorInfo, SensorNum, OwnerLUN, BMCInst);
+}
+
+INT32U GetSelTimeStamp(int BMCInst)
+{
+    ZB_FORWARD(kSelTime, GetSelTimeStamp, BMCInst);
+}
+
+void sp_trace2(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+               int a4)
+{
+    ZB_FORWARD(kTrace2, sp_trace2, level, region, module, id, fmt, a1, a2, a3, a4);
+}
+
+void sp_trace4(int level, int region, int module, uint32_t id, const char* fmt, const char* s)
+{
+    ZB_FORWARD(kTrace4, sp_trace4, level, region, module, id, fmt, s);
+}
+
+void sp_trace25(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5)
+{
+    ZB_FORWARD(kTrace25, sp_trace25, level, region, module, id, fmt, a1, a2, a3, a4, a5);
+}
+
+void sp_trace26(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6)
+{
+    ZB_FORWARD(kTrace26, sp_trace26, level, region, module, id, fmt, a1, a2, a3, a4, a5, a6);
+}
+
+void sp_trace27(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6, int a7)
+{
+    ZB_FORWARD(kTrace27, sp_trace27, level, region, module, id, fmt, a1, a2, a3, a4, a5, a6, a7);
+}
+
+void sp_trace28(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
+                int a4, int a5, int a6, int a7, int a8)
+{
+    ZB_FORWARD(kTrace28, sp_trace28, level, region, module, id, fmt, a1, a2, a3, a4, a5, a6, a7, a8);
+}
+
+int znlib_DBGetProperty(const char* path, int key, unsigned int size, void* buffer)
+{
+    ZB_FORWARD(kDbGet, znlib_DBGetProperty, path, key, size, buffer);
+}
+
+int znlib_led_read(int compo_type, int compo_no, int led, int option)
+{
+    ZB_FORWARD(kLedRead, znlib_led_read, compo_type, compo_no, led, option);
+}
+
+int znlib_led_control(int compo_type, int compo_no, int led, int state)
+{
+    ZB_FORWARD(kLedControl, znlib_led_control, compo_type, compo_no, led, state);
+}
+
+int znlib_psu_ctlinfo(int psuno, uint32_t* psuinfo)
+{
+    ZB_FORWARD(kPsuInfo, znlib_psu_ctlinfo, psuno, psuinfo);
+}
+
+int znlib_log_get_clear_sensor_list(int BMCInst, int sensor, splog_clear_sensor_list* list)
+{
+    ZB_FORWARD(kClearList, znlib_log_get_clear_sensor_list, BMCInst, sensor, list);
+}
+
+sem_t* _znlib_sem_open(const char* name, int flag)
+{
+    ZB_FORWARD(kSemOpen, _znlib_sem_open, name, flag);
+}
+
+int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
+{
+    ZB_FORWARD(kSemLock, _znlib_sem_lock, handle, name, flag);
+}
+
+int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
+{
+    ZB_FORWARD(kSemUnlock, _znlib_sem_unlock, handle, name, flag);
+}
+
+int _znlib_sem_close(sem_t* handle, int flag)
+{
+    ZB_FORWARD(kSemClose, _znlib_sem_close, handle, flag);
+}
+
+int znlib_sem_close(sem_t* handle)
+{
+    ZB_FORWARD(kSemCloseAll, znlib_sem_close, handle);
 }
 
 } // extern "C"
@@ -272,6 +384,7 @@ namespace {
 
 using IpmiCmd = int (*)(INT8U*, INT8U, INT8U*, int);
 
+/* The request bytes are kept; the response goes to the caller. */
 int ipmi_command(IpmiCmd next, int kind, INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
 {
     Entry e(kind);
@@ -285,10 +398,20 @@ int ipmi_command(IpmiCmd next, int kind, INT8U* pReq, INT8U ReqLen, INT8U* pRes,
     return next(pReq, ReqLen, pRes, BMCInst);
 }
 
-void record_trace(Call* c, int level, int region, int module, uint32_t id, const char* fmt)
+/* The parameter words the simulated procedure read (it keeps them). */
+void record_hap(Call* c, const char* target, const char* procedure, const char* mode, const uint32_t* para)
 {
-    c->ptr = fmt;
-    set_ints(c, {level, region, module, static_cast<int>(id)});
+    c->s[0] = intern(target != nullptr ? target : "");
+    c->s[1] = intern(procedure != nullptr ? procedure : "");
+    c->s[2] = intern(mode != nullptr ? mode : "");
+    c->a[0] = para != nullptr;
+    std::vector<zsim::HapCall> calls = zsim::hap_calls();
+    if (para != nullptr && !calls.empty()) {
+        const std::vector<uint32_t>& words = calls.back().para;
+        c->bytes.assign(reinterpret_cast<const uint8_t*>(words.data()),
+                        reinterpret_cast<const uint8_t*>(words.data() + words.size()));
+        c->bytes.resize(c->bytes.size() + 64, 0); /* room past what the model reads */
+    }
 }
 
 } // namespace
@@ -312,107 +435,6 @@ int AddSELEntry(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst)
     ZB_NEXT(IpmiCmd, "AddSELEntry");
     return ipmi_command(next, zbench::kSelAdd, pReq, ReqLen, pRes, BMCInst);
 }
-
-INT32U GetSelTimeStamp(int BMCInst)
-{
-    ZB_NEXT(INT32U(*)(int), "GetSelTimeStamp");
-    Entry e(zbench::kSelTime);
-    if (Call* c = e.call()) {
-        c->a[0] = BMCInst;
-    }
-    return next(BMCInst);
-}
-
-void sp_trace2(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
-               int a4)
-{
-    ZB_NEXT(void (*)(int, int, int, uint32_t, const char*, int, int, int, int), "sp_trace2");
-    Entry e(zbench::kTrace2);
-    if (Call* c = e.call()) {
-        record_trace(c, level, region, module, id, fmt);
-        c->a[4] = a1;
-        c->a[5] = a2;
-        c->a[6] = a3;
-        c->a[7] = a4;
-    }
-    next(level, region, module, id, fmt, a1, a2, a3, a4);
-}
-
-void sp_trace4(int level, int region, int module, uint32_t id, const char* fmt, const char* s)
-{
-    ZB_NEXT(void (*)(int, int, int, uint32_t, const char*, const char*), "sp_trace4");
-    Entry e(zbench::kTrace4);
-    if (Call* c = e.call()) {
-        record_trace(c, level, region, module, id, fmt);
-        c->a[4] = s != nullptr;
-        c->s[0] = s != nullptr ? s : "";
-    }
-    next(level, region, module, id, fmt, s);
-}
-
-/* sp_trace25 to sp_trace28 share one replay: the value count in a[4], the
- * values from a[5] on (at most 5 are kept; the others replay as 0). */
-#define ZB_TRACE_N(name, count, ...)                                                                         \
-    ZB_NEXT(decltype(&name), #name);                                                                         \
-    Entry e(zbench::kTraceN);                                                                                \
-    if (Call* c = e.call()) {                                                                                \
-        record_trace(c, level, region, module, id, fmt);                                                     \
-        const int v[] = {__VA_ARGS__};                                                                       \
-        c->a[4] = count;                                                                                     \
-        c->bytes.assign(reinterpret_cast<const uint8_t*>(v), reinterpret_cast<const uint8_t*>(v + count));   \
-    }
-
-void sp_trace25(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
-                int a4, int a5)
-{
-    ZB_TRACE_N(sp_trace25, 5, a1, a2, a3, a4, a5);
-    next(level, region, module, id, fmt, a1, a2, a3, a4, a5);
-}
-
-void sp_trace26(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
-                int a4, int a5, int a6)
-{
-    ZB_TRACE_N(sp_trace26, 6, a1, a2, a3, a4, a5, a6);
-    next(level, region, module, id, fmt, a1, a2, a3, a4, a5, a6);
-}
-
-void sp_trace27(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
-                int a4, int a5, int a6, int a7)
-{
-    ZB_TRACE_N(sp_trace27, 7, a1, a2, a3, a4, a5, a6, a7);
-    next(level, region, module, id, fmt, a1, a2, a3, a4, a5, a6, a7);
-}
-
-void sp_trace28(int level, int region, int module, uint32_t id, const char* fmt, int a1, int a2, int a3,
-                int a4, int a5, int a6, int a7, int a8)
-{
-    ZB_TRACE_N(sp_trace28, 8, a1, a2, a3, a4, a5, a6, a7, a8);
-    next(level, region, module, id, fmt, a1, a2, a3, a4, a5, a6, a7, a8);
-}
-
-} // extern "C"
-
-namespace {
-
-/* The parameter words the simulated procedure read (it keeps them). */
-void record_hap(Call* c, const char* target, const char* procedure, const char* mode, const uint32_t* para)
-{
-    c->s[0] = target != nullptr ? target : "";
-    c->s[1] = procedure != nullptr ? procedure : "";
-    c->s[2] = mode != nullptr ? mode : "";
-    c->a[0] = para != nullptr;
-    std::vector<zsim::HapCall> calls = zsim::hap_calls();
-    if (para != nullptr && !calls.empty()) {
-        const std::vector<uint32_t>& words = calls.back().para;
-        c->bytes.assign(reinterpret_cast<const uint8_t*>(words.data()),
-                        reinterpret_cast<const uint8_t*>(words.data() + words.size()));
-        c->bytes.resize(c->bytes.size() + 64, 0); /* room past what the model reads */
-    }
-}
-
-} // namespace
-
-extern "C" {
 
 int znlib_hce_exechap(const char* target, const char* procedure, const char* mode, const uint32_t* para,
                       uint32_t* data)
@@ -456,113 +478,6 @@ int znpdklib_log_save_sel_error_log(splog_info* loginfo, splog_linkup_info* logl
     return next(loginfo, loglink);
 }
 
-int znlib_DBGetProperty(const char* path, int key, unsigned int size, void* buffer)
-{
-    ZB_NEXT(decltype(&znlib_DBGetProperty), "znlib_DBGetProperty");
-    Entry e(zbench::kDbGet);
-    if (Call* c = e.call()) {
-        c->s[0] = path != nullptr ? path : "";
-        set_ints(c, {key, static_cast<int>(size)});
-    }
-    return next(path, key, size, buffer);
-}
-
-int znlib_led_read(int compo_type, int compo_no, int led, int option)
-{
-    ZB_NEXT(decltype(&znlib_led_read), "znlib_led_read");
-    Entry e(zbench::kLedRead);
-    if (Call* c = e.call()) {
-        set_ints(c, {compo_type, compo_no, led, option});
-    }
-    return next(compo_type, compo_no, led, option);
-}
-
-int znlib_led_control(int compo_type, int compo_no, int led, int state)
-{
-    ZB_NEXT(decltype(&znlib_led_control), "znlib_led_control");
-    Entry e(zbench::kLedControl);
-    if (Call* c = e.call()) {
-        set_ints(c, {compo_type, compo_no, led, state});
-    }
-    return next(compo_type, compo_no, led, state);
-}
-
-int znlib_psu_ctlinfo(int psuno, uint32_t* psuinfo)
-{
-    ZB_NEXT(decltype(&znlib_psu_ctlinfo), "znlib_psu_ctlinfo");
-    Entry e(zbench::kPsuInfo);
-    if (Call* c = e.call()) {
-        c->a[0] = psuno;
-    }
-    return next(psuno, psuinfo);
-}
-
-int znlib_log_get_clear_sensor_list(int BMCInst, int sensor, splog_clear_sensor_list* list)
-{
-    ZB_NEXT(decltype(&znlib_log_get_clear_sensor_list), "znlib_log_get_clear_sensor_list");
-    Entry e(zbench::kClearList);
-    if (Call* c = e.call()) {
-        set_ints(c, {BMCInst, sensor});
-    }
-    return next(BMCInst, sensor, list);
-}
-
-sem_t* _znlib_sem_open(const char* name, int flag)
-{
-    ZB_NEXT(decltype(&_znlib_sem_open), "_znlib_sem_open");
-    Entry e(zbench::kSemOpen);
-    if (Call* c = e.call()) {
-        c->s[0] = name != nullptr ? name : "";
-        c->a[0] = flag;
-    }
-    return next(name, flag);
-}
-
-int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
-{
-    ZB_NEXT(decltype(&_znlib_sem_lock), "_znlib_sem_lock");
-    Entry e(zbench::kSemLock);
-    if (Call* c = e.call()) {
-        c->ptr = handle;
-        c->s[0] = name != nullptr ? name : "";
-        c->a[0] = flag;
-    }
-    return next(handle, name, flag);
-}
-
-int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
-{
-    ZB_NEXT(decltype(&_znlib_sem_unlock), "_znlib_sem_unlock");
-    Entry e(zbench::kSemUnlock);
-    if (Call* c = e.call()) {
-        c->ptr = handle;
-        c->s[0] = name != nullptr ? name : "";
-        c->a[0] = flag;
-    }
-    return next(handle, name, flag);
-}
-
-int _znlib_sem_close(sem_t* handle, int flag)
-{
-    ZB_NEXT(decltype(&_znlib_sem_close), "_znlib_sem_close");
-    Entry e(zbench::kSemClose);
-    if (Call* c = e.call()) {
-        c->ptr = handle;
-        c->a[0] = flag;
-    }
-    return next(handle, flag);
-}
-
-int znlib_sem_close(sem_t* handle)
-{
-    ZB_NEXT(decltype(&znlib_sem_close), "znlib_sem_close");
-    Entry e(zbench::kSemCloseAll);
-    if (Call* c = e.call()) {
-        c->ptr = handle;
-    }
-    return next(handle);
-}
-
 } // extern "C"
 
 /* The component database and file helpers are C++: the simulated platform's
@@ -570,20 +485,13 @@ int znlib_sem_close(sem_t* handle)
  * as first argument. */
 Component* Component::getRoot()
 {
-    ZB_NEXT(Component * (*)(), "_ZN2sp6sysobj9Component7getRootEv");
-    Entry e(zbench::kRoot);
-    return next();
+    return zbench::forward<zbench::kRoot, Component*>("_ZN2sp6sysobj9Component7getRootEv");
 }
 
 Component* Component::getComponent(int type, int no)
 {
-    ZB_NEXT(Component * (*)(Component*, int, int), "_ZN2sp6sysobj9Component12getComponentEii");
-    Entry e(zbench::kChild);
-    if (Call* c = e.call()) {
-        c->ptr = this;
-        set_ints(c, {type, no});
-    }
-    return next(this, type, no);
+    return zbench::forward<zbench::kChild, Component*>("_ZN2sp6sysobj9Component12getComponentEii", this, type,
+                                                       no);
 }
 
 void Component::getComponent(int type, std::vector<Component*>& list)
@@ -600,13 +508,8 @@ void Component::getComponent(int type, std::vector<Component*>& list)
 
 int Component::getProperty(int key, void* buffer, unsigned int length)
 {
-    ZB_NEXT(int (*)(Component*, int, void*, unsigned int), "_ZN2sp6sysobj9Component11getPropertyEiPvj");
-    Entry e(zbench::kGetProp);
-    if (Call* c = e.call()) {
-        c->ptr = this;
-        set_ints(c, {key, static_cast<int>(length)});
-    }
-    return next(this, key, buffer, length);
+    return zbench::forward<zbench::kGetProp, int>("_ZN2sp6sysobj9Component11getPropertyEiPvj", this, key,
+                                                  buffer, length);
 }
 
 int Component::setProperty(int key, const void* buffer, unsigned int length)
@@ -627,22 +530,12 @@ int Component::setProperty(int key, const void* buffer, unsigned int length)
 
 void Component::writeLock()
 {
-    ZB_NEXT(void (*)(Component*), "_ZN2sp6sysobj9Component9writeLockEv");
-    Entry e(zbench::kWriteLock);
-    if (Call* c = e.call()) {
-        c->ptr = this;
-    }
-    next(this);
+    zbench::forward<zbench::kWriteLock, void>("_ZN2sp6sysobj9Component9writeLockEv", this);
 }
 
 void Component::writeUnlock()
 {
-    ZB_NEXT(void (*)(Component*), "_ZN2sp6sysobj9Component11writeUnlockEv");
-    Entry e(zbench::kWriteUnlock);
-    if (Call* c = e.call()) {
-        c->ptr = this;
-    }
-    next(this);
+    zbench::forward<zbench::kWriteUnlock, void>("_ZN2sp6sysobj9Component11writeUnlockEv", this);
 }
 
 bool sp::util::file::FileCheck::exist(const std::string& path_)
@@ -651,7 +544,7 @@ bool sp::util::file::FileCheck::exist(const std::string& path_)
             "_ZN2sp4util4file9FileCheck5existERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
     Entry e(zbench::kFileExists);
     if (Call* c = e.call()) {
-        c->s[0] = path_;
+        c->s[0] = intern(path_);
     }
     return next(path_);
 }
@@ -662,9 +555,14 @@ std::string getSPFilePath(const std::string& filePath)
             "_Z13getSPFilePathRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
     Entry e(zbench::kFilePath);
     if (Call* c = e.call()) {
-        c->s[0] = filePath;
+        c->s[0] = intern(filePath);
     }
     return next(filePath);
+}
+
+std::string getSPRoot()
+{
+    return zbench::forward<zbench::kSpRoot, std::string>("_Z9getSPRootB5cxx11v");
 }
 
 /* ---- Replay ------------------------------------------------------------- */
@@ -707,47 +605,40 @@ void replay(const Plan& plan, uint32_t* shared_word)
             GetSelTimeStamp(a[0]);
             break;
         case kTrace2:
-            sp_trace2(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), static_cast<const char*>(c.ptr), a[4],
-                      a[5], a[6], a[7]);
+            sp_trace2(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), a[4], a[5], a[6], a[7]);
             break;
         case kTrace4:
-            sp_trace4(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), static_cast<const char*>(c.ptr),
-                      a[4] != 0 ? c.s[0].c_str() : nullptr);
+            sp_trace4(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), c.s[1]->c_str());
             break;
-        case kTraceN: {
-            int v[8] = {};
-            memcpy(v, c.bytes.data(), c.bytes.size() < sizeof(v) ? c.bytes.size() : sizeof(v));
-            const char* fmt = static_cast<const char*>(c.ptr);
-            const uint32_t id = static_cast<uint32_t>(a[3]);
-            switch (a[4]) {
-            case 5:
-                sp_trace25(a[0], a[1], a[2], id, fmt, v[0], v[1], v[2], v[3], v[4]);
-                break;
-            case 6:
-                sp_trace26(a[0], a[1], a[2], id, fmt, v[0], v[1], v[2], v[3], v[4], v[5]);
-                break;
-            case 7:
-                sp_trace27(a[0], a[1], a[2], id, fmt, v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
-                break;
-            default:
-                sp_trace28(a[0], a[1], a[2], id, fmt, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-                break;
-            }
+        case kTrace25:
+            sp_trace25(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), a[4], a[5], a[6], a[7],
+                       a[8]);
             break;
-        }
+        case kTrace26:
+            sp_trace26(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), a[4], a[5], a[6], a[7],
+                       a[8], a[9]);
+            break;
+        case kTrace27:
+            sp_trace27(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), a[4], a[5], a[6], a[7],
+                       a[8], a[9], a[10]);
+            break;
+        case kTrace28:
+            sp_trace28(a[0], a[1], a[2], static_cast<uint32_t>(a[3]), c.s[0]->c_str(), a[4], a[5], a[6], a[7],
+                       a[8], a[9], a[10], a[11]);
+            break;
         case kHap:
         case kHapLog: {
             const uint32_t* para = a[0] != 0 ? reinterpret_cast<const uint32_t*>(c.bytes.data()) : nullptr;
             uint32_t* data = reinterpret_cast<uint32_t*>(out);
             if (c.kind == kHap) {
-                znlib_hce_exechap(c.s[0].c_str(), c.s[1].c_str(), c.s[2].c_str(), para, data);
+                znlib_hce_exechap(c.s[0]->c_str(), c.s[1]->c_str(), c.s[2]->c_str(), para, data);
             } else {
                 splog_info info;
                 splog_linkup_info link;
                 memset(&info, 0, sizeof(info));
                 memset(&link, 0, sizeof(link));
-                znlib_hce_exechap_noerrlogregist_withlinklog(c.s[0].c_str(), c.s[1].c_str(), c.s[2].c_str(),
-                                                             para, data, &info, &link);
+                znlib_hce_exechap_noerrlogregist_withlinklog(c.s[0]->c_str(), c.s[1]->c_str(),
+                                                             c.s[2]->c_str(), para, data, &info, &link);
             }
             break;
         }
@@ -760,7 +651,7 @@ void replay(const Plan& plan, uint32_t* shared_word)
             break;
         }
         case kDbGet:
-            znlib_DBGetProperty(c.s[0].c_str(), a[0], static_cast<unsigned>(a[1]), out);
+            znlib_DBGetProperty(c.s[0]->c_str(), a[0], static_cast<unsigned>(a[1]), out);
             break;
         case kLedRead:
             znlib_led_read(a[0], a[1], a[2], a[3]);
@@ -775,16 +666,16 @@ void replay(const Plan& plan, uint32_t* shared_word)
             znlib_log_get_clear_sensor_list(a[0], a[1], reinterpret_cast<splog_clear_sensor_list*>(out));
             break;
         case kSemOpen:
-            _znlib_sem_open(c.s[0].c_str(), a[0]);
+            _znlib_sem_open(c.s[0]->c_str(), a[0]);
             break;
         case kSemLock:
-            if (_znlib_sem_lock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0].c_str(), a[0]) == 0) {
+            if (_znlib_sem_lock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0]->c_str(), a[0]) == 0) {
                 __atomic_store_n(shared_word, __atomic_load_n(shared_word, __ATOMIC_RELAXED) + 1,
                                  __ATOMIC_RELAXED);
             }
             break;
         case kSemUnlock:
-            _znlib_sem_unlock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0].c_str(), a[0]);
+            _znlib_sem_unlock(static_cast<sem_t*>(const_cast<void*>(c.ptr)), c.s[0]->c_str(), a[0]);
             break;
         case kSemClose:
             _znlib_sem_close(static_cast<sem_t*>(const_cast<void*>(c.ptr)), a[0]);
@@ -818,10 +709,13 @@ void replay(const Plan& plan, uint32_t* shared_word)
             static_cast<Component*>(const_cast<void*>(c.ptr))->writeUnlock();
             break;
         case kFileExists:
-            sp::util::file::FileCheck::exist(c.s[0]);
+            sp::util::file::FileCheck::exist(*c.s[0]);
             break;
         case kFilePath:
-            getSPFilePath(c.s[0]);
+            getSPFilePath(*c.s[0]);
+            break;
+        case kSpRoot:
+            getSPRoot();
             break;
         default:
             break;

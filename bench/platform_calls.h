@@ -16,13 +16,14 @@
 
 namespace zbench {
 
-/* One platform call as the library made it. */
+/* One platform call as the library made it; kept small, since a replay
+ * walks thousands of them. */
 struct Call {
     int kind = 0;
     const void* ptr = nullptr; /* mutex, semaphore, component, format */
-    int a[10] = {};
-    std::string s[3];           /* target / procedure / mode, names, paths */
-    std::vector<uint8_t> bytes; /* request, record or parameter words */
+    int a[12] = {};
+    const std::string* s[3] = {}; /* target / procedure / mode, names, paths (interned) */
+    std::vector<uint8_t> bytes;   /* request, record or parameter words */
 };
 
 using Plan = std::vector<Call>;
