@@ -487,7 +487,7 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
     for (Esc_Sensor_t in :
          {Esc_Sensor_t{4, 3, 0x30}, Esc_Sensor_t{-1, 3, 0x30}, Esc_Sensor_t{INT_MIN, 3, 0x30},
           Esc_Sensor_t{0, 18, 0x30}, Esc_Sensor_t{0, -1, 0x30}}) {
-        add(fmt("znpdklib_get_escalation_info(spec %d, inst %d, sensor %d)", in.esc_spec, in.BMCInst,
+        add(fmt("znpdklib_get_escalation_info(esc_spec %d, inst %d, sensor %d)", in.esc_spec, in.BMCInst,
                 in.Sensor_No),
             0, {}, [=] {
                 Esc_Sensor_t q = in;
