@@ -14,3 +14,6 @@ for preset in host armhf; do
   echo "=== ${preset}: test"
   ctest --preset "${preset}"
 done
+
+echo "=== tsan: build and test under ThreadSanitizer"
+scripts/ci-tsan.sh

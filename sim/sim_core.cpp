@@ -6,10 +6,13 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,7 +30,8 @@ std::mutex g_root_mutex;
 std::string g_root;
 Shared* g_shared = nullptr;
 size_t g_shared_size = 0;
-int g_thread_baseline = 0;
+std::atomic<int> g_thread_baseline{0};
+constexpr int kResetWaitMs = 5000;
 
 struct Model {
     std::string name;
@@ -112,8 +116,30 @@ void reset_shared(Shared* s)
     s->magic = kMagic;
 }
 
+/* Runtimes that start a helper thread lazily at the first thread creation
+ * (ThreadSanitizer's background thread) start it here, before the baseline
+ * is taken, so it never counts as a library thread. */
+void settle_runtime_threads()
+{
+    static const bool settled = [] {
+        long tid = 0;
+        std::thread([&tid] { tid = syscall(SYS_gettid); }).join();
+        /* A joined thread can still be listed for a moment (qemu-user):
+         * wait until it is gone, or it would count in the baseline. */
+        const std::string task = "/proc/self/task/" + std::to_string(tid);
+        struct stat st;
+        for (int i = 0; i < 2000 && stat(task.c_str(), &st) == 0; ++i) {
+            struct timespec pause = {0, 500000L};
+            nanosleep(&pause, nullptr);
+        }
+        return true;
+    }();
+    (void)settled;
+}
+
 void reset_process_local()
 {
+    reset_kill_points();
     reset_ipmi();
     reset_db_local();
     reset_znlib();
@@ -121,11 +147,28 @@ void reset_process_local()
     reset_driver();
     reset_clock_local();
     run_model_hooks();
+    settle_runtime_threads();
     g_thread_baseline = count_tasks();
 }
 
 void start(const std::string& root, bool fresh)
 {
+    /* A check thread of the previous machine still running would see the
+     * sensor tables and mutexes reset under it: let it end first (bounded,
+     * a thread the caller keeps running must not hang the reset). */
+    if (g_shared != nullptr) {
+        wait_library_threads(kResetWaitMs);
+        /* A detached thread is never joined: taking every lock that such a
+         * thread releases last orders its last accesses before the reset. */
+        {
+            MetaLock lock;
+        }
+        reset_trace();
+        reset_znlib();
+        reset_ipmi();
+        reset_driver();
+        reset_clock_local();
+    }
     make_dirs(root);
     make_dirs(root + "/var/nvrdisk/current/sensor");
     make_dirs(root + "/tmp/.boot");

@@ -602,14 +602,20 @@ int Component::setProperty(int key, const void* buffer, unsigned int length)
         (buffer == nullptr && length > 0)) {
         return -1;
     }
-    zsim::internal::Shared* s = shared();
-    MetaLock lock;
-    ComponentEntry* e = entry(s, oid_);
-    if (e == nullptr) {
-        return -1;
+    zsim::internal::reach(zsim::KillPoint::RecordWrite);
+    bool stored = false;
+    {
+        zsim::internal::Shared* s = shared();
+        MetaLock lock;
+        ComponentEntry* e = entry(s, oid_);
+        if (e == nullptr) {
+            return -1;
+        }
+        __atomic_add_fetch(&e->writes, 1u, __ATOMIC_RELAXED);
+        stored = zsim::internal::store_record(s, e, key, buffer, length);
     }
-    __atomic_add_fetch(&e->writes, 1u, __ATOMIC_RELAXED);
-    return zsim::internal::store_record(s, e, key, buffer, length) ? 0 : -1;
+    zsim::internal::reach(zsim::KillPoint::RecordWrite);
+    return stored ? 0 : -1;
 }
 
 void Component::writeLock()

@@ -102,6 +102,14 @@ void reset_trace();
 void reset_driver();
 void reset_clock_local();
 void run_model_hooks();
+void reset_kill_points();
+
+/* Counts a visit of a kill point and dies there when it is armed for it. */
+void reach(KillPoint point);
+/* Whether `point` counts visits (kill_at() was called since the reset). */
+bool kill_point_active(KillPoint point);
+/* The semaphore wait bound of set_sem_wait_limit(), in milliseconds. */
+int sem_wait_limit_ms();
 
 /* Shared-state reset of the database part (root component). */
 void reset_db_shared(Shared* s);

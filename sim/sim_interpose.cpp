@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/select.h>
 #include <time.h>
@@ -58,6 +59,25 @@ DriverState& ds()
 template <typename Fn> Fn next_symbol(const char* name)
 {
     return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+/* Whether a path names an escalation table (or its temporary copy). */
+bool escalation_path(const char* path)
+{
+    return path != nullptr && strstr(path, "esctable_inst") != nullptr;
+}
+
+bool escalation_fd(int fd)
+{
+    char link[64];
+    char target[512];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(link, target, sizeof(target) - 1);
+    if (n <= 0) {
+        return false;
+    }
+    target[n] = '\0';
+    return escalation_path(target);
 }
 
 /* Lets other threads run after a virtual sleep, so polling loops do not starve them. */
@@ -323,6 +343,36 @@ int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struc
     timeout->tv_usec = 0;
     zsim::internal::give_way();
     return 0;
+}
+
+/* Writes and renames reach the escalation kill point only while it counts,
+ * so every other write keeps its plain path. */
+ssize_t write(int fd, const void* buf, size_t count)
+{
+    if (zsim::internal::kill_point_active(zsim::KillPoint::EscalationWrite) &&
+        zsim::internal::escalation_fd(fd)) {
+        zsim::internal::reach(zsim::KillPoint::EscalationWrite);
+    }
+    static auto real = next_symbol<ssize_t (*)(int, const void*, size_t)>("write");
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(fd, buf, count);
+}
+
+int rename(const char* oldpath, const char* newpath) noexcept
+{
+    if (zsim::internal::kill_point_active(zsim::KillPoint::EscalationWrite) &&
+        zsim::internal::escalation_path(newpath)) {
+        zsim::internal::reach(zsim::KillPoint::EscalationWrite);
+    }
+    static auto real = next_symbol<int (*)(const char*, const char*)>("rename");
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(oldpath, newpath);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept

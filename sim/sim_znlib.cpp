@@ -84,6 +84,9 @@ int run_hap(const char* target, const char* procedure, const char* mode, const u
         size_t n = para_words(call.procedure, call.mode, para);
         call.para.assign(para, para + n);
     }
+    if (call.procedure == "BOB_R_BOBC_FANC") {
+        reach(KillPoint::FanCheckPoll);
+    }
     HapHandler handler;
     {
         ZnlibState& s = zs();
@@ -267,6 +270,12 @@ void fail_sem_lock(int code)
 
 using zsim::internal::zs;
 
+static bool is_save_area_sem(const char* name)
+{
+    static const char kPrefix[] = "/filelock_snsdata";
+    return name != nullptr && strncmp(name, kPrefix, sizeof(kPrefix) - 1) == 0;
+}
+
 extern "C" {
 
 int znlib_hce_exechap(const char* target, const char* procedure, const char* mode, const uint32_t* para,
@@ -418,7 +427,6 @@ sem_t* _znlib_sem_open(const char* name, int flag)
 
 int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
 {
-    (void)name;
     (void)flag;
     {
         std::lock_guard<std::mutex> lock(zs().mutex);
@@ -430,23 +438,34 @@ int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
         return EINVAL;
     }
     /* Bounded in real time, so that a crashed holder cannot hang a test forever. */
+    const long limit_ms = zsim::internal::sem_wait_limit_ms();
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 30;
+    deadline.tv_sec += limit_ms / 1000;
+    deadline.tv_nsec += (limit_ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
     while (sem_timedwait(handle, &deadline) != 0) {
         if (errno != EINTR) {
             return errno;
         }
+    }
+    if (is_save_area_sem(name)) {
+        zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
     }
     return 0;
 }
 
 int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
 {
-    (void)name;
     (void)flag;
     if (handle == nullptr) {
         return EINVAL;
+    }
+    if (is_save_area_sem(name)) {
+        zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
     }
     return sem_post(handle) == 0 ? 0 : errno;
 }

@@ -217,6 +217,30 @@ int library_threads_running();
 /* Waits (real time) until no library thread is running; false on time-out. */
 bool wait_library_threads(int timeout_ms = 20000);
 
+/* ---- Killed processes ----------------------------------------------------- */
+/* Points at which a process can be made to die by SIGKILL, as a BMC process
+ * killed by a watchdog or the OOM killer would:
+ *   SaveAreaSemHeld  while it holds the save-area semaphore of an instance
+ *                    ("/filelock_snsdata%d"): reached right after the lock is
+ *                    taken and right before it is released, twice per write;
+ *   RecordWrite      inside a component record write (setProperty): reached
+ *                    before and after the record's bytes are stored;
+ *   EscalationWrite  in the middle of an escalation table rebuild: every
+ *                    write() to, and every rename() onto, an escalation file
+ *                    ("esctable_inst" in its name);
+ *   FanCheckPoll     during a fan check poll: every run of "BOB_R_BOBC_FANC". */
+enum class KillPoint { SaveAreaSemHeld = 0, RecordWrite, EscalationWrite, FanCheckPoll };
+/* From now on, counts the times this process reaches `point` (from 1) and
+ * kills the process when the count reaches `n`; `n` 0 only counts.
+ * Process-local; init() and attach() disarm every point. */
+void kill_at(KillPoint point, int n);
+/* Times `point` was reached since its last kill_at() (0 when never armed). */
+int kill_point_hits(KillPoint point);
+/* Real-time bound of a wait for a named semaphore before the lock answers
+ * ETIMEDOUT (default 30000 ms). The platform does not release a semaphore
+ * whose holder died, so every later wait for it runs into this bound. */
+void set_sem_wait_limit(int ms);
+
 /* ---- Files below the root ----------------------------------------------- */
 /* root() + path; creates parent directories when `mkdirs`. */
 std::string file_path(const std::string& path, bool mkdirs = false);
