@@ -30,11 +30,21 @@ bool layers_tidy(const unit_position_id_t& id)
 int layers_of_code(int up)
 {
     switch (up) {
-    case 1: case 2: case 3: case 4: case 5: case 7: case 8: case 128:
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 7:
+    case 8:
+    case 128:
         return 1;
     case 23:
         return 2;
-    case 19: case 20: case 33: case 34:
+    case 19:
+    case 20:
+    case 33:
+    case 34:
         return 3;
     default:
         return 0;
@@ -71,15 +81,16 @@ int expected_outage_answer(const std::string& list)
 
 void clear_records(int which, int no, uint32_t offbit)
 {
-    static void (*const kClear[])(int, uint32_t) = {znpdklib_cleardb_biou, znpdklib_cleardb_giou,
-                                                     znpdklib_cleardb_psu,  znpdklib_cleardb_cmu,
-                                                     znpdklib_cleardb_iorc, znpdklib_cleardb_system,
-                                                     znpdklib_cleardb_fanu};
-    static const int kType[] = {COMPO_BIOU, COMPO_GIOU, COMPO_PSU, COMPO_CMU, COMPO_IORC, COMPO_SYSTEM, COMPO_FANU};
+    static void (*const kClear[])(int, uint32_t) = {
+        znpdklib_cleardb_biou, znpdklib_cleardb_giou,   znpdklib_cleardb_psu, znpdklib_cleardb_cmu,
+        znpdklib_cleardb_iorc, znpdklib_cleardb_system, znpdklib_cleardb_fanu};
+    static const int kType[] = {COMPO_BIOU, COMPO_GIOU,   COMPO_PSU, COMPO_CMU,
+                                COMPO_IORC, COMPO_SYSTEM, COMPO_FANU};
     const int n = static_cast<int>(sizeof(kType) / sizeof(kType[0]));
     which %= n;
     /* BIOU and the root have one instance each: the number is not used. */
-    const int unit = kType[which] == COMPO_SYSTEM ? 1 : zsim::find(kType[which], kType[which] == COMPO_BIOU ? 0 : no);
+    const int unit =
+        kType[which] == COMPO_SYSTEM ? 1 : zsim::find(kType[which], kType[which] == COMPO_BIOU ? 0 : no);
     const uint32_t before =
         unit < 0 ? 0 : zsim::get<current_common_info_t>(unit, PROP_CURRENT_COMMON_INFO).status;
     kClear[which](no, offbit);
@@ -97,12 +108,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static const bool ready = [] {
         zsim::init(zfuzz::root());
         zsim::build_default_machine();
-        zsim::script_hap("FUZZ_HAP", "", [](const zsim::HapCall&, uint32_t*, splog_info* info, splog_linkup_info*) {
-            if (info != nullptr) {
-                strcpy(info->ras_code, "FUZZ_HAP");
-            }
-            return -5;
-        });
+        zsim::script_hap("FUZZ_HAP", "",
+                         [](const zsim::HapCall&, uint32_t*, splog_info* info, splog_linkup_info*) {
+                             if (info != nullptr) {
+                                 strcpy(info->ras_code, "FUZZ_HAP");
+                             }
+                             return -5;
+                         });
         return true;
     }();
     (void)ready;
