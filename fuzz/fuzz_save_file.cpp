@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <vector>
 
 #include "fuzz_support.h"
@@ -60,8 +62,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (pid == 0) {
         _exit(recover_and_check(file));
     }
+    zfuzz::expect(pid > 0, "child started");
     int status = 0;
-    zfuzz::expect(pid > 0 && waitpid(pid, &status, 0) == pid, "child started");
+    pid_t got;
+    do { /* libFuzzer's time-out alarm interrupts the wait */
+        got = waitpid(pid, &status, 0);
+    } while (got < 0 && errno == EINTR);
+    zfuzz::expect(got == pid, "child waited for");
     zfuzz::expect(WIFEXITED(status) && WEXITSTATUS(status) == 0, "child ended cleanly");
     return 0;
 }

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ googletest g++-arm-linux-gnueabihf qemu-user nlohmann-json3-dev
-          binutils clang-format)
+          binutils clang-format clang libclang-rt-14-dev abigail-tools gcovr)
 
 missing=()
 for p in "${packages[@]}"; do
