@@ -121,9 +121,86 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {wrap(R"({"expect": {"sel": {"count": 1}}})"), "/steps/0/expect/sel"},
         {wrap(R"({"expect": {"files": [{"path": "/x", "at": 4}]}})"), "/steps/0/expect/files/0/at"},
         {R"({"name": "t", "setup": [{"note": "x", "expect": {"time": 0}}], "steps": []})", "/setup/0/expect"},
+        /* A false event is no event: the step must still say what it is. */
+        {wrap(R"({"hap": {"clear": false}})"), "/steps/0/hap"},
+        {wrap(R"({"fan": {"fan": 3}})"), "/steps/0/fan"},
+        {wrap(R"({"fan": {"fan": 3, "stall": false}})"), ""},
+        {wrap(R"({"fan": {"fan": 3, "stall": "yes"}})"), "/steps/0/fan/stall"},
+        {wrap(R"({"process": "Fan monitor", "note": "x"})"), "/steps/0/process"},
+        {wrap(R"({"process": "fan-mon_2", "note": "x"})"), ""},
+        /* Components named must exist at that step. */
+        {wrap(R"({"remove_component": "/SYSTEM#0/PSU#18"})"), "/steps/0/remove_component"},
+        {wrap(R"({"remove_component": "/PSU#17"})"), ""},
+        {wrap(R"({"remove_component": "/SYSTEM#0/FANU#1"}, {"remove_component": "/SYSTEM#0/FANU#1/FAN#0"})"),
+         "/steps/1/remove_component"},
+        {wrap(R"({"add_component": {"path": "/SYSTEM#0/PSU#18"}}, {"remove_component": "/SYSTEM#0/PSU#18"})"),
+         ""},
+        {wrap(R"({"add_component": {"path": "/SYSTEM#0/CMU#9/CPU#0"}})"), "/steps/0/add_component/path"},
+        {wrap(R"({"add_component": {"path": "/SYSTEM#0/NODE#20", "parents": ["/SYSTEM#0/CMU#8"]}})"),
+         "/steps/0/add_component/parents/0"},
+        {wrap(
+             R"({"remove_component": "/SYSTEM#0/NODE#3"}, {"record": {"path": "/SYSTEM#0/NODE#3", "record": "common"}})"),
+         "/steps/1/record/path"},
+        {wrap(R"({"record": {"path": "/SYSTEM#0/CMU#1/NODE#3", "record": "common"}})"), ""},
+        {R"({"name": "t", "machine": "empty", "steps": [{"remove_component": "/SYSTEM#0/PSU#1"}]})",
+         "/steps/0/remove_component"},
+        /* Expected values against the type of what they expect. */
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": "one"}})"),
+         "/steps/0/expect/ret"},
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": {"one_of": [0, "x"]}}})"),
+         "/steps/0/expect/ret/one_of/1"},
+        {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": {"not": -1}}})"), ""},
+        {wrap(
+             R"({"call": "znpdklib_create_fan_rotation_check_thread", "args": [2, 1], "expect": {"ret": 0}})"),
+         "/steps/0/expect/ret"},
+        {wrap(
+             R"({"call": "znpdklib_check_fan_redundancy", "args": [0, "out"], "expect": {"out": {"fanc_er": 0}}})"),
+         "/steps/0/expect/out/fanc_er"},
+        {wrap(
+             R"({"call": "znpdklib_check_fan_redundancy", "args": [0, "out"], "expect": {"out": {"mode": 0}}})"),
+         "/steps/0/expect/out/mode"},
+        {wrap(R"({"call": "znpdklib_check_fan_redundancy", "args": [0, "out"],
+                  "expect": {"out": {"fanc_err": {"contains": "1"}}}})"),
+         "/steps/0/expect/out/fanc_err/contains"},
+        {wrap(R"({"expect": {"sensors": [{"inst": 17, "num": 129, "state": "0x8002"}]}})"),
+         "/steps/0/expect/sensors/0/state"},
+        {wrap(R"({"expect": {"sel": {"inst": 17, "count": "two"}}})"), "/steps/0/expect/sel/count"},
+        {wrap(R"({"expect": {"time": -1}})"), "/steps/0/expect/time"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(mistake(c.text), c.where) << c.text;
+    }
+}
+
+TEST(SimScenarioFile, MessagesNameTheTypeRangeAndTheUnknownName)
+{
+    struct Case {
+        std::string step;
+        std::string message;
+    };
+    const Case cases[] = {
+        {R"({"call": "znpdklib_check_psu_redundancy", "args": [2147483648]})",
+         "expected znpdklib_check_psu_redundancy argument 0 (mode, int) (an integer from -2147483648 to "
+         "2147483647), got 2147483648"},
+        {R"({"call": "znpdklib_SetSensorWoS", "args": [-1, 1, 0, 17]})",
+         "expected znpdklib_SetSensorWoS argument 0 (SensorNum, INT8U) (an integer from 0 to 255), got -1"},
+        {R"({"call": "znpdklib_cleardb_psu", "args": [0, -1]})",
+         "expected znpdklib_cleardb_psu argument 1 (offbit, uint32_t) (an integer from 0 to 4294967295), got -1"},
+        {R"({"call": "znpdklib_check_psu_redundancy", "args": {"mdoe": 3}})",
+         "znpdklib_check_psu_redundancy has no parameter \"mdoe\" (did you mean mode?); it takes mode"},
+        {R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": "one"}})",
+         "expected the result of ZNAPI_Sensor_Init (an integer from -2147483648 to 2147483647), got \"one\""},
+        {R"({"remove_component": "/SYSTEM#0/PSU#18"})",
+         "the machine has no component /SYSTEM#0/PSU#18 at this step (\"znpdk-sim machine\" lists the default "
+         "machine; add_component adds one)"},
+    };
+    for (const Case& c : cases) {
+        try {
+            load_scenario(wrap(c.step), "test.json");
+            ADD_FAILURE() << c.step << " was accepted";
+        } catch (const ScenarioError& e) {
+            EXPECT_EQ(std::string(e.what()), c.message) << c.step;
+        }
     }
 }
 
@@ -285,4 +362,71 @@ TEST(SimScenarioRun, ListExpectationsCoverTheStepOrTheRun)
         {"expect": {"sel": {"inst": 17, "contains": [{"assert": false}, {"assert": true}], "since": "start"}}}
       ]})";
     EXPECT_EQ(run_child(text), 1);
+}
+
+TEST(SimScenarioRun, FalseBooleansDoNothing)
+{
+    struct Case {
+        const char* step;
+        const char* expect;
+    };
+    const Case cases[] = {
+        {R"({"fan": {"fan": 3, "stall": false}})",
+         R"({"fans": {"speeds": [9000, 9000, 9000, 9000, 9000, 9000, 9000, 9000]}})"},
+        {R"({"fan": {"fan": 3, "stall": true}})",
+         R"({"fans": {"speeds": [9000, 9000, 9000, 0, 9000, 9000, 9000, 9000]}})"},
+        {R"({"file": {"path": "/tmp/f", "remove": false}})",
+         R"({"files": [{"path": "/tmp/f", "text": "kept"}]})"},
+        {R"({"file": {"path": "/tmp/f", "remove": true}})",
+         R"({"files": [{"path": "/tmp/f", "exists": false}]})"},
+    };
+    for (const Case& c : cases) {
+        std::string text = std::string(R"({"name": "b", "save_area": false, "steps": [
+            {"file": {"path": "/tmp/f", "text": "kept"}}, {"advance": 120}, )") +
+                           c.step + R"(, {"advance": 120, "expect": )" + c.expect + "}]}";
+        EXPECT_EQ(run_child(text), 0) << c.step;
+    }
+}
+
+TEST(SimScenarioRun, SetupCallsAreSavedAndErrorLinesShown)
+{
+    const std::string text = R"({
+      "name": "setup",
+      "setup": [{"call": "znpdklib_SetSensorWoS", "args": [129, 1, 2, 17]}],
+      "steps": [
+        {"expect": {"saved_sensors": [{"inst": 17, "num": 129, "reading": "0x0006"}]}},
+        {"call": "znpdklib_SetSensorWoS", "args": [250, 1, 0, 17], "expect": {"ret": 203}}
+      ]})";
+    std::string printed;
+    EXPECT_EQ(run_child(text, false, &printed), 0) << printed;
+    EXPECT_NE(printed.find("debug output: [znpdklib_sensor:"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("znpdklib_SetSensorWoS Error sns:250 dir:1 bit:0x0 BMCInst:17"), std::string::npos)
+        << printed;
+}
+
+TEST(SimScenarioRun, NamedProcessesHandBackStatesAndLogs)
+{
+    const std::string text = R"({
+      "name": "procs",
+      "steps": [
+        {"process": "a", "call": "znpdklib_SetSensorWS", "args": [35, 1, "0x04", 0, 0, 17, "out"],
+         "expect": {"sensors": [{"inst": 17, "num": 35, "state": "0x0012"}]}},
+        {"process": "b", "call": "znpdklib_getDiscreteStatusSensorStatus", "args": [35, "out", 17],
+         "expect": {"ret": 0, "out": {"status": "0x0013"}}}
+      ]})";
+    std::string printed;
+    EXPECT_EQ(run_child(text, true, &printed), 1);
+    json run = json::parse(printed);
+    ASSERT_EQ(run["steps"].size(), 2u);
+    const json& first = run["steps"][0];
+    EXPECT_EQ(first["process"], "a");
+    ASSERT_EQ(first["events"].size(), 2u);
+    EXPECT_EQ(first["events"][0]["kind"], "sel");
+    EXPECT_EQ(first["events"][0]["SensorNum"], 35);
+    EXPECT_EQ(first["events"][1]["kind"], "sensor");
+    EXPECT_EQ(first["events"][1]["new"], 0x12);
+    EXPECT_EQ(run["steps"][1]["process"], "b");
+    EXPECT_EQ(run["steps"][1]["out"]["status"], 0x8012); /* bit 15 as the stack keeps it */
+    ASSERT_EQ(run["steps"][1]["failures"].size(), 1u);
+    EXPECT_EQ(run["steps"][1]["failures"][0]["where"], "/steps/1/expect/out/status");
 }

@@ -32,6 +32,23 @@ class Registry {
     }
 
   private:
+    void component_records();
+    void setup_records();
+    void psu_controller_records();
+    void router_and_flags_records();
+    void position_and_escalation_records();
+    void log_records();
+    void ipmi_records();
+
+    const Type* u8 = nullptr;
+    const Type* i8 = nullptr;
+    const Type* u16 = nullptr;
+    const Type* u32 = nullptr;
+    const Type* i32 = nullptr;
+    const Type* u64 = nullptr;
+    const Type* chr = nullptr;
+    const Type* ptr = nullptr;
+
     const Type* scalar(const std::string& name, size_t size, Scalar s)
     {
         Type t;
@@ -70,15 +87,26 @@ class Registry {
 
 Registry::Registry()
 {
-    const Type* u8 = scalar("uint8", 1, Scalar::U8);
-    const Type* i8 = scalar("int8", 1, Scalar::I8);
-    const Type* u16 = scalar("uint16", 2, Scalar::U16);
-    const Type* u32 = scalar("uint32", 4, Scalar::U32);
-    const Type* i32 = scalar("int32", 4, Scalar::I32);
-    const Type* u64 = scalar("uint64", 8, Scalar::U64);
-    const Type* chr = scalar("char", 1, Scalar::Char);
-    const Type* ptr = scalar("pointer", sizeof(void*), Scalar::Pointer);
+    u8 = scalar("uint8", 1, Scalar::U8);
+    i8 = scalar("int8", 1, Scalar::I8);
+    u16 = scalar("uint16", 2, Scalar::U16);
+    u32 = scalar("uint32", 4, Scalar::U32);
+    i32 = scalar("int32", 4, Scalar::I32);
+    u64 = scalar("uint64", 8, Scalar::U64);
+    chr = scalar("char", 1, Scalar::Char);
+    ptr = scalar("pointer", sizeof(void*), Scalar::Pointer);
+    component_records();
+    setup_records();
+    psu_controller_records();
+    router_and_flags_records();
+    position_and_escalation_records();
+    log_records();
+    ipmi_records();
+}
 
+/* The common and system records of the component database. */
+void Registry::component_records()
+{
     using CC = current_common_info_t;
     record("current_common_info_t", sizeof(CC),
            {F(CC, status, u32), F(CC, remcs_status, u32), F(CC, remcs_time, u32), F(CC, physicalNo, u16),
@@ -123,7 +151,11 @@ Registry::Registry()
             F(SI, acpi_name, u8, 8),
             F(SI, reserve43, u8, 856),
             F(SI, reserve4, u8, 1024)});
+}
 
+/* The setup record and the types inside it. */
+void Registry::setup_records()
+{
     const Type* dbg = record("debug_flags_t", sizeof(debug_flags_t), {F(debug_flags_t, debug_flag, u32, 64)});
     const Type* qpos = record("quor_position_t", sizeof(quor_position_t),
                               {F(quor_position_t, X, i8), F(quor_position_t, Y, i8),
@@ -158,7 +190,10 @@ Registry::Registry()
             F(SU, snmp_disable, u32),
             F(SU, default_engineID, chr, 32),
             F(SU, reserve3, u8, 128)});
+}
 
+void Registry::psu_controller_records()
+{
     using PB = psuc_bob_t;
     const Type* pbob =
         record("psuc_bob_t", sizeof(PB),
@@ -175,7 +210,11 @@ Registry::Registry()
         record("psuc_all_t", sizeof(psuc_all_t), {F(psuc_all_t, bob, pbob, 3), F(psuc_all_t, common, pcom)});
     record("current_psuc_info_t", sizeof(current_psuc_info_t),
            {F(current_psuc_info_t, psuc, pall), F(current_psuc_info_t, rsv, u8, 68)});
+}
 
+/* The router record and the shared flags area with its job table. */
+void Registry::router_and_flags_records()
+{
     using QP = quor_port_info_t;
     const Type* qport =
         record("quor_port_info_t", sizeof(QP),
@@ -202,7 +241,10 @@ Registry::Registry()
         Corvo_Job_regist_flag_t rows[2][18];
     };
     record("job_regist_rows", sizeof(JobRows), {F(JobRows, rows, job, 2, 18)});
+}
 
+void Registry::position_and_escalation_records()
+{
     using UP = unit_position_id_t;
     record("unit_position_id_t", sizeof(UP), {F(UP, nameID, u8), F(UP, count, u8), F(UP, partLayer, u8, 6)});
     using ES = Esc_Sensor_t;
@@ -213,7 +255,11 @@ Registry::Registry()
     using PK = packed_clear_sensor_list;
     record("packed_clear_sensor_list", sizeof(PK),
            {F(PK, valid, i8), F(PK, BMCInst, i8), F(PK, fru_sensor, u8), F(PK, frue_sensor, u8)});
+}
 
+/* RAS error logs and clear-sensor lists of the controller support library. */
+void Registry::log_records()
+{
     const Type* latch =
         record("splog_latch_code", sizeof(splog_latch_code), {F(splog_latch_code, latch_code, u32)});
     using LI = splog_info;
@@ -230,7 +276,11 @@ Registry::Registry()
     using CL = splog_clear_sensor_list;
     record("splog_clear_sensor_list", sizeof(CL),
            {F(CL, valid, i32), F(CL, BMCInst, i32), F(CL, fru_sensor, i32), F(CL, frue_sensor, i32)});
+}
 
+/* The IPMI stack's SEL, sensor reading and sensor records. */
+void Registry::ipmi_records()
+{
     const Type* selhdr =
         record("SELRecHdr_T", sizeof(SELRecHdr_T),
                {F(SELRecHdr_T, ID, u16), F(SELRecHdr_T, Type, u8), F(SELRecHdr_T, TimeStamp, u32)});
@@ -248,8 +298,6 @@ Registry::Registry()
            {F(SN, SensorReading, u16), F(SN, PreviousState, u16), F(SN, SensorNumber, u8),
             F(SN, SensorTypeCode, u8), F(SN, EventTypeCode, u8), F(SN, SensorOwnerLun, u8),
             F(SN, OEMField, u8), F(SN, EventFlags, u8), F(SN, EventLevel, u8), F(SN, Reserved, u8)});
-    (void)u16;
-    (void)i32;
 }
 
 #undef F

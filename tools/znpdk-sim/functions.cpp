@@ -127,30 +127,14 @@ Param text(const char* n)
     return {n, PK::Path};
 }
 
-std::vector<Function> build_table()
+void sensor_functions(std::vector<Function>& t)
 {
     const char* S = "sensor state operations";
     const char* P = "sensor state persistence";
     const char* A = "shared flags area and controller checks";
     const char* U = "unit position ids";
-    const char* I = "initial sensor states";
-    const char* N = "node error evaluation";
-    const char* E = "escalation table";
-    const char* T = "port topology queries";
-    const char* Q = "port status and beacon check";
-    const char* O = "emergency and BMC-reboot outage";
-    const char* H = "procedure execution and record clearing";
-    const char* Sq = "sequence flags and monitor checks";
-    const char* L = "BoB alarm LED";
-    const char* R = "PSU redundancy";
-    const char* Rr = "redundancy recovery";
-    const char* Fs = "fan speed by reasons";
-    const char* Fr = "fan redundancy";
-    const char* Fc = "fan rotation checks";
-    const char* Fb = "fan check bookkeeping";
-    const char* Ft = "fan check threads";
     const PK u16r = PK::U16Ref;
-    return {
+    std::vector<Function> fns = {
         FN(ZNAPI_SetSensorWoS, S, u8("SensorNum"), i32("dir"), u8("offset"), i32("BMCInst")),
         FN(ZNAPI_SaveSensorTypeSEL, S, u8("SensorNum"), i32("dir"), u8("eventData1"), u8("eventData2"),
            u8("eventData3"), i32("BMCInst"), ref("recordId", u16r)),
@@ -180,6 +164,18 @@ std::vector<Function> build_table()
         FN(znpdklib_path2upid, U, text("path"), st("upid", "unit_position_id_t")),
         FN(znpdklib_upid2upid, U, i32("up"), i32("no"), compo("compo"), st("upid", "unit_position_id_t")),
         FN(znpdklib_upid2upid_pc, U, i32("up"), i32("no"), text("path"), st("upid", "unit_position_id_t")),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void start_up_and_port_functions(std::vector<Function>& t)
+{
+    const char* I = "initial sensor states";
+    const char* N = "node error evaluation";
+    const char* E = "escalation table";
+    const char* T = "port topology queries";
+    const char* Q = "port status and beacon check";
+    std::vector<Function> fns = {
         FN(ZNAPI_Sensor_Init, I, i32("BMCInst")),
         FN(znpdklib_Init_Sensor_Bob, I),
         FN(znpdklib_Init_Sensor_PSU, I),
@@ -203,6 +199,17 @@ std::vector<Function> build_table()
         FN(znpdklib_updateQuorPortStatus, Q, i32("routerno")),
         FN(znpdklib_checkBeaconErrorPort, Q, i32("routerno")),
         FN(znpdklib_clearQuorPortErrorStatus, Q, i32("routerno"), i32("lportno")),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void outage_and_flag_functions(std::vector<Function>& t)
+{
+    const char* O = "emergency and BMC-reboot outage";
+    const char* H = "procedure execution and record clearing";
+    const char* Sq = "sequence flags and monitor checks";
+    const char* L = "BoB alarm LED";
+    std::vector<Function> fns = {
         FN(znpdklib_setEmergencyOutage, O, i32("type"), i32("no"), u8("val")),
         FN(znpdklib_clearEmergencyOutage, O, i32("type"), i32("no")),
         FN(znpdklib_setBMCRebootOutage, O, i32("type"), i32("no"), u8("val")),
@@ -227,6 +234,20 @@ std::vector<Function> build_table()
         FN(znpdklib_shmem_corvo_job_regist_flags, Sq, i32("mode"), i32("BMCInst"), u8("regist_mode"),
            u8("regist_method"), st("datap", "job_regist_rows")),
         FN(znpdklib_clear_bob_alarm_led, L),
+    };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+void redundancy_and_fan_functions(std::vector<Function>& t)
+{
+    const char* R = "PSU redundancy";
+    const char* Rr = "redundancy recovery";
+    const char* Fs = "fan speed by reasons";
+    const char* Fr = "fan redundancy";
+    const char* Fc = "fan rotation checks";
+    const char* Fb = "fan check bookkeeping";
+    const char* Ft = "fan check threads";
+    std::vector<Function> fns = {
         FN(znpdklib_check_psu_redundancy, R, i32("mode")),
         FN(znpdklib_check_psu_redundancy_for_psu_control, R, i32("mode"), i32("psuno")),
         FN(znpdklib_redundancy_recover, Rr, i32("sensor_clear")),
@@ -248,9 +269,49 @@ std::vector<Function> build_table()
         FN(znpdklib_get_fan_check_phase, Fb),
         FN(znpdklib_create_fan_rotation_check_thread, Ft, u8("mode"), u32("fan_target")),
     };
+    t.insert(t.end(), fns.begin(), fns.end());
+}
+
+std::vector<Function> build_table()
+{
+    std::vector<Function> t;
+    sensor_functions(t);
+    start_up_and_port_functions(t);
+    outage_and_flag_functions(t);
+    redundancy_and_fan_functions(t);
+    return t;
 }
 
 #undef FN
+
+} // namespace
+
+IntRange int_range(const CType& c)
+{
+    if (c.is_bool) {
+        return {0, 1};
+    }
+    unsigned bits = static_cast<unsigned>(8 * c.size);
+    if (c.is_signed) {
+        return {-(int64_t(1) << (bits - 1)), (uint64_t(1) << (bits - 1)) - 1};
+    }
+    return {0, bits >= 64 ? UINT64_MAX : (uint64_t(1) << bits) - 1};
+}
+
+IntRange pointee_range(PK k)
+{
+    switch (k) {
+    case PK::U16Ref:
+        return {0, UINT16_MAX};
+    case PK::I32Ref:
+    case PK::I32Arr:
+        return {INT32_MIN, INT32_MAX};
+    default:
+        return {0, UINT32_MAX};
+    }
+}
+
+namespace {
 
 size_t edit_distance(const std::string& a, const std::string& b)
 {
@@ -297,29 +358,85 @@ size_t buffer_size(const Param& p, const ArgSpec& a)
     }
 }
 
+/* One integer of a C type, by value, with the range that type holds. */
+uint64_t int_arg(const CType& c, const Node& v, const char* what)
+{
+    IntRange r = int_range(c);
+    if (r.max_unsigned > uint64_t(INT64_MAX)) {
+        return get_uint(v, r.max_unsigned, what);
+    }
+    return static_cast<uint64_t>(get_int(v, r.min, static_cast<int64_t>(r.max_unsigned), what));
+}
+
+/* One value behind a pointer, "out" leaving it zero. */
+ArgSpec ref_arg(const Param& p, const Node& v, bool out, const char* what)
+{
+    ArgSpec a;
+    size_t n = p.kind == PK::U16Ref ? 2 : 4;
+    a.init.assign(n, 0);
+    if (!out) {
+        IntRange r = pointee_range(p.kind);
+        int64_t x = get_int(v, r.min, static_cast<int64_t>(r.max_unsigned), what);
+        std::memcpy(a.init.data(), &x, n); /* little-endian low bytes */
+    }
+    return a;
+}
+
+/* A list of 32-bit words: fixed arrays, procedure parameter and result words. */
+ArgSpec words_arg(const Param& p, const Node& v, bool out, const std::string& what)
+{
+    ArgSpec a;
+    bool fixed = p.kind == PK::I32Arr || p.kind == PK::U32Arr;
+    if (out && p.kind != PK::WordsIn) {
+        a.count = p.kind == PK::WordsOut ? 16 : p.count;
+        a.init.assign(4 * a.count, 0);
+        return a;
+    }
+    if (!v->is_array()) {
+        v.fail("expected " + what + " as a list of numbers, \"out\" or null, got " + v->dump());
+    }
+    size_t n = v->size();
+    if (fixed && n > p.count) {
+        v.fail(what + " holds " + std::to_string(p.count) + " values, " + std::to_string(n) + " given");
+    }
+    a.count = fixed ? p.count : n;
+    a.init.assign(4 * a.count, 0);
+    IntRange r = pointee_range(p.kind);
+    const char* word = p.kind == PK::I32Arr ? "an int" : "a 32-bit word";
+    for (size_t i = 0; i < n; ++i) {
+        uint32_t w =
+            static_cast<uint32_t>(get_int(v.at(i), r.min, static_cast<int64_t>(r.max_unsigned), word));
+        std::memcpy(a.init.data() + 4 * i, &w, 4);
+    }
+    return a;
+}
+
+ArgSpec struct_arg(const Param& p, const Node& v, bool out, const std::string& what)
+{
+    ArgSpec a;
+    const Type* t = p.kind == PK::EscTable ? find_type("Esc_Table_t") : p.type;
+    a.init.assign(t->size, 0);
+    if (!out) {
+        if (p.kind == PK::EscTable) {
+            v.fail("expected \"out\" or null for " + what);
+        }
+        fill(a.init.data(), *t, v);
+    }
+    return a;
+}
+
 ArgSpec parse_arg(const Function& f, size_t index, const Node& v)
 {
     const Param& p = f.params[index];
     const std::string what =
         f.name + " argument " + std::to_string(index) + " (" + p.name + ", " + kind_name(p.kind) + ")";
     ArgSpec a;
-    auto whatc = what.c_str();
     switch (p.kind) {
     case PK::U8:
-        a.bits = static_cast<uint64_t>(get_int(v, -128, 255, whatc)) & 0xFF;
-        return a;
     case PK::I32:
-        a.bits = static_cast<uint64_t>(get_int(v, INT32_MIN, UINT32_MAX, whatc));
-        return a;
     case PK::U32:
-        a.bits = static_cast<uint64_t>(get_int(v, INT32_MIN, UINT32_MAX, whatc)) & 0xFFFFFFFFu;
-        return a;
     case PK::U64:
-        if (v->is_number_integer() && !v->is_number_unsigned()) {
-            a.bits = static_cast<uint64_t>(get_int(v, INT64_MIN, INT64_MAX, whatc));
-        } else {
-            a.bits = get_uint(v, UINT64_MAX, whatc);
-        }
+        a.bits = int_arg(f.ctypes[index], v, what.c_str());
         return a;
     default:
         break;
@@ -332,54 +449,19 @@ ArgSpec parse_arg(const Function& f, size_t index, const Node& v)
     switch (p.kind) {
     case PK::U16Ref:
     case PK::I32Ref:
-    case PK::U32Ref: {
-        size_t n = p.kind == PK::U16Ref ? 2 : 4;
-        a.init.assign(n, 0);
-        if (!out) {
-            int64_t x = get_int(v, n == 2 ? -32768 : INT32_MIN, n == 2 ? 65535 : UINT32_MAX, whatc);
-            std::memcpy(a.init.data(), &x, n); /* little-endian low bytes */
-        }
-        return a;
-    }
+    case PK::U32Ref:
+        return ref_arg(p, v, out, what.c_str());
     case PK::I32Arr:
     case PK::U32Arr:
     case PK::WordsIn:
-    case PK::WordsOut: {
-        if (out && p.kind != PK::WordsIn) {
-            a.count = p.kind == PK::WordsOut ? 16 : p.count;
-            a.init.assign(4 * a.count, 0);
-            return a;
-        }
-        if (!v->is_array()) {
-            v.fail("expected " + what + " as a list of numbers, \"out\" or null, got " + v->dump());
-        }
-        size_t n = v->size();
-        if ((p.kind == PK::I32Arr || p.kind == PK::U32Arr) && n > p.count) {
-            v.fail(what + " holds " + std::to_string(p.count) + " values, " + std::to_string(n) + " given");
-        }
-        a.count = (p.kind == PK::I32Arr || p.kind == PK::U32Arr) ? p.count : n;
-        a.init.assign(4 * a.count, 0);
-        for (size_t i = 0; i < n; ++i) {
-            uint32_t w = static_cast<uint32_t>(get_int(v.at(i), INT32_MIN, UINT32_MAX, "a 32-bit word"));
-            std::memcpy(a.init.data() + 4 * i, &w, 4);
-        }
-        return a;
-    }
+    case PK::WordsOut:
+        return words_arg(p, v, out, what);
     case PK::Struct:
-    case PK::EscTable: {
-        const Type* t = p.kind == PK::EscTable ? find_type("Esc_Table_t") : p.type;
-        a.init.assign(t->size, 0);
-        if (!out) {
-            if (p.kind == PK::EscTable) {
-                v.fail("expected \"out\" or null for " + what);
-            }
-            fill(a.init.data(), *t, v);
-        }
-        return a;
-    }
+    case PK::EscTable:
+        return struct_arg(p, v, out, what);
     case PK::Component:
     case PK::Path:
-        a.text = get_string(v, whatc);
+        a.text = get_string(v, what.c_str());
         return a;
     default:
         break;
@@ -523,6 +605,32 @@ std::vector<std::string> similar_functions(const std::string& name)
     return out;
 }
 
+namespace {
+
+/* A name that is no parameter is named before any parameter is missed. */
+void check_param_names(const Function& f, const Node& args, const std::string& names)
+{
+    for (auto it = args->begin(); it != args->end(); ++it) {
+        bool known =
+            std::any_of(f.params.begin(), f.params.end(), [&](const Param& p) { return p.name == it.key(); });
+        if (known) {
+            continue;
+        }
+        std::string hint;
+        for (const Param& p : f.params) {
+            if (edit_distance(it.key(), p.name) <= std::max<size_t>(2, p.name.size() / 3)) {
+                hint = " (did you mean " + p.name + "?)";
+                break;
+            }
+        }
+        Node{&it.value(), ptr_add(args.ptr, it.key())}.fail(f.name + " has no parameter \"" + it.key() +
+                                                            "\"" + hint + "; it takes " +
+                                                            (names.empty() ? "none" : names));
+    }
+}
+
+} // namespace
+
 std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
 {
     std::vector<ArgSpec> arg_list;
@@ -549,6 +657,7 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
         return arg_list;
     }
     if (args->is_object()) {
+        check_param_names(f, args, names);
         ObjReader r(args);
         for (size_t i = 0; i < f.params.size(); ++i) {
             if (!r.has(f.params[i].name)) {
@@ -563,16 +672,13 @@ std::vector<ArgSpec> parse_args(const Function& f, const Node& args)
     args.fail("expected the arguments as a list or as an object by parameter name, got " + args->dump());
 }
 
-CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list)
+namespace {
+
+/* The arguments as passed: integers, component handles and buffers made
+ * from the argument list. Empty error = ready to call. */
+std::string make_slots(const Function& f, const std::vector<ArgSpec>& arg_list,
+                       std::vector<std::vector<uint8_t>>& bufs, std::vector<Slot>& slots)
 {
-    CallResult res;
-    void* symbol = library_symbol(f.name);
-    if (symbol == nullptr) {
-        res.error = f.name + " is not exported by the library";
-        return res;
-    }
-    std::vector<std::vector<uint8_t>> bufs(arg_list.size());
-    std::vector<Slot> slots(arg_list.size());
     for (size_t i = 0; i < arg_list.size(); ++i) {
         const Param& p = f.params[i];
         const ArgSpec& a = arg_list[i];
@@ -583,8 +689,7 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list
         if (p.kind == PK::Component) {
             int oid = component_id(a.text);
             if (oid < 0) {
-                res.error = "no component at " + a.text;
-                return res;
+                return "no component at " + a.text;
             }
             slots[i].ptr = zsim::component(oid);
             continue;
@@ -601,45 +706,65 @@ CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list
         }
         slots[i].ptr = bufs[i].data();
     }
+    return "";
+}
+
+/* What the function left behind one pointer parameter (null when nothing to read). */
+json read_back(const Param& p, uint8_t* b, const ArgSpec& a)
+{
+    switch (p.kind) {
+    case PK::U16Ref: {
+        uint16_t v;
+        std::memcpy(&v, b, 2);
+        return v;
+    }
+    case PK::I32Ref: {
+        int32_t v;
+        std::memcpy(&v, b, 4);
+        return v;
+    }
+    case PK::U32Ref: {
+        uint32_t v;
+        std::memcpy(&v, b, 4);
+        return v;
+    }
+    case PK::I32Arr:
+    case PK::U32Arr:
+    case PK::WordsOut:
+        return read_words(b, a.count, p.kind == PK::I32Arr);
+    case PK::Struct:
+        return to_json(b, whole(*p.type));
+    case PK::EscTable:
+        return read_esc_table(b);
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace
+
+CallResult call_function(const Function& f, const std::vector<ArgSpec>& arg_list)
+{
+    CallResult res;
+    void* symbol = library_symbol(f.name);
+    if (symbol == nullptr) {
+        res.error = f.name + " is not exported by the library";
+        return res;
+    }
+    std::vector<std::vector<uint8_t>> bufs(arg_list.size());
+    std::vector<Slot> slots(arg_list.size());
+    res.error = make_slots(f, arg_list, bufs, slots);
+    if (!res.error.empty()) {
+        return res;
+    }
     res.ret = f.invoke(symbol, slots);
     for (size_t i = 0; i < arg_list.size(); ++i) {
-        const Param& p = f.params[i];
         if (arg_list[i].null || bufs[i].empty()) {
             continue;
         }
-        uint8_t* b = bufs[i].data();
-        switch (p.kind) {
-        case PK::U16Ref: {
-            uint16_t v;
-            std::memcpy(&v, b, 2);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::I32Ref: {
-            int32_t v;
-            std::memcpy(&v, b, 4);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::U32Ref: {
-            uint32_t v;
-            std::memcpy(&v, b, 4);
-            res.out[p.name] = v;
-            break;
-        }
-        case PK::I32Arr:
-        case PK::U32Arr:
-        case PK::WordsOut:
-            res.out[p.name] = read_words(b, arg_list[i].count, p.kind == PK::I32Arr);
-            break;
-        case PK::Struct:
-            res.out[p.name] = to_json(b, whole(*p.type));
-            break;
-        case PK::EscTable:
-            res.out[p.name] = read_esc_table(b);
-            break;
-        default:
-            break;
+        json v = read_back(f.params[i], bufs[i].data(), arg_list[i]);
+        if (!v.is_null()) {
+            res.out[f.params[i].name] = v;
         }
     }
     return res;

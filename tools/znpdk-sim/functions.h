@@ -52,6 +52,15 @@ struct CType {
     bool pointee_const = false;
 };
 
+/* The integers a C type holds. */
+struct IntRange {
+    int64_t min;
+    uint64_t max_unsigned;
+};
+IntRange int_range(const CType& c);
+/* The integers one element behind a pointer parameter holds. */
+IntRange pointee_range(PK k);
+
 /* One argument as passed: an integer or a pointer. */
 struct Slot {
     uint64_t bits = 0;

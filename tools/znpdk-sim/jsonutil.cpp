@@ -572,4 +572,32 @@ void check_matcher(const Node& e, bool scalar)
     }
 }
 
+void check_number(const Node& e, int64_t min, int64_t max, const char* what)
+{
+    check_matcher(e, true);
+    const std::string range = " (an integer from " + std::to_string(min) + " to " + std::to_string(max) + ")";
+    if (e->is_boolean()) {
+        if (min != 0 || max != 1) {
+            e.fail(std::string("expected ") + what + range + ", got " + e->dump());
+        }
+        return;
+    }
+    if (!e->is_object()) {
+        get_int(e, min, max, what);
+        return;
+    }
+    for (auto it = e->begin(); it != e->end(); ++it) {
+        Node v{&it.value(), ptr_add(e.ptr, it.key())};
+        if (it.key() == "contains" || it.key() == "matches") {
+            v.fail("\"" + it.key() + "\" compares texts, but " + what + " is a number" + range);
+        } else if (it.key() == "one_of") {
+            for (size_t i = 0; i < v->size(); ++i) {
+                check_number(v.at(i), min, max, what);
+            }
+        } else if (it.key() == "not" || it.key() == "min" || it.key() == "max") {
+            check_number(v, min, max, what);
+        }
+    }
+}
+
 } // namespace zcmd

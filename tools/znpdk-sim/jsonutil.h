@@ -102,6 +102,10 @@ std::string match(const json& expected, const json& seen, const std::string& pat
 /* Checks that an expected value only uses forms match() understands;
  * with `scalar` the value stands for a single number or text. */
 void check_matcher(const Node& expected, bool scalar = false);
+/* The same for an expected number of a type: plain values and the values
+ * of one_of, not, min and max must lie in the type's range; text matchers
+ * are refused. */
+void check_number(const Node& expected, int64_t min, int64_t max, const char* what);
 
 } // namespace zcmd
 

@@ -38,7 +38,8 @@ const char* const kUsage =
     "  --json               print each run as JSON\n"
     "  --trace              print every trace line as it is written\n"
     "  --verbose            list every sensor change, also of large initialisations\n"
-    "  --keep-root DIR      run in DIR and keep the machine's files there\n"
+    "  --keep-root DIR      run in DIR and keep the machine's files there (with several\n"
+    "                       files, each in DIR/NAME, NAME being the file's name without .json)\n"
     "\n"
     "exit status: 0 all expectations held, 1 some failed, 2 a scenario could not be read,\n"
     "3 a run crashed, 4 a scenario calls functions the library does not export (not run).\n"
@@ -81,6 +82,21 @@ int run_isolated(const Scenario& s, const Options& o)
         return 3;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 3;
+}
+
+/* With several files, each keeps its machine in a folder of its own below
+ * the --keep-root directory, named after the file, so that no run starts
+ * from another's files. */
+Options own_root(const Options& o, const std::string& file)
+{
+    if (o.root.empty()) {
+        return o;
+    }
+    Options mine = o;
+    mine.root = (std::filesystem::path(o.root) / std::filesystem::path(file).stem()).string();
+    std::error_code ec;
+    std::filesystem::create_directories(mine.root, ec);
+    return mine;
 }
 
 /* A scenario that did not run matters less than one that failed. */
@@ -139,7 +155,7 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
                 }
                 rc = kExitMissingFunctions;
             } else {
-                rc = run_isolated(s, o);
+                rc = run_isolated(s, files.size() > 1 ? own_root(o, file) : o);
             }
         } catch (const ScenarioError& e) {
             report_error(file, e, o.json && !check_only);

@@ -22,7 +22,10 @@ constexpr int kInstances = 18;
 constexpr int kLedSystem = 1; /* the chassis alarm LED of SYSTEM#0 */
 
 /* Events of one kind at one time print in this order. */
-enum Order { kRas, kSel, kSensor, kReasons, kLed, kPhase };
+enum Order { kError, kRas, kSel, kSensor, kReasons, kLed, kPhase };
+
+constexpr int kDebugLevel = 130;    /* the sensor layer's debug output */
+constexpr int kErrorLevel = 0x8002; /* error lines of the trace facility */
 
 std::string sensor_label(int inst, int num)
 {
@@ -309,8 +312,33 @@ void Runner::diff(const Snapshot& a, const Snapshot& b, StepReport& r) const
     }
 }
 
+/* The library's error lines: shown without --trace, since they often
+ * explain a result that surprises. */
+void Runner::collect_error_lines(StepReport& r) const
+{
+    std::vector<zsim::TraceLine> all = zsim::traces();
+    for (size_t k = step_.traces; k < all.size(); ++k) {
+        const zsim::TraceLine& t = all[k];
+        if (!(t.debug && t.level == kDebugLevel) && t.level != kErrorLevel) {
+            continue;
+        }
+        Event e;
+        e.t = t.time >= t0_ && t.time - t0_ <= r.t_end ? t.time - t0_ : r.t_end;
+        e.order = kError;
+        e.kind = "error_line";
+        e.data = {{"id", t.id},
+                  {"level", t.level},
+                  {"region", t.region},
+                  {"debug", t.debug},
+                  {"variant", t.variant}};
+        e.text = t.debug ? "debug output: " + t.text : "error trace " + hex(t.id, 8) + ": " + t.text;
+        r.events.push_back(e);
+    }
+}
+
 void Runner::collect_logs(StepReport& r) const
 {
+    collect_error_lines(r);
     for (int i = 0; i < kInstances; ++i) {
         std::vector<SELEventRecord_T> all = zsim::sel(i);
         for (size_t k = step_.sel[i]; k < all.size(); ++k) {
@@ -365,7 +393,10 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     step_ = marks_now();
     Snapshot before = quiet ? Snapshot() : snapshot();
     r.t_start = now();
-    if (st.action) {
+    r.process = st.process;
+    if (!st.process.empty()) {
+        procs_.run(st, *this, r);
+    } else if (st.action) {
         try {
             st.action(*this, r);
         } catch (const std::exception& e) {
@@ -394,7 +425,22 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
 
 namespace {
 
-void print_events(const StepReport& r, bool verbose)
+/* The first lines with one trace id are shown, then how many more there were. */
+bool error_line_shown(const Event& e, std::map<uint32_t, int>& said, bool verbose)
+{
+    constexpr int kShown = 2;
+    int n = ++said[e.data["id"].get<uint32_t>()];
+    if (verbose || n <= kShown) {
+        return true;
+    }
+    if (n == kShown + 1) {
+        std::printf("   t=%-5u (more lines of error trace %s follow; --verbose or --trace shows them)\n", e.t,
+                    hex(e.data["id"].get<uint32_t>(), 8).c_str());
+    }
+    return false;
+}
+
+void print_events(const StepReport& r, bool verbose, bool traced)
 {
     if (r.report == "quiet") {
         return;
@@ -409,6 +455,7 @@ void print_events(const StepReport& r, bool verbose)
         return !verbose && (r.report == "summary" || (r.report == "auto" && per_inst[inst] > 12));
     };
     std::map<int, bool> said;
+    std::map<uint32_t, int> errors_said;
     for (const Event& e : r.events) {
         if (e.kind == "sensor") {
             int inst = e.data["inst"].get<int>();
@@ -420,6 +467,9 @@ void print_events(const StepReport& r, bool verbose)
                 }
                 continue;
             }
+        }
+        if (e.kind == "error_line" && (traced || !error_line_shown(e, errors_said, verbose))) {
+            continue; /* --trace printed it as it was written */
         }
         std::printf("   t=%-5u %s\n", e.t, e.text.c_str());
     }
@@ -449,9 +499,10 @@ void Runner::print_step(const StepReport& r) const
         std::printf("\n== %s\n", r.label.c_str());
     }
     if (!head.empty()) {
-        std::printf("[t=%u] %s\n", r.t_start, head.c_str());
+        std::printf("[t=%u] %s%s\n", r.t_start, r.process.empty() ? "" : (r.process + ": ").c_str(),
+                    head.c_str());
     }
-    print_events(r, opts_.verbose);
+    print_events(r, opts_.verbose, opts_.trace);
     for (const Failure& f : r.failures) {
         std::printf("   FAILED at %s: %s\n", f.where.c_str(), f.what.c_str());
     }
@@ -465,6 +516,9 @@ json step_json(const StepReport& r)
     json j = {{"where", r.where}, {"t_start", r.t_start}, {"t_end", r.t_end}, {"text", r.text}};
     if (!r.label.empty()) {
         j["label"] = r.label;
+    }
+    if (!r.process.empty()) {
+        j["process"] = r.process;
     }
     if (r.has_call) {
         j["ret"] = r.ret;
@@ -496,32 +550,65 @@ bool call_by_name(const char* name)
 
 } // namespace
 
-int Runner::run(const Scenario& s)
+/* The set-up runs quietly; the save area is set up before its first
+ * library call (so that sensor calls of the set-up are kept), or after it
+ * when it calls none. */
+StepReport Runner::run_setup(const Scenario& s)
 {
-    StepReport setup_report;
-    setup_report.where = "/setup";
+    procs_.start(process_names(s), s, *this);
+    StepReport setup;
+    setup.where = "/setup";
+    bool area_ready = !s.save_area;
+    auto set_up_area = [&]() {
+        if (!area_ready && !call_by_name("ZNAPI_MemSensorAreaInit")) {
+            fail(setup, "/save_area", "ZNAPI_MemSensorAreaInit is not exported by the library");
+        }
+        area_ready = true;
+    };
     for (const Step& st : s.setup) {
+        if (st.kind == "call") {
+            set_up_area();
+        }
         StepReport r;
         run_step(st, r, true);
-        for (const Failure& f : r.failures) {
-            setup_report.failures.push_back(f);
-        }
+        setup.failures.insert(setup.failures.end(), r.failures.begin(), r.failures.end());
     }
-    if (s.save_area && !call_by_name("ZNAPI_MemSensorAreaInit")) {
-        fail(setup_report, "/save_area", "ZNAPI_MemSensorAreaInit is not exported by the library");
-    }
+    set_up_area();
     zsim::wait_library_threads();
+    return setup;
+}
+
+/* Whatever the steps said: the library's threads end and its locks stay in order. */
+StepReport Runner::run_end()
+{
+    procs_.stop();
+    StepReport end;
+    end.where = "/steps";
+    end.report = "quiet";
+    end.checks = 2;
+    if (!zsim::wait_library_threads()) {
+        fail(end, "/steps", "library threads still running at the end");
+    }
+    for (const std::string& v : zsim::lock_violations()) {
+        fail(end, "/steps", "component write-lock rule broken: " + v);
+    }
+    return end;
+}
+
+int Runner::run(const Scenario& s)
+{
+    StepReport setup = run_setup(s);
     start_ = marks_now();
     step_ = start_;
     if (!opts_.json) {
         std::printf("Scenario %s%s%s\n", s.name.c_str(), s.description.empty() ? "" : ": ",
                     s.description.c_str());
-        if (!setup_report.failures.empty()) {
-            print_step(setup_report);
+        if (!setup.failures.empty()) {
+            print_step(setup);
         }
     }
     json steps = json::array();
-    int failed = static_cast<int>(setup_report.failures.size());
+    int failed = static_cast<int>(setup.failures.size());
     int checks = failed;
     for (size_t i = 0; i < s.steps.size(); ++i) {
         StepReport r;
@@ -535,39 +622,34 @@ int Runner::run(const Scenario& s)
             print_step(r);
         }
     }
-    /* Whatever the steps said: the library's threads end and its locks stay in order. */
-    StepReport end;
-    end.where = "/steps";
-    end.report = "quiet";
-    end.checks = 2;
-    if (!zsim::wait_library_threads()) {
-        fail(end, "/steps", "library threads still running at the end");
-    }
-    for (const std::string& v : zsim::lock_violations()) {
-        fail(end, "/steps", "component write-lock rule broken: " + v);
-    }
+    StepReport end = run_end();
     checks += end.checks;
     failed += static_cast<int>(end.failures.size());
     int passed = checks - failed < 0 ? 0 : checks - failed;
     if (opts_.json) {
-        json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
-                    {"steps", steps},     {"expectations", checks}, {"passed", passed},
-                    {"failed", failed}};
-        json f = json::array();
-        for (const Failure& x : setup_report.failures) {
-            f.push_back({{"where", x.where}, {"what", x.what}});
-        }
-        for (const Failure& x : end.failures) {
-            f.push_back({{"where", x.where}, {"what", x.what}});
-        }
-        out["run_failures"] = f;
-        std::cout << out.dump(2) << std::endl;
+        print_json(s, steps, checks, passed, failed, {&setup, &end});
     } else {
         print_step(end);
         std::printf("\n%s: %d passed, %d failed\n", s.name.c_str(), passed, failed);
     }
     std::fflush(stdout);
     return failed;
+}
+
+void Runner::print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
+                        std::initializer_list<const StepReport*> run_reports) const
+{
+    json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
+                {"steps", steps},     {"expectations", checks}, {"passed", passed},
+                {"failed", failed}};
+    json f = json::array();
+    for (const StepReport* r : run_reports) {
+        for (const Failure& x : r->failures) {
+            f.push_back({{"where", x.where}, {"what", x.what}});
+        }
+    }
+    out["run_failures"] = f;
+    std::cout << out.dump(2) << std::endl;
 }
 
 int run_scenario(const Scenario& s, const Options& o)

@@ -4,9 +4,11 @@
 #define ZNPDK_SIM_TOOL_RUNNER_H
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "processes.h"
 #include "scenario.h"
 
 namespace zcmd {
@@ -54,14 +56,20 @@ class Runner {
     int run(const Scenario& s);
 
   private:
+    StepReport run_setup(const Scenario& s);
+    StepReport run_end();
+    void print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
+                    std::initializer_list<const StepReport*> run_reports) const;
     void run_step(const Step& st, StepReport& r, bool quiet);
     Marks marks_now() const;
     Snapshot snapshot() const;
     void diff(const Snapshot& before, const Snapshot& after, StepReport& r) const;
+    void collect_error_lines(StepReport& r) const;
     void collect_logs(StepReport& r) const;
     void print_step(const StepReport& r) const;
 
     const Options& opts_;
+    Processes procs_;
     uint32_t t0_;
     Marks start_;
     Marks step_;

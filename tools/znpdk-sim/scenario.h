@@ -37,6 +37,7 @@ struct StepReport {
     size_t index = 0;
     std::string where;
     std::string label;
+    std::string process;
     std::string text; /* what the step did */
     std::string report = "auto";
     uint32_t t_start = 0;
@@ -51,6 +52,7 @@ struct StepReport {
 };
 
 class Runner;
+struct Function;
 using Action = std::function<void(Runner&, StepReport&)>;
 using Check = std::function<void(Runner&, StepReport&)>;
 
@@ -60,9 +62,10 @@ struct Step {
     std::string kind;
     std::string text;
     std::string report = "auto";
+    std::string process; /* "" = the runner's own process */
     bool background = false;
     std::string function; /* the function a call step calls */
-    std::string needs;    /* a hardware model this build lacks */
+    const Function* callee = nullptr;
     Action action;
     std::vector<Check> checks;
 };
@@ -86,8 +89,7 @@ Scenario load_scenario(const std::string& text, const std::string& file);
  * the run itself broke down. */
 int run_scenario(const Scenario& s, const Options& o);
 
-/* Functions the scenario calls that the library does not export, and
- * hardware models it uses that the simulated platform lacks. */
+/* Functions the scenario calls that the library does not export. */
 std::vector<std::string> missing_functions(const Scenario& s);
 
 /* Exit status of a run that could not start because of missing functions. */

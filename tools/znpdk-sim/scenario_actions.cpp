@@ -1,0 +1,457 @@
+/* Steps that act on the machine as a whole: notes, the clock, library
+ * calls, components and records, sensors, files and injected failures. */
+#include "scenario_parts.h"
+
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "functions.h"
+#include "runner.h"
+#include "znpdk_sim/sim.h"
+#include "znpdklib_types.h"
+
+namespace zcmd {
+
+namespace {
+
+Action act_note(const Node& v, Step& st)
+{
+    st.text = get_string(v, "a note");
+    return [](Runner&, StepReport&) {};
+}
+
+Action act_advance(const Node& v, Step& st)
+{
+    uint32_t s = static_cast<uint32_t>(get_int(v, 0, 100000000, "seconds"));
+    st.text = "clock advances " + std::to_string(s) + " s";
+    return [s](Runner&, StepReport&) { zsim::advance(s); };
+}
+
+Action act_set_time(const Node& v, Step& st)
+{
+    uint32_t s = static_cast<uint32_t>(get_int(v, 0, 100000000, "seconds since the start"));
+    st.text = "clock set to t=" + std::to_string(s);
+    return [s](Runner& r, StepReport&) { zsim::set_time(r.t0() + s); };
+}
+
+Action act_wait_threads(const Node& v, Step& st)
+{
+    int ms = 20000;
+    if (v->is_object()) {
+        ObjReader r(v);
+        if (Node t = r.opt("timeout_ms"); t.j) {
+            ms = static_cast<int>(get_int(t, 1, 600000, "milliseconds"));
+        }
+        r.finish();
+    } else if (!get_bool(v, "true, false or {\"timeout_ms\": n}")) {
+        st.text = "no wait for the library's threads";
+        return [](Runner&, StepReport&) {};
+    }
+    st.text = "wait for the library's threads";
+    st.background = true; /* the wait is the action itself */
+    return [ms](Runner& r, StepReport& rep) {
+        if (!zsim::wait_library_threads(ms)) {
+            r.fail(rep, rep.where, "library threads still running after " + std::to_string(ms) + " ms");
+        }
+    };
+}
+
+Action act_call(const Node& v, Step&)
+{
+    std::string name = get_string(v, "a function name");
+    const Function* f = find_function(name);
+    if (f == nullptr) {
+        std::string hint;
+        for (const std::string& s : similar_functions(name)) {
+            hint += (hint.empty() ? " (did you mean " : ", ") + s;
+        }
+        v.fail("unknown function \"" + name + "\"" + (hint.empty() ? "" : hint + "?)"));
+    }
+    /* The arguments are a sibling of "call": parse_step makes the action. */
+    return {};
+}
+
+Action act_add_component(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    Node path_node = r.at("path");
+    std::string path = path_of(path_node);
+    if (path.rfind('/') > 0) {
+        require_component(path_node, path.substr(0, path.rfind('/')));
+    }
+    std::vector<std::string> parents;
+    if (Node p = r.opt("parents"); p.j) {
+        if (!p->is_array()) {
+            p.fail("expected a list of component paths");
+        }
+        for (size_t i = 0; i < p->size(); ++i) {
+            parents.push_back(existing_component(p.at(i)));
+        }
+    }
+    auto common = std::make_shared<RecordChange>();
+    common->type = find_type("current_common_info_t");
+    common->parse(r);
+    r.finish();
+    size_t slash = path.rfind('/');
+    std::string parent = path.substr(0, slash);
+    std::string step = path.substr(slash + 1);
+    size_t hash = step.find('#');
+    int type = zsim::type_from_name(step.substr(0, hash));
+    int no = std::atoi(step.c_str() + hash + 1);
+    st.text = "component " + path + " added";
+    machine_added(path, parents);
+    return [=](Runner& run, StepReport& rep) {
+        std::vector<int> ids;
+        for (const std::string& p : std::vector<std::string>{parent.empty() ? "/SYSTEM#0" : parent}) {
+            ids.push_back(component_id(p));
+        }
+        for (const std::string& p : parents) {
+            ids.push_back(component_id(p));
+        }
+        for (size_t i = 0; i < ids.size(); ++i) {
+            if (ids[i] < 0) {
+                run.fail(rep, rep.where, "no component at " + (i == 0 ? parent : parents[i - 1]));
+                return;
+            }
+        }
+        int oid = zsim::add_component(type, no, ids);
+        std::vector<uint8_t> bytes = zsim::record(oid, PROP_CURRENT_COMMON_INFO);
+        common->apply(bytes);
+        zsim::set_record(oid, PROP_CURRENT_COMMON_INFO, bytes.data(), bytes.size());
+    };
+}
+
+Action act_remove_component(const Node& v, Step& st)
+{
+    std::string path = existing_component(v);
+    machine_removed(path);
+    st.text = "component " + path + " removed";
+    return [path](Runner& run, StepReport& rep) {
+        int oid = component_id(path);
+        if (oid < 0) {
+            run.fail(rep, rep.where, "no component at " + path);
+            return;
+        }
+        zsim::remove_component(oid);
+    };
+}
+
+Action act_record(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    std::string path = existing_component(r.at("path"));
+    const RecordKind& kind = record_of(r.at("record"));
+    auto change = std::make_shared<RecordChange>();
+    change->type = kind.type;
+    change->parse(r);
+    r.finish();
+    st.text = std::string(kind.name) + " record of " + path + " changed";
+    int key = kind.key;
+    return [=](Runner& run, StepReport& rep) {
+        int oid = component_id(path);
+        if (oid < 0) {
+            run.fail(rep, rep.where, "no component at " + path);
+            return;
+        }
+        std::vector<uint8_t> bytes = zsim::record(oid, key);
+        change->apply(bytes);
+        zsim::set_record(oid, key, bytes.data(), bytes.size());
+    };
+}
+
+Action act_debug_flag(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    Node w = r.at("word");
+    int64_t word = 0;
+    if (w->is_string() && (*w == "COMMON0" || *w == "BMCINIT")) {
+        word = *w == "COMMON0" ? 0 : 8;
+    } else {
+        word = get_int(w, 0, 63, "a debug word index (0 to 63, COMMON0 or BMCINIT)");
+    }
+    uint32_t value = u32_of(r.at("value"), "the debug word");
+    r.finish();
+    st.text = "debug_flag[" + std::to_string(word) + "] = " + hex(value, 8);
+    return [=](Runner& run, StepReport& rep) {
+        int oid = component_id("/SYSTEM#0");
+        if (oid < 0) {
+            run.fail(rep, rep.where, "the machine has no root");
+            return;
+        }
+        setup_system_info_t s = zsim::get<setup_system_info_t>(oid, PROP_SETUP_INFO);
+        s.debug_flags.debug_flag[word] = value;
+        zsim::put(oid, PROP_SETUP_INFO, s);
+    };
+}
+
+Action act_define_sensor(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    zsim::SensorDef d;
+    d.inst = inst_of(r.at("inst"));
+    d.num = u8_of(r.at("num"), "a sensor number");
+    if (Node n = r.opt("type"); n.j) {
+        d.type = u8_of(n, "a sensor type code");
+    }
+    if (Node n = r.opt("event_type"); n.j) {
+        d.event_type = u8_of(n, "an event type code");
+    }
+    if (Node n = r.opt("oem"); n.j) {
+        d.oem = u8_of(n, "an OEM field");
+    }
+    if (Node n = r.opt("lun"); n.j) {
+        d.lun = u8_of(n, "an owner LUN");
+    }
+    if (Node n = r.opt("reading"); n.j) {
+        d.reading = static_cast<uint16_t>(get_int(n, 0, 0xFFFF, "a state word"));
+    }
+    if (Node n = r.opt("flags"); n.j) {
+        d.flags = u8_of(n, "event flags");
+    }
+    if (Node n = r.opt("level"); n.j) {
+        d.level = u8_of(n, "an event level");
+    }
+    if (Node n = r.opt("name"); n.j) {
+        d.name = get_string(n, "a sensor name");
+    }
+    r.finish();
+    st.text = "sensor " + std::to_string(d.inst) + "/" + hex(d.num, 2) + " defined";
+    return [d](Runner&, StepReport&) { zsim::define_sensor(d); };
+}
+
+Action act_remove_sensor(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    int inst = inst_of(r.at("inst"));
+    uint8_t num = u8_of(r.at("num"), "a sensor number");
+    r.finish();
+    st.text = "sensor " + std::to_string(inst) + "/" + hex(num, 2) + " removed";
+    return [=](Runner&, StepReport&) { zsim::remove_sensor(inst, num); };
+}
+
+Action act_sensor(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    int inst = inst_of(r.at("inst"));
+    uint8_t num = u8_of(r.at("num"), "a sensor number");
+    uint16_t reading = static_cast<uint16_t>(get_int(r.at("reading"), 0, 0xFFFF, "a state word"));
+    r.finish();
+    st.text = "sensor " + std::to_string(inst) + "/" + hex(num, 2) + " reads " + hex(reading, 4);
+    return [=](Runner& run, StepReport& rep) {
+        if (!zsim::sensor_present(inst, num)) {
+            run.fail(rep, rep.where,
+                     "instance " + std::to_string(inst) + " has no sensor " + std::to_string(num));
+            return;
+        }
+        zsim::set_sensor_reading(inst, num, reading);
+    };
+}
+
+Action act_reset_sensors(const Node& v, Step& st)
+{
+    int inst = -1;
+    if (!(v->is_string() && *v == "all")) {
+        inst = inst_of(v);
+    }
+    st.text = inst < 0 ? "every sensor of every instance reads 0 (IPMI stack restarted)"
+                       : "every sensor of instance " + std::to_string(inst) + " reads 0";
+    return [inst](Runner&, StepReport&) {
+        for (int i = inst < 0 ? 0 : inst; i <= (inst < 0 ? 17 : inst); ++i) {
+            for (int n = 0; n < 256; ++n) {
+                if (zsim::sensor_present(i, static_cast<uint8_t>(n))) {
+                    zsim::set_sensor_reading(i, static_cast<uint8_t>(n), 0);
+                }
+            }
+        }
+    };
+}
+
+Action act_file(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    std::string path = get_string(r.at("path"), "a file path");
+    if (path.empty() || path[0] != '/') {
+        r.at("path").fail("file paths are absolute, such as \"/tmp/.boot/.acon\"");
+    }
+    Node text = r.opt("text"), hexv = r.opt("hex"), rm = r.opt("remove");
+    if ((text.j != nullptr) + (hexv.j != nullptr) + (rm.j != nullptr) != 1) {
+        r.node().fail("give exactly one of \"text\", \"hex\" and \"remove\"");
+    }
+    std::vector<uint8_t> bytes;
+    bool remove = false;
+    if (text.j) {
+        std::string s = get_string(text, "the file's text");
+        bytes.assign(s.begin(), s.end());
+    } else if (hexv.j) {
+        if (!parse_hex_bytes(get_string(hexv, "hex bytes"), bytes)) {
+            hexv.fail("expected hex bytes");
+        }
+    } else {
+        remove = get_bool(rm, "true or false");
+        if (!remove) {
+            r.finish();
+            st.text = "file " + path + " left as it is";
+            return [](Runner&, StepReport&) {};
+        }
+    }
+    r.finish();
+    st.text = remove ? "file " + path + " removed"
+                     : "file " + path + " written (" + std::to_string(bytes.size()) + " bytes)";
+    return [=](Runner&, StepReport&) {
+        if (remove) {
+            zsim::remove_file(path);
+        } else {
+            zsim::write_file(path, bytes);
+        }
+    };
+}
+
+/* One injected failure: its value read, its action made. */
+using InjectParser = Action (*)(const std::string& kind, const Node& n);
+
+bool on_of(ObjReader& o)
+{
+    return get_bool(o.at("on"), "true or false");
+}
+
+Action inject_sel_add(const std::string&, const Node& n)
+{
+    ObjReader o(n);
+    bool on = on_of(o);
+    uint8_t cc = 0xFF;
+    if (Node c = o.opt("cc"); c.j) {
+        cc = u8_of(c, "a completion code");
+    }
+    o.finish();
+    return [=](Runner&, StepReport&) { zsim::fail_sel_add(on, cc); };
+}
+
+Action inject_sensor_mutex(const std::string& kind, const Node& n)
+{
+    ObjReader o(n);
+    int inst = inst_of(o.at("inst"));
+    int err = i32_of(o.at("err"), "an error number (0 = normal)");
+    o.finish();
+    bool lock = kind == "sensor_mutex_lock";
+    return [=](Runner&, StepReport&) {
+        lock ? zsim::fail_sensor_mutex_lock(inst, err) : zsim::fail_sensor_mutex_unlock(inst, err);
+    };
+}
+
+Action inject_sem_open(const std::string&, const Node& n)
+{
+    bool on = get_bool(n, "true or false");
+    return [=](Runner&, StepReport&) { zsim::fail_sem_open(on); };
+}
+
+Action inject_sem_lock(const std::string&, const Node& n)
+{
+    int code = i32_of(n, "a result code (0 = normal)");
+    return [=](Runner&, StepReport&) { zsim::fail_sem_lock(code); };
+}
+
+Action inject_db_get_property(const std::string&, const Node& n)
+{
+    ObjReader o(n);
+    std::string path = path_of(o.at("path"));
+    int code = i32_of(o.at("code"), "a result code (0 = normal)");
+    o.finish();
+    return [=](Runner&, StepReport&) { zsim::fail_db_get_property(full_path(path), code); };
+}
+
+Action inject_led(const std::string& kind, const Node& n)
+{
+    ObjReader o(n);
+    bool on = on_of(o);
+    bool read = kind == "led_read";
+    int ret = read ? 0 : -1;
+    if (Node c = o.opt("ret"); c.j) {
+        ret = i32_of(c, "the answer");
+    }
+    o.finish();
+    return
+        [=](Runner&, StepReport&) { read ? zsim::fail_led_read(on, ret) : zsim::fail_led_control(on, ret); };
+}
+
+Action inject_reg(const std::string& kind, const Node& n)
+{
+    ObjReader o(n);
+    int err = i32_of(o.at("errno"), "an errno value");
+    int count = 1;
+    if (Node c = o.opt("count"); c.j) {
+        count = static_cast<int>(get_int(c, 0, 1000000, "a number of accesses"));
+    }
+    o.finish();
+    bool read = kind == "reg_read";
+    return [=](Runner&, StepReport&) {
+        read ? zsim::fail_reg_read(err, count) : zsim::fail_reg_write(err, count);
+    };
+}
+
+Action inject_select_eintr(const std::string&, const Node& n)
+{
+    ObjReader o(n);
+    uint32_t after = static_cast<uint32_t>(get_int(o.at("after"), 0, 1000000, "seconds"));
+    int count = 1;
+    if (Node c = o.opt("count"); c.j) {
+        count = static_cast<int>(get_int(c, 1, 1000000, "a number of calls"));
+    }
+    o.finish();
+    return [=](Runner&, StepReport&) { zsim::inject_select_eintr(after, count); };
+}
+
+Action act_inject(const Node& v, Step& st)
+{
+    static const std::map<std::string, InjectParser> kinds = {
+        {"sel_add", inject_sel_add},
+        {"sensor_mutex_lock", inject_sensor_mutex},
+        {"sensor_mutex_unlock", inject_sensor_mutex},
+        {"sem_open", inject_sem_open},
+        {"sem_lock", inject_sem_lock},
+        {"db_get_property", inject_db_get_property},
+        {"led_read", inject_led},
+        {"led_control", inject_led},
+        {"reg_read", inject_reg},
+        {"reg_write", inject_reg},
+        {"select_eintr", inject_select_eintr},
+    };
+    ObjReader r(v);
+    if (v->size() != 1) {
+        v.fail("give one failure to inject: sel_add, sensor_mutex_lock, sensor_mutex_unlock, sem_open, "
+               "sem_lock, db_get_property, led_read, led_control, reg_read, reg_write or select_eintr");
+    }
+    std::string kind = v->begin().key();
+    Node n = r.at(kind);
+    auto k = kinds.find(kind);
+    if (k == kinds.end()) {
+        n.fail("unknown failure \"" + kind + "\"");
+    }
+    st.text = "failure injected: " + kind;
+    Action a = k->second(kind, n);
+    r.finish();
+    return a;
+}
+
+} // namespace
+
+void add_machine_actions(ActionTable& t)
+{
+    t["note"] = act_note;
+    t["call"] = act_call;
+    t["advance"] = act_advance;
+    t["set_time"] = act_set_time;
+    t["wait_threads"] = act_wait_threads;
+    t["add_component"] = act_add_component;
+    t["remove_component"] = act_remove_component;
+    t["record"] = act_record;
+    t["debug_flag"] = act_debug_flag;
+    t["define_sensor"] = act_define_sensor;
+    t["remove_sensor"] = act_remove_sensor;
+    t["sensor"] = act_sensor;
+    t["reset_sensors"] = act_reset_sensors;
+    t["file"] = act_file;
+    t["inject"] = act_inject;
+}
+
+} // namespace zcmd
