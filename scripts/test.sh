@@ -1,19 +1,36 @@
 #!/usr/bin/env bash
-# Builds libznpdk for the host (with AddressSanitizer and UndefinedBehaviorSanitizer)
-# and for 32-bit ARM, and runs every test of both (ARM under qemu-arm).
+# Every check of libznpdk: the installed kit as a consumer uses it; host build with
+# AddressSanitizer and UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM
+# build and tests under qemu-arm; the suite under ThreadSanitizer; fuzz smoke with corpus
+# replay; ABI against the baselines; the coverage gate.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup-deps.sh
-scripts/ci-install.sh # the installed kit, as a consumer builds against it
+
+step() { echo "=== $1 ($(date -u +%T))"; }
+
+step "kit: release build, install, consumer programs"
+scripts/ci-install.sh
 
 for preset in host armhf; do
-  echo "=== ${preset}: configure and build"
+  step "${preset}: configure and build"
   cmake --preset "${preset}" >/dev/null
   cmake --build --preset "${preset}"
-  echo "=== ${preset}: test"
+  step "${preset}: test"
   ctest --preset "${preset}"
+  if [[ ${preset} == host ]]; then
+    step "lint: clang-tidy and clang-format"
+    scripts/lint.sh build/host
+  fi
 done
 
-echo "=== tsan: build and test under ThreadSanitizer"
+step "tsan: build and test under ThreadSanitizer"
 scripts/ci-tsan.sh
+step "fuzz smoke: every target replays its seeds, then runs 20 s"
+scripts/fuzz.sh 20
+step "abi: no incompatible change against abi/"
+scripts/abi.sh
+step "coverage: library lines at least 95 %"
+scripts/coverage.sh
+step "done"
