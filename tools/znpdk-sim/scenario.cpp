@@ -196,6 +196,15 @@ Scenario load_scenario(const std::string& text, const std::string& file)
         std::string msg = e.what();
         size_t cut = msg.find("syntax error");
         throw ScenarioError(text_position(text, e.byte), cut == std::string::npos ? msg : msg.substr(cut));
+    } catch (const json::out_of_range& e) {
+        // A number too large for a double: the reader names it but gives no byte, so find it.
+        std::string msg = e.what();
+        size_t open = msg.find('\'');
+        size_t close = open == std::string::npos ? open : msg.find('\'', open + 1);
+        size_t at = close == std::string::npos ? 0 : text.find(msg.substr(open + 1, close - open - 1));
+        throw ScenarioError(text_position(text, at == std::string::npos ? 0 : at + 1),
+                            "number out of range: " +
+                                (close == std::string::npos ? msg : msg.substr(open, close - open + 1)));
     }
     Scenario s;
     s.file = file;
