@@ -76,8 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     std::vector<Esc_Sensor_t> matched, nodes, chassis;
-    const int spec = query.esc_spec;
-    if (spec >= 0 && spec <= 3 && query.BMCInst >= 0 && query.BMCInst < kInstances) {
+    const int wanted = query.esc_spec;
+    if (wanted >= 0 && wanted <= 3 && query.BMCInst >= 0 && query.BMCInst < kInstances) {
         bool found[kInstances] = {};
         bool chassis_found = false;
         auto match = [&](const std::vector<uint8_t>& t, int s, int target) {
@@ -102,10 +102,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         };
         for (int f = 1; f < kInstances; ++f) {
             for (int s = 0; s < 256; ++s) {
-                if (match(tables[f], s, spec)) {
+                if (match(tables[f], s, wanted)) {
                     record(tables[f], f, s);
                 }
-                if ((spec == 1 || spec == 2) && match(tables[f], s, 3 - spec)) {
+                if ((wanted == 1 || wanted == 2) && match(tables[f], s, 3 - wanted)) {
                     record(tables[f], f, s);
                 }
             }
