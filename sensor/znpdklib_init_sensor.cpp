@@ -513,13 +513,33 @@ struct EscSearch {
     Esc_Sensor_t chassis = {};
     bool inst_found[kInstCount] = {};
     bool chassis_found = false;
+    /* An entry is tested as one word: instance and sensor against the
+     * query's, then its valid byte. A sensor number outside 0..255 matches
+     * nothing. */
+    uint32_t key = 0;
+    uint32_t key_mask = 0;
+    uint32_t valid_mask = 0;
+    bool can_match;
+    /* A row whose targets were taken already can add none. */
+    uint64_t last_row[2] = {};
+    bool have_last_row = false;
 
-    explicit EscSearch(const Esc_Sensor_t& q) : query(q) {}
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q), can_match(q.Sensor_No >= 0 && q.Sensor_No <= 0xFF)
+    {
+        const packed_clear_sensor_list k = {0, static_cast<int8_t>(q.BMCInst),
+                                            static_cast<uint8_t>(q.Sensor_No), 0};
+        const packed_clear_sensor_list m = {0, -1, 0xFF, 0};
+        const packed_clear_sensor_list v = {-1, 0, 0, 0};
+        memcpy(&key, &k, sizeof(key));
+        memcpy(&key_mask, &m, sizeof(key_mask));
+        memcpy(&valid_mask, &v, sizeof(valid_mask));
+    }
 
     bool matches(const EscImage& image, int s, int t) const
     {
-        packed_clear_sensor_list e = esc_entry(image, s, t);
-        return e.valid != 0 && e.BMCInst == query.BMCInst && e.fru_sensor == query.Sensor_No;
+        uint32_t w;
+        memcpy(&w, &image[(static_cast<size_t>(s) * kTargets + t) * sizeof(w)], sizeof(w));
+        return (w & key_mask) == key && (w & valid_mask) != 0;
     }
 
     /* Targets naming an instance outside 0..17 are not reported. Once the
@@ -531,6 +551,14 @@ struct EscSearch {
         if (chassis_found && node_count == kInstCount) {
             return;
         }
+        uint64_t row[2];
+        memcpy(row, &image[static_cast<size_t>(s) * kTargets * sizeof(packed_clear_sensor_list)],
+               sizeof(row));
+        if (have_last_row && row[0] == last_row[0] && row[1] == last_row[1]) {
+            return;
+        }
+        memcpy(last_row, row, sizeof(row));
+        have_last_row = true;
         for (int t = LOG_CLEAR_EVEN_NODE; t <= LOG_CLEAR_ODD_NODE; ++t) {
             packed_clear_sensor_list e = esc_entry(image, s, t);
             if (e.valid != 0 && valid_inst(e.BMCInst) && !inst_found[e.BMCInst]) {
@@ -550,6 +578,9 @@ struct EscSearch {
     void search_file(const char* path, int f, EscImage& image)
     {
         read_esc_file(path, f, image);
+        if (!can_match) {
+            return;
+        }
         const int target = query.esc_spec;
         const bool node = target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE;
         const int other = LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target;
