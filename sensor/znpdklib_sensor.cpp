@@ -56,16 +56,15 @@ constexpr int kNodeStatusSensor = 10;
 constexpr int kCmucCount = 8;
 constexpr int kRouterCount = 16;
 
-/* The save area's semaphore of an instance (0..17), built without a
- * formatter: it is named on every persisted write. */
-constexpr char kLockPrefix[] = "/filelock_snsdata";
-constexpr size_t kLockPrefixLen = sizeof(kLockPrefix) - 1;
-using LockName = char[kLockPrefixLen + 3];
+/* The save area's semaphore of an instance (0..17). Named on every
+ * persisted write, so built without a formatter. */
+using LockName = char[sizeof("/filelock_snsdata17")];
 
 void lock_name(int BMCInst, LockName& name)
 {
-    std::memcpy(name, kLockPrefix, kLockPrefixLen);
-    char* p = name + kLockPrefixLen;
+    static constexpr char kPrefix[] = "/filelock_snsdata";
+    std::memcpy(name, kPrefix, sizeof(kPrefix) - 1);
+    char* p = name + sizeof(kPrefix) - 1;
     if (BMCInst >= 10) {
         *p++ = static_cast<char>('0' + BMCInst / 10);
     }
