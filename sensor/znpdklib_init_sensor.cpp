@@ -501,30 +501,15 @@ void retarget_esc_path(EscPath& path, int BMCInst)
     path[len - 1] = static_cast<char>('0' + BMCInst % 10);
 }
 
-/* A search keeps no list of its own on the heap: matches are counted per
- * file and sensor (they come out ordered by file, then sensor), targets are
- * bounded by the instance flags. */
-struct EscSearch {
-    const Esc_Sensor_t& query;
-    uint8_t hits[kInstCount][kSensors] = {};
-    int hit_count = 0;
-    Esc_Sensor_t targets[kMaxEscTargets] = {};
-    int node_count = 0;
-    Esc_Sensor_t chassis = {};
-    bool inst_found[kInstCount] = {};
-    bool chassis_found = false;
-    /* An entry is tested as one word: instance and sensor against the
-     * query's, then its valid byte. A sensor number outside 0..255 matches
-     * nothing. */
+/* An entry is tested as one word: instance and sensor against the query's,
+ * then its valid byte. A sensor number outside 0..255 matches nothing. */
+struct EntryMatcher {
     uint32_t key = 0;
     uint32_t key_mask = 0;
     uint32_t valid_mask = 0;
     bool can_match;
-    /* A row whose targets were taken already can add none. */
-    uint64_t last_row[2] = {};
-    bool have_last_row = false;
 
-    explicit EscSearch(const Esc_Sensor_t& q) : query(q), can_match(q.Sensor_No >= 0 && q.Sensor_No <= 0xFF)
+    explicit EntryMatcher(const Esc_Sensor_t& q) : can_match(q.Sensor_No >= 0 && q.Sensor_No <= 0xFF)
     {
         const packed_clear_sensor_list k = {0, static_cast<int8_t>(q.BMCInst),
                                             static_cast<uint8_t>(q.Sensor_No), 0};
@@ -535,18 +520,43 @@ struct EscSearch {
         memcpy(&valid_mask, &v, sizeof(valid_mask));
     }
 
-    bool matches(const EscImage& image, int s, int t) const
+    /* 1 when entry (s, t) names the query's sensor, else 0. */
+    int test(const EscImage& image, int s, int t) const
     {
         uint32_t w;
         memcpy(&w, &image[(static_cast<size_t>(s) * kTargets + t) * sizeof(w)], sizeof(w));
-        return (w & key_mask) == key && (w & valid_mask) != 0;
+        return (w & key_mask) == key && (w & valid_mask) != 0 ? 1 : 0;
     }
+};
+
+/* A search keeps no list of its own on the heap: matching sensors are
+ * listed in a bounded array (at most one entry per file and sensor), targets
+ * are bounded by the instance flags. */
+struct EscSearch {
+    const Esc_Sensor_t& query;
+    /* Matching sensors in the order found (file, then sensor), each as
+     * file << 9 | sensor << 1 | matched twice; only the first
+     * match_count are set. */
+    uint16_t matched[kInstCount * kSensors];
+    int match_count = 0;
+    int hit_count = 0;
+    Esc_Sensor_t targets[kMaxEscTargets] = {};
+    int node_count = 0;
+    Esc_Sensor_t chassis = {};
+    bool inst_found[kInstCount] = {};
+    bool chassis_found = false;
+    const EntryMatcher matcher;
+    /* A row whose targets were taken already can add none. */
+    uint64_t last_row[2] = {};
+    bool have_last_row = false;
+
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) {}
 
     /* Targets naming an instance outside 0..17 are not reported. Once the
      * chassis and every instance are found, no entry can add a target. */
     void record(const EscImage& image, int f, int s, int count)
     {
-        hits[f][s] = static_cast<uint8_t>(count);
+        matched[match_count++] = static_cast<uint16_t>(f << 9 | s << 1 | (count - 1));
         hit_count += count;
         if (chassis_found && node_count == kInstCount) {
             return;
@@ -578,15 +588,16 @@ struct EscSearch {
     void search_file(const char* path, int f, EscImage& image)
     {
         read_esc_file(path, f, image);
-        if (!can_match) {
+        /* A copy the compiler can keep in registers while the image is read. */
+        const EntryMatcher m = matcher;
+        if (!m.can_match) {
             return;
         }
         const int target = query.esc_spec;
         const bool node = target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE;
         const int other = LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target;
         for (int s = 0; s < kSensors; ++s) {
-            const int count =
-                (matches(image, s, target) ? 1 : 0) + (node && matches(image, s, other) ? 1 : 0);
+            const int count = m.test(image, s, target) + (node ? m.test(image, s, other) : 0);
             if (count != 0) {
                 record(image, f, s, count);
             }
@@ -607,19 +618,12 @@ struct EscSearch {
             return false;
         }
         memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
-        int i = 0;
-        /* File 0 is never searched. */
-        for (int f = 1; f < kInstCount && i < hit_count; ++f) {
-            for (int s = 0; s < kSensors; ++s) {
-                const int n = hits[f][s];
-                if (n == 0) {
-                    continue;
-                }
-                out->frue_list[i] = {0xFF, f, s};
-                if (n == 2) {
-                    out->frue_list[i + 1] = out->frue_list[i];
-                }
-                i += n;
+        Esc_Sensor_t* next = out->frue_list;
+        for (int m = 0; m < match_count; ++m) {
+            *next++ = {0xFF, matched[m] >> 9, (matched[m] >> 1) & 0xFF};
+            if ((matched[m] & 1) != 0) {
+                next[0] = next[-1];
+                ++next;
             }
         }
         return true;
