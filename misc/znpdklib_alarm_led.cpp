@@ -10,10 +10,11 @@ namespace {
 
 using namespace znpdk;
 
-constexpr int kLedOff = 1;
-constexpr int kLedEpo = 2;
-constexpr int kLedError = 3;
+/* The LED's states, as the LED control call and the evaluation name them. */
+enum LedState : int { kLedOff = 1, kLedEpo = 2, kLedError = 3 };
+
 constexpr INT8U kFruStatusSensorType = 0xC1;
+/* The chassis's PSU sensors, slot 0 first. */
 constexpr int kFirstPsuSensor = 50;
 constexpr int kLastPsuSensor = 67;
 

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -336,8 +335,16 @@ packed_clear_sensor_list esc_entry(const EscImage& image, int sensor, int target
     return e;
 }
 
-/* Snapshot of the instance's sensor table, taken under its sensor mutex. */
-bool snapshot_sensors(int BMCInst, SensorSharedMem_T* snap)
+/* What a table build needs of a sensor: small enough for the stack, so a
+ * build makes no allocation. */
+struct SensorKind {
+    INT8U oem;
+    INT8U type;
+};
+using SensorKinds = SensorKind[kSensors];
+
+/* Snapshot of the instance's sensor kinds, taken under its sensor mutex. */
+bool snapshot_sensors(int BMCInst, SensorKinds& snap)
 {
     pthread_mutex_t* mutex = &g_BMCInfo[BMCInst].SensorSharedMemMutex;
     if (OS_THREAD_MUTEX_ACQUIRE_LOCK(mutex) != 0) {
@@ -346,7 +353,10 @@ bool snapshot_sensors(int BMCInst, SensorSharedMem_T* snap)
                              "znpdklib_init_sensor", __LINE__, static_cast<int>(getpid()), err);
         return false;
     }
-    memcpy(snap, &g_BMCInfo[BMCInst].SensorSharedMem, sizeof(*snap));
+    const SensorInfo_T* table = g_BMCInfo[BMCInst].SensorSharedMem.SensorInfo;
+    for (int s = 0; s < kSensors; ++s) {
+        snap[s] = {table[s].OEMField, table[s].SensorTypeCode};
+    }
     if (OS_THREAD_MUTEX_RELEASE_LOCK(mutex) != 0) {
         IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]Error in releasing mutex in Thread ID %d\n",
                              "znpdklib_init_sensor", __LINE__, static_cast<int>(getpid()));
@@ -413,13 +423,12 @@ bool replace_file(const char* path, const EscImage& image)
 }
 
 /* Fills the image from the snapshot and marks the sensors stored in `made`. */
-void fill_escalation_image(int BMCInst, const SensorSharedMem_T& snap, EscImage& image, uint32_t (&made)[8])
+void fill_escalation_image(int BMCInst, const SensorKinds& snap, EscImage& image, uint32_t (&made)[8])
 {
     for (int s = 0; s < kSensors; ++s) {
-        const SensorInfo_T& info = snap.SensorInfo[s];
-        bool counts =
-            (BMCInst == kChassisInst && info.OEMField == 0) || (info.OEMField & (1u << (BMCInst % 2)));
-        if (!counts || info.SensorTypeCode != kTypeFrue) {
+        const SensorKind& info = snap[s];
+        bool counts = (BMCInst == kChassisInst && info.oem == 0) || (info.oem & (1u << (BMCInst % 2)));
+        if (!counts || info.type != kTypeFrue) {
             continue;
         }
         splog_clear_sensor_list list[kTargets];
@@ -441,12 +450,12 @@ void build_escalation(int BMCInst)
 {
     uint32_t made[8] = {0};
     kTraceInit(kLevelInfo, 0x05400000, "[znpdklib_make_escalation_info]:start. BMCInst=%d", BMCInst);
-    std::unique_ptr<SensorSharedMem_T> snap(new SensorSharedMem_T);
-    if (!snapshot_sensors(BMCInst, snap.get())) {
+    SensorKinds snap;
+    if (!snapshot_sensors(BMCInst, snap)) {
         return;
     }
     EscImage image = {};
-    fill_escalation_image(BMCInst, *snap, image, made);
+    fill_escalation_image(BMCInst, snap, image, made);
     for (int half = 0; half < 2; ++half) {
         const uint32_t* w = &made[half * 4];
         kTraceInit(kLevelInfo, 0x05400001,
@@ -465,48 +474,101 @@ void build_escalation(int BMCInst)
 }
 
 /* One instance's file; missing or short parts read as zeros. */
-void read_esc_file(const char* top, int BMCInst, EscImage& image)
+void read_esc_file(const char* path, int BMCInst, EscImage& image)
 {
-    memset(image, 0, sizeof(image));
-    EscPath path;
-    esc_file_path(top, BMCInst, path);
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
+        memset(image, 0, sizeof(image));
         kTraceInit(kLevelError, 0x05300001,
                    "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", BMCInst,
                    errno);
         return;
     }
-    read_full(fd, image, sizeof(image));
+    const size_t got = read_full(fd, image, sizeof(image));
+    memset(image + got, 0, sizeof(image) - got);
     close(fd);
 }
 
-/* A search keeps no list of its own on the heap: matches are counted per
- * file and sensor (they come out ordered by file, then sensor), targets are
- * bounded by the instance flags. */
+/* Points a built table path (see esc_file_path) at another instance: only
+ * its two digits differ. An unusable path ("") stays as it is. */
+void retarget_esc_path(EscPath& path, int BMCInst)
+{
+    const size_t len = strlen(path);
+    if (len < 2) {
+        return;
+    }
+    path[len - 2] = static_cast<char>('0' + BMCInst / 10);
+    path[len - 1] = static_cast<char>('0' + BMCInst % 10);
+}
+
+/* An entry is tested as one word: instance and sensor against the query's,
+ * then its valid byte. A sensor number outside 0..255 matches nothing. */
+struct EntryMatcher {
+    uint32_t key = 0;
+    uint32_t key_mask = 0;
+    uint32_t valid_mask = 0;
+    bool can_match;
+
+    explicit EntryMatcher(const Esc_Sensor_t& q) : can_match(q.Sensor_No >= 0 && q.Sensor_No <= 0xFF)
+    {
+        const packed_clear_sensor_list k = {0, static_cast<int8_t>(q.BMCInst),
+                                            static_cast<uint8_t>(q.Sensor_No), 0};
+        const packed_clear_sensor_list m = {0, -1, 0xFF, 0};
+        const packed_clear_sensor_list v = {-1, 0, 0, 0};
+        memcpy(&key, &k, sizeof(key));
+        memcpy(&key_mask, &m, sizeof(key_mask));
+        memcpy(&valid_mask, &v, sizeof(valid_mask));
+    }
+
+    /* 1 when entry (s, t) names the query's sensor, else 0. */
+    int test(const EscImage& image, int s, int t) const
+    {
+        uint32_t w;
+        memcpy(&w, &image[(static_cast<size_t>(s) * kTargets + t) * sizeof(w)], sizeof(w));
+        return (w & key_mask) == key && (w & valid_mask) != 0 ? 1 : 0;
+    }
+};
+
+/* A search keeps no list of its own on the heap: matching sensors are
+ * listed in a bounded array (at most one entry per file and sensor), targets
+ * are bounded by the instance flags. */
 struct EscSearch {
     const Esc_Sensor_t& query;
-    uint8_t hits[kInstCount][kSensors] = {};
+    /* Matching sensors in the order found (file, then sensor), each as
+     * file << 9 | sensor << 1 | matched twice; only the first
+     * match_count are set. */
+    uint16_t matched[kInstCount * kSensors];
+    int match_count = 0;
     int hit_count = 0;
     Esc_Sensor_t targets[kMaxEscTargets] = {};
     int node_count = 0;
     Esc_Sensor_t chassis = {};
     bool inst_found[kInstCount] = {};
     bool chassis_found = false;
+    const EntryMatcher matcher;
+    /* A row whose targets were taken already can add none. */
+    uint64_t last_row[2] = {};
+    bool have_last_row = false;
 
-    explicit EscSearch(const Esc_Sensor_t& q) : query(q) {}
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) {}
 
-    bool matches(const EscImage& image, int s, int t) const
+    /* Targets naming an instance outside 0..17 are not reported. Once the
+     * chassis and every instance are found, no entry can add a target. */
+    void record(const EscImage& image, int f, int s, int count)
     {
-        packed_clear_sensor_list e = esc_entry(image, s, t);
-        return e.valid != 0 && e.BMCInst == query.BMCInst && e.fru_sensor == query.Sensor_No;
-    }
-
-    /* Targets naming an instance outside 0..17 are not reported. */
-    void record(const EscImage& image, int f, int s)
-    {
-        ++hits[f][s];
-        ++hit_count;
+        matched[match_count++] = static_cast<uint16_t>(f << 9 | s << 1 | (count - 1));
+        hit_count += count;
+        if (chassis_found && node_count == kInstCount) {
+            return;
+        }
+        uint64_t row[2];
+        memcpy(row, &image[static_cast<size_t>(s) * kTargets * sizeof(packed_clear_sensor_list)],
+               sizeof(row));
+        if (have_last_row && row[0] == last_row[0] && row[1] == last_row[1]) {
+            return;
+        }
+        memcpy(last_row, row, sizeof(row));
+        have_last_row = true;
         for (int t = LOG_CLEAR_EVEN_NODE; t <= LOG_CLEAR_ODD_NODE; ++t) {
             packed_clear_sensor_list e = esc_entry(image, s, t);
             if (e.valid != 0 && valid_inst(e.BMCInst) && !inst_found[e.BMCInst]) {
@@ -521,17 +583,23 @@ struct EscSearch {
         }
     }
 
-    void search_file(const char* top, int f, EscImage& image)
+    /* A node query also matches the other node target of the sensor; a
+     * sensor matching twice counts twice but its targets are taken once. */
+    void search_file(const char* path, int f, EscImage& image)
     {
-        read_esc_file(top, f, image);
-        int target = query.esc_spec;
+        read_esc_file(path, f, image);
+        /* A copy the compiler can keep in registers while the image is read. */
+        const EntryMatcher m = matcher;
+        if (!m.can_match) {
+            return;
+        }
+        const int target = query.esc_spec;
+        const bool node = target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE;
+        const int other = LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target;
         for (int s = 0; s < kSensors; ++s) {
-            if (matches(image, s, target)) {
-                record(image, f, s);
-            }
-            if ((target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE) &&
-                matches(image, s, LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target)) {
-                record(image, f, s);
+            const int count = m.test(image, s, target) + (node ? m.test(image, s, other) : 0);
+            if (count != 0) {
+                record(image, f, s, count);
             }
         }
     }
@@ -550,12 +618,12 @@ struct EscSearch {
             return false;
         }
         memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
-        int i = 0;
-        for (int f = 0; f < kInstCount; ++f) {
-            for (int s = 0; s < kSensors; ++s) {
-                for (int k = 0; k < hits[f][s]; ++k) {
-                    out->frue_list[i++] = {0xFF, f, s};
-                }
+        Esc_Sensor_t* next = out->frue_list;
+        for (int m = 0; m < match_count; ++m) {
+            *next++ = {0xFF, matched[m] >> 9, (matched[m] >> 1) & 0xFF};
+            if ((matched[m] & 1) != 0) {
+                next[0] = next[-1];
+                ++next;
             }
         }
         return true;
@@ -938,8 +1006,11 @@ void znpdklib_get_escalation_info(Esc_Sensor_t* in, Esc_Table_t* out)
         char root_dir[kPathMax];
         const char* top = platform_file("", root_dir, sizeof(root_dir)) ? root_dir : nullptr;
         EscSearch search(*in);
+        EscPath path;
+        esc_file_path(top, 1, path);
         for (int f = 1; f < kInstCount; ++f) {
-            search.search_file(top, f, image);
+            retarget_esc_path(path, f);
+            search.search_file(path, f, image);
         }
         if (!search.fill(out)) {
             free(out->frue_list);

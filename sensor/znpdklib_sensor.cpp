@@ -56,6 +56,22 @@ constexpr int kNodeStatusSensor = 10;
 constexpr int kCmucCount = 8;
 constexpr int kRouterCount = 16;
 
+/* The save area's semaphore of an instance (0..17). Named on every
+ * persisted write, so built without a formatter. */
+using LockName = char[sizeof("/filelock_snsdata17")];
+
+void lock_name(int BMCInst, LockName& name)
+{
+    static constexpr char kPrefix[] = "/filelock_snsdata";
+    std::memcpy(name, kPrefix, sizeof(kPrefix) - 1);
+    char* p = name + sizeof(kPrefix) - 1;
+    if (BMCInst >= 10) {
+        *p++ = static_cast<char>('0' + BMCInst / 10);
+    }
+    *p++ = static_cast<char>('0' + BMCInst % 10);
+    *p = '\0';
+}
+
 /* The stack's sensor record; an instance outside 0..17 has none (the
  * stack's lookup is never asked about it). */
 SensorInfo_T* find_sensor(INT8U SensorNum, int BMCInst)
@@ -515,8 +531,8 @@ int ZNAPI_MemSensorInfoWrite(INT8U SensorNum, int BMCInst)
                 BMCInst);
         return -1;
     }
-    char name[256];
-    std::snprintf(name, sizeof(name), "/filelock_snsdata%d", BMCInst);
+    LockName name;
+    lock_name(BMCInst, name);
     sem_t* sem = _znlib_sem_open(name, 0);
     if (sem == nullptr) {
         SNS_DBG("[%s:%d]ZNAPI_MemSensorInfoWrite Error at sem_open sns:%d BMCInst:%d", SensorNum, BMCInst);

@@ -6,8 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <semaphore.h>
+
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <future>
 #include <map>
 #include <vector>
 
@@ -472,6 +476,10 @@ TEST_F(EmptySimTest, EscalationSearch)
         put(files.img[f], 9, 3, 1, 17, 33, 9);
     }
     put(files.img[12], 9, 2, 1, 18, 10, 9); /* target instance out of range */
+    for (int s : {10, 11, 12}) {            /* rows alike but for their chassis target */
+        put(files.img[5], s, 1, s == 12 ? 0x80 : 1, 6, 61, 10);
+    }
+    put(files.img[5], 11, 3, 1, 17, 33, 11);
     for (int inst = 1; inst < 18; ++inst) {
         if (inst != 4) {
             zsim::write_file(esc_path(inst), files.img[inst]);
@@ -506,9 +514,15 @@ TEST_F(EmptySimTest, EscalationSearch)
               query(0, 17, 35).frue);
     EXPECT_TRUE(zsim::traces_with_id(0x05300001).empty());
 
+    f = query(1, 6, 61);
+    EXPECT_EQ((std::vector<Entry>{{0xFF, 5, 10}, {0xFF, 5, 11}, {0xFF, 5, 12}}), f.frue);
+    EXPECT_EQ((std::vector<Entry>{{1, 6, 61}, {3, 17, 33}}), f.esc);
+
     f = query(0, 9, 200);
     EXPECT_TRUE(f.frue.empty() && f.esc.empty());
-    for (Entry bad : std::vector<Entry>{{4, 17, 35}, {-1, 17, 35}, {0, 18, 35}, {0, -1, 35}}) {
+    /* Bad queries, and sensor numbers that agree with a stored one only in their low byte. */
+    for (Entry bad : std::vector<Entry>{
+             {4, 17, 35}, {-1, 17, 35}, {0, 18, 35}, {0, -1, 35}, {0, 17, 35 + 256}, {0, 17, 35 - 256}}) {
         f = query(bad[0], bad[1], bad[2]);
         EXPECT_TRUE(f.frue.empty() && f.esc.empty()) << bad[0] << " " << bad[1];
     }
@@ -519,6 +533,23 @@ TEST_F(EmptySimTest, EscalationSearch)
     free(out.esc_list);
     Esc_Sensor_t in{0, 17, 35};
     znpdklib_get_escalation_info(&in, nullptr);
+}
+
+/* Each instance's saved states are written under that instance's own lock. */
+TEST_F(SimTest, SensorSaveWaitsForTheInstancesLock)
+{
+    for (int inst : {1, 9, 10, 16, 17}) {
+        char name[32];
+        snprintf(name, sizeof(name), "/filelock_snsdata%d", inst);
+        sem_t* sem = _znlib_sem_open(name, 0);
+        ASSERT_NE(nullptr, sem);
+        ASSERT_EQ(0, sem_wait(sem));
+        auto write = std::async(std::launch::async,
+                                [inst] { return ZNAPI_MemSensorInfoWrite(inst == 17 ? 33 : 10, inst); });
+        EXPECT_EQ(std::future_status::timeout, write.wait_for(std::chrono::milliseconds(50))) << inst;
+        sem_post(sem);
+        EXPECT_EQ(0, write.get()) << inst;
+    }
 }
 
 /* ---- Node error evaluation ---- */

@@ -226,6 +226,7 @@ TEST_F(NoAllocTest, HotPathsAllocateNothingOfTheirOwn)
         {"znpdklib_check_fan_redundancy", [&] { return znpdklib_check_fan_redundancy(1, &fanc_err); }, 0, 0},
         {"znpdklib_check_fan_spinup", [] { return znpdklib_check_fan_spinup(); }, 0, 0},
         {"znpdklib_check_fan_rotation", [] { return znpdklib_check_fan_rotation(); }, 0, 0},
+        {"znpdklib_make_escalation_info", [] { return znpdklib_make_escalation_info(17), 0; }, 0, 0},
     };
     std::vector<uint8_t> table(4096, 0);
     const uint8_t parent[4] = {1, 17, 35, 9}, chassis[4] = {1, 17, 33, 9};
