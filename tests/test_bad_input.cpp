@@ -1,5 +1,5 @@
 /* Bad input, as one table: every exported function with each class of bad
- * argument that applies (instances 0, 18, 255, -1, INT_MIN; a sensor without
+ * argument that applies (instances 0, 18, 255, -1, INT_MIN, INT_MAX; a sensor without
  * a record; offsets of 16 and more; null pointers; empty, overlong, unknown
  * and malformed paths; wild port, router, type, unit and mode numbers;
  * garbage and cut files). Each call gets its result and its error lines,
@@ -132,8 +132,8 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
     };
 
     /* ---- Sensors: an instance without the sensor, or a sensor without a record. */
-    std::vector<std::pair<int, int>> missing = {{psu, 0},  {psu, 18},      {psu, 255},
-                                                {psu, -1}, {psu, INT_MIN}, {none, 17}};
+    std::vector<std::pair<int, int>> missing = {{psu, 0},       {psu, 18},      {psu, 255}, {psu, -1},
+                                                {psu, INT_MIN}, {psu, INT_MAX}, {none, 17}};
     for (auto [s, i] : missing) {
         const std::string at = fmt("(%d, inst %d)", s, i);
         const uint8_t sn = static_cast<uint8_t>(s);
@@ -185,7 +185,7 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
                               : fmt("ZNAPI_MemSensorInfoWrite Error at save area invalid BMCInst:%d", i)},
             [=] { return ZNAPI_MemSensorInfoWrite(sn, i); });
     }
-    for (int i : {18, 255, -1, INT_MIN}) {
+    for (int i : {18, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("ZNAPI_MemSensorInfoRecover(%d)", i), -1,
             {fmt("ZNAPI_MemSensorInfoRecover Error at save area invalid BMCInst:%d", i)},
             [=] { return ZNAPI_MemSensorInfoRecover(i); });
@@ -216,10 +216,10 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         [=] { return znpdklib_getDiscreteStatusSensorStatus(psu, nullptr, 17); });
 
     /* ---- Controller checks: numbers without a controller. */
-    for (int n : {8, 255, -1, INT_MIN}) {
+    for (int n : {8, 16, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_check_cmuc_error(%d)", n), -1, {}, [=] { return znpdklib_check_cmuc_error(n); });
     }
-    for (int n : {16, 255, -1, INT_MIN}) {
+    for (int n : {16, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_check_rtnd_error(%d)", n), -1, {}, [=] { return znpdklib_check_rtnd_error(n); });
     }
 
