@@ -26,6 +26,17 @@ std::string fmt(const char* f, ...)
     return buf;
 }
 
+/* A conversion on an id filled with 0x77: its result, plus 0x100 when the
+ * id was not left zeroed. */
+long upid_call(const std::function<int(unit_position_id_t*)>& conv)
+{
+    unit_position_id_t id;
+    memset(&id, 0x77, sizeof(id));
+    const int r = conv(&id);
+    const unit_position_id_t zero = {};
+    return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+}
+
 /* Error lines of the call: debug output without its "[file:line]" prefix,
  * and trace lines of the error level. */
 Lines error_lines()
@@ -336,46 +347,27 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         "", overlong, "/SYSTEM#0/NOPE#1", "/SYSTEM#0/CMU#99", "CMU#1", "/CMU#", "/CMU#x/CPU#1", "//", "#"};
     for (const std::string& p : bad_paths) {
         add("znpdklib_path2upid(\"" + p.substr(0, 24) + "\")", -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
             std::string copy = p;
-            const int r = znpdklib_path2upid(&copy[0], &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call([&](unit_position_id_t* id) { return znpdklib_path2upid(&copy[0], id); });
         });
         add("znpdklib_upid2upid_pc(23, \"" + p.substr(0, 24) + "\")", -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
             std::string copy = p;
-            const int r = znpdklib_upid2upid_pc(23, 1, &copy[0], &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call(
+                [&](unit_position_id_t* id) { return znpdklib_upid2upid_pc(23, 1, &copy[0], id); });
         });
     }
-    add("znpdklib_compo2upid(null)", -1, {}, [] {
-        unit_position_id_t id;
-        memset(&id, 0x77, sizeof(id));
-        const int r = znpdklib_compo2upid(nullptr, &id);
-        const unit_position_id_t zero = {};
-        return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
-    });
+    add("znpdklib_compo2upid(null)", -1, {},
+        [] { return upid_call([&](unit_position_id_t* id) { return znpdklib_compo2upid(nullptr, id); }); });
     for (int up : {0, 6, 9, 16, 255, -1, INT_MIN}) {
         add(fmt("znpdklib_upid2upid(%d)", up), -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
-            const int r = znpdklib_upid2upid(up, 1, zsim::component(1), &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call(
+                [&](unit_position_id_t* id) { return znpdklib_upid2upid(up, 1, zsim::component(1), id); });
         });
     }
 
     for (int up : {23, 19, 20, 33, 34}) { /* codes that read the parent need a component */
         add(fmt("znpdklib_upid2upid(%d, null component)", up), -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
-            const int r = znpdklib_upid2upid(up, 1, nullptr, &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call([&](unit_position_id_t* id) { return znpdklib_upid2upid(up, 1, nullptr, id); });
         });
     }
     add("znpdklib_path2upid(null id)", -1, {}, [] {
