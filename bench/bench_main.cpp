@@ -192,9 +192,9 @@ bool g_replay_differs = false;
 struct Case {
     std::string name;
     std::function<void()> op;
-    std::function<void()> file_work; /* beside the replayed calls in the floor */
-    std::function<void()> setup;     /* before each run of op and floor */
-    int every = 1024;                /* iterations between housekeeping */
+    std::function<void()> file_work{}; /* beside the replayed calls in the floor */
+    std::function<void()> setup{};     /* before each run of op and floor */
+    int every = 1024;                  /* iterations between housekeeping */
 };
 
 void run_loop(benchmark::State& state, const Case& c, const std::function<void()>& body)
@@ -268,17 +268,12 @@ void register_all()
 {
     static INT16U rec = 0;
     std::vector<Case> cases = {
-        {"znpdklib_SetSensorWoS", [] { znpdklib_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }, nullptr,
-         nullptr},
-        {"znpdklib_SetSensorWS", [] { znpdklib_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); },
-         nullptr, nullptr},
-        {"znpdklib_exSetSensorWoS", [] { znpdklib_exSetSensorWoS(kExclusiveSensor, 1, kChassis); }, nullptr,
-         nullptr},
-        {"znpdklib_exSetSensorWS", [] { znpdklib_exSetSensorWS(kExclusiveSensor, 1, 0, 0, kChassis, &rec); },
-         nullptr, nullptr},
-        {"ZNAPI_SetSensorWoS", [] { ZNAPI_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }, nullptr, nullptr},
-        {"ZNAPI_SetSensorWS", [] { ZNAPI_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); }, nullptr,
-         nullptr},
+        {"znpdklib_SetSensorWoS", [] { znpdklib_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }},
+        {"znpdklib_SetSensorWS", [] { znpdklib_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); }},
+        {"znpdklib_exSetSensorWoS", [] { znpdklib_exSetSensorWoS(kExclusiveSensor, 1, kChassis); }},
+        {"znpdklib_exSetSensorWS", [] { znpdklib_exSetSensorWS(kExclusiveSensor, 1, 0, 0, kChassis, &rec); }},
+        {"ZNAPI_SetSensorWoS", [] { ZNAPI_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }},
+        {"ZNAPI_SetSensorWS", [] { ZNAPI_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); }},
     };
 
     /* Recovery: the marker test and 256 entries copied back. */
@@ -292,8 +287,7 @@ void register_all()
                              t.PreviousState = t.SensorReading;
                          }
                          benchmark::ClobberMemory();
-                     },
-                     nullptr});
+                     }});
 
     const std::string esc17 = esc_path(kChassis);
     cases.push_back({"znpdklib_make_escalation_info", [] { znpdklib_make_escalation_info(kChassis); },

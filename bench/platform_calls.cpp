@@ -222,31 +222,18 @@ void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
 void __libc_free(void*);
 
-void* malloc(size_t n)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(n);
-}
-void* calloc(size_t n, size_t size)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, size);
-}
-void* realloc(void* p, size_t n)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, n);
-}
-void* aligned_alloc(size_t align, size_t n)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_memalign(align, n);
-}
-void* memalign(size_t align, size_t n)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_memalign(align, n);
-}
+/* Every way to get heap memory counts one allocation. */
+#define ZB_COUNTED(ret, name, params, call)                                                                  \
+    ret name params                                                                                          \
+    {                                                                                                        \
+        zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);                                            \
+        return call;                                                                                         \
+    }
+ZB_COUNTED(void*, malloc, (size_t n), __libc_malloc(n))
+ZB_COUNTED(void*, calloc, (size_t n, size_t size), __libc_calloc(n, size))
+ZB_COUNTED(void*, realloc, (void* p, size_t n), __libc_realloc(p, n))
+ZB_COUNTED(void*, aligned_alloc, (size_t align, size_t n), __libc_memalign(align, n))
+ZB_COUNTED(void*, memalign, (size_t align, size_t n), __libc_memalign(align, n))
 int posix_memalign(void** out, size_t align, size_t n)
 {
     zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);

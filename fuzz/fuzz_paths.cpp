@@ -3,6 +3,7 @@
  * with any unit number and mask, on the default machine. */
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fuzz_support.h"
@@ -29,26 +30,15 @@ bool layers_tidy(const unit_position_id_t& id)
 
 int layers_of_code(int up)
 {
-    switch (up) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-    case 7:
-    case 8:
-    case 128:
-        return 1;
-    case 23:
-        return 2;
-    case 19:
-    case 20:
-    case 33:
-    case 34:
-        return 3;
-    default:
-        return 0;
+    static const std::pair<int, int> kLayers[] = {{1, 1},  {2, 1},  {3, 1},   {4, 1},  {5, 1},
+                                                  {7, 1},  {8, 1},  {128, 1}, {23, 2}, {19, 3},
+                                                  {20, 3}, {33, 3}, {34, 3}};
+    for (const auto& [code, layers] : kLayers) {
+        if (code == up) {
+            return layers;
+        }
     }
+    return 0;
 }
 
 std::vector<std::string> split(const std::string& s)

@@ -1,5 +1,5 @@
 /* Bad input, as one table: every exported function with each class of bad
- * argument that applies (instances 0, 18, 255, -1, INT_MIN; a sensor without
+ * argument that applies (instances 0, 18, 255, -1, INT_MIN, INT_MAX; a sensor without
  * a record; offsets of 16 and more; null pointers; empty, overlong, unknown
  * and malformed paths; wild port, router, type, unit and mode numbers;
  * garbage and cut files). Each call gets its result and its error lines,
@@ -24,6 +24,17 @@ std::string fmt(const char* f, ...)
     vsnprintf(buf, sizeof(buf), f, ap);
     va_end(ap);
     return buf;
+}
+
+/* A conversion on an id filled with 0x77: its result, plus 0x100 when the
+ * id was not left zeroed. */
+long upid_call(const std::function<int(unit_position_id_t*)>& conv)
+{
+    unit_position_id_t id;
+    memset(&id, 0x77, sizeof(id));
+    const int r = conv(&id);
+    const unit_position_id_t zero = {};
+    return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
 }
 
 /* Error lines of the call: debug output without its "[file:line]" prefix,
@@ -132,8 +143,8 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
     };
 
     /* ---- Sensors: an instance without the sensor, or a sensor without a record. */
-    std::vector<std::pair<int, int>> missing = {{psu, 0},  {psu, 18},      {psu, 255},
-                                                {psu, -1}, {psu, INT_MIN}, {none, 17}};
+    std::vector<std::pair<int, int>> missing = {{psu, 0},       {psu, 18},      {psu, 255}, {psu, -1},
+                                                {psu, INT_MIN}, {psu, INT_MAX}, {none, 17}};
     for (auto [s, i] : missing) {
         const std::string at = fmt("(%d, inst %d)", s, i);
         const uint8_t sn = static_cast<uint8_t>(s);
@@ -185,7 +196,7 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
                               : fmt("ZNAPI_MemSensorInfoWrite Error at save area invalid BMCInst:%d", i)},
             [=] { return ZNAPI_MemSensorInfoWrite(sn, i); });
     }
-    for (int i : {18, 255, -1, INT_MIN}) {
+    for (int i : {18, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("ZNAPI_MemSensorInfoRecover(%d)", i), -1,
             {fmt("ZNAPI_MemSensorInfoRecover Error at save area invalid BMCInst:%d", i)},
             [=] { return ZNAPI_MemSensorInfoRecover(i); });
@@ -216,10 +227,10 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         [=] { return znpdklib_getDiscreteStatusSensorStatus(psu, nullptr, 17); });
 
     /* ---- Controller checks: numbers without a controller. */
-    for (int n : {8, 255, -1, INT_MIN}) {
+    for (int n : {8, 16, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_check_cmuc_error(%d)", n), -1, {}, [=] { return znpdklib_check_cmuc_error(n); });
     }
-    for (int n : {16, 255, -1, INT_MIN}) {
+    for (int n : {16, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_check_rtnd_error(%d)", n), -1, {}, [=] { return znpdklib_check_rtnd_error(n); });
     }
 
@@ -336,46 +347,27 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         "", overlong, "/SYSTEM#0/NOPE#1", "/SYSTEM#0/CMU#99", "CMU#1", "/CMU#", "/CMU#x/CPU#1", "//", "#"};
     for (const std::string& p : bad_paths) {
         add("znpdklib_path2upid(\"" + p.substr(0, 24) + "\")", -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
             std::string copy = p;
-            const int r = znpdklib_path2upid(&copy[0], &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call([&](unit_position_id_t* id) { return znpdklib_path2upid(&copy[0], id); });
         });
         add("znpdklib_upid2upid_pc(23, \"" + p.substr(0, 24) + "\")", -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
             std::string copy = p;
-            const int r = znpdklib_upid2upid_pc(23, 1, &copy[0], &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call(
+                [&](unit_position_id_t* id) { return znpdklib_upid2upid_pc(23, 1, &copy[0], id); });
         });
     }
-    add("znpdklib_compo2upid(null)", -1, {}, [] {
-        unit_position_id_t id;
-        memset(&id, 0x77, sizeof(id));
-        const int r = znpdklib_compo2upid(nullptr, &id);
-        const unit_position_id_t zero = {};
-        return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
-    });
+    add("znpdklib_compo2upid(null)", -1, {},
+        [] { return upid_call([&](unit_position_id_t* id) { return znpdklib_compo2upid(nullptr, id); }); });
     for (int up : {0, 6, 9, 16, 255, -1, INT_MIN}) {
         add(fmt("znpdklib_upid2upid(%d)", up), -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
-            const int r = znpdklib_upid2upid(up, 1, zsim::component(1), &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call(
+                [&](unit_position_id_t* id) { return znpdklib_upid2upid(up, 1, zsim::component(1), id); });
         });
     }
 
     for (int up : {23, 19, 20, 33, 34}) { /* codes that read the parent need a component */
         add(fmt("znpdklib_upid2upid(%d, null component)", up), -1, {}, [=] {
-            unit_position_id_t id;
-            memset(&id, 0x77, sizeof(id));
-            const int r = znpdklib_upid2upid(up, 1, nullptr, &id);
-            const unit_position_id_t zero = {};
-            return memcmp(&id, &zero, sizeof(id)) == 0 ? r : 0x100 + r;
+            return upid_call([&](unit_position_id_t* id) { return znpdklib_upid2upid(up, 1, nullptr, id); });
         });
     }
     add("znpdklib_path2upid(null id)", -1, {}, [] {

@@ -104,23 +104,16 @@ void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
 void __libc_free(void*);
 
-void* malloc(size_t size)
-{
-    charge(__builtin_return_address(0));
-    return __libc_malloc(size);
-}
-
-void* calloc(size_t n, size_t size)
-{
-    charge(__builtin_return_address(0));
-    return __libc_calloc(n, size);
-}
-
-void* realloc(void* p, size_t size)
-{
-    charge(__builtin_return_address(0));
-    return __libc_realloc(p, size);
-}
+/* Each counts against the library when called from its code. */
+#define ZT_COUNTED(name, params, call)                                                                       \
+    void* name params                                                                                        \
+    {                                                                                                        \
+        charge(__builtin_return_address(0));                                                                 \
+        return call;                                                                                         \
+    }
+ZT_COUNTED(malloc, (size_t size), __libc_malloc(size))
+ZT_COUNTED(calloc, (size_t n, size_t size), __libc_calloc(n, size))
+ZT_COUNTED(realloc, (void* p, size_t size), __libc_realloc(p, size))
 
 void free(void* p)
 {
@@ -148,25 +141,15 @@ void* operator new[](size_t size)
     return operator new(size);
 }
 
-void operator delete(void* p) noexcept
-{
-    free(p);
-}
-
-void operator delete[](void* p) noexcept
-{
-    free(p);
-}
-
-void operator delete(void* p, size_t) noexcept
-{
-    free(p);
-}
-
-void operator delete[](void* p, size_t) noexcept
-{
-    free(p);
-}
+#define ZT_DELETE(...)                                                                                       \
+    void operator __VA_ARGS__ noexcept                                                                       \
+    {                                                                                                        \
+        free(p);                                                                                             \
+    }
+ZT_DELETE(delete (void* p))
+ZT_DELETE(delete[](void* p))
+ZT_DELETE(delete (void* p, size_t))
+ZT_DELETE(delete[](void* p, size_t))
 
 namespace {
 

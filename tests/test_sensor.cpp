@@ -2,7 +2,6 @@
 #include <errno.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstring>
 
 #include "sensor_test_util.h"
@@ -25,54 +24,6 @@ std::vector<uint8_t> sel_bytes(int inst)
         b.insert(b.end(), p, p + sizeof(r));
     }
     return b;
-}
-
-TEST_F(Sensor, BadInstancesAndPointersGetDefinedResults)
-{
-    for (int inst : {-1, 18, INT_MIN, INT_MAX}) {
-        INT16U id = 7, word = 0;
-        GetSensorReadingRes_T res{};
-        const int got[] = {ZNAPI_SetSensorWoS(5, 1, 3, inst),
-                           ZNAPI_SaveSensorTypeSEL(5, 1, 3, 2, 3, inst, &id),
-                           ZNAPI_SetSensorWS(5, 1, 3, 2, 3, inst, &id),
-                           znpdklib_SetSensorWoS(5, 1, 3, inst),
-                           znpdklib_SetSensorWS(5, 1, 3, 2, 3, inst, &id),
-                           znpdklib_exSetSensorWoS(5, 3, inst),
-                           znpdklib_exSetSensorWS(5, 3, 2, 3, inst, &id),
-                           isValidSensorBMCInst(5, inst),
-                           GetInstSensorType(5, inst),
-                           GetInstSensorOEM(5, inst),
-                           ZNAPI_GetSensorReading(5, &res, inst),
-                           ZNAPI_MemSensorInfoWrite(5, inst),
-                           ZNAPI_MemSensorInfoRecover(inst),
-                           znpdklib_getDiscreteStatusSensorStatus(5, &word, inst),
-                           word};
-        const int want[] = {0xCB, 0xCB, 0xCB, 0xCB, 0xCB, 0xCB, 0xCB, 0xCB, 0xFF, 0, -1, -1, -1, 0, 0x8000};
-        EXPECT_TRUE(std::equal(got, got + 15, want)) << inst;
-        EXPECT_EQ(id, 7);
-    }
-    const std::string miss = "ZNAPI_SetSensorWoS Error at GetSensorInfo sns:5 dir:1 bit:0x3 BMCInst:18";
-    const Lines d = dbg();
-    ASSERT_EQ(d.size(), 4 * 13u);
-    EXPECT_EQ(Lines(d.begin() + 13, d.begin() + 26),
-              (Lines{miss, "ZNAPI_SaveSensorTypeSEL Error at GetSensorInfo sns:5 BMCInst:18", miss, miss,
-                     "znpdklib_SetSensorWoS Error sns:5 dir:1 bit:0x3 BMCInst:18", miss,
-                     "znpdklib_SetSensorWS Error sns:5 dir:1 e1:0x3 e2:0x2 e3:0x3 BMCInst:18",
-                     "znpdklib_exSetSensorWoS Error at GetSensorInfo sns:5 BMCInst:18",
-                     "znpdklib_exSetSensorWS Error at GetSensorInfo sns:5 BMCInst:18",
-                     "ZNAPI_GetSensorReading param Error",
-                     "ZNAPI_MemSensorInfoWrite Error at save area invalid BMCInst:18",
-                     "ZNAPI_MemSensorInfoRecover Error at save area invalid BMCInst:18",
-                     "ZNAPI_GetSensorReading param Error"}));
-    for (int n : {-1, 8, 16, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(znpdklib_check_cmuc_error(n), -1) << n;
-        EXPECT_EQ(znpdklib_check_rtnd_error(n == 8 ? 16 : n), -1) << n;
-    }
-    def(8, 10, 0x0002);
-    EXPECT_EQ(znpdklib_getDiscreteStatusSensorStatus(10, nullptr, 8), 0);
-    EXPECT_EQ(ZNAPI_GetSensorReading(10, nullptr, 8), -1);
-    znpdklib_Various_sharemem_read(nullptr);
-    znpdklib_Various_sharemem_write(nullptr);
 }
 
 TEST_F(Sensor, SetWithoutSelChangesOneBitAndPersistsIt)

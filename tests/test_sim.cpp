@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "mbc_driver.h"
+#include "support.h"
 #include "sp_trace.h"
 #include "sputil.h"
 #include "znpdk_sim/detail.h"
@@ -492,15 +493,11 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
     EXPECT_EQ(_znlib_sem_open("/filelock_snsdata17", 0), s);
     EXPECT_NE(_znlib_sem_open("/filelock_snsdata16", 0), s);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 0);
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) { /* held by the parent: another process cannot take it */
-        sem_t* c = _znlib_sem_open("/filelock_snsdata17", 0);
-        _exit(c != nullptr && sem_trywait(c) == -1 && errno == EAGAIN ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(ztest::run_in_child([] { /* held by the parent: another process cannot take it */
+                                       sem_t* c = _znlib_sem_open("/filelock_snsdata17", 0);
+                                       return c != nullptr && sem_trywait(c) == -1 && errno == EAGAIN ? 0 : 1;
+              }),
+              0);
     EXPECT_EQ(_znlib_sem_unlock(s, "/filelock_snsdata17", 0), 0);
     zsim::fail_sem_lock(11);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 11);
@@ -520,21 +517,17 @@ TEST_F(Sim, AttachedProcessSharesRecordsClockAndRegisters)
 {
     zsim::set_reg(0, 0x020400C0, 0x5A);
     int psu = zsim::find(COMPO_PSU, 9);
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        zsim::attach(make_root());
-        bool ok = zsim::reg(0, 0x020400C0) == 0x5A && zsim::find(COMPO_PSU, 9) == psu &&
-                  zsim::sensor(17, 0x81).SensorTypeCode == 0; /* sensors are per process */
-        sleep(30);
-        zsim::set_reg(0, 0x020400C0, 0xA5);
-        uint8_t b = 9;
-        zsim::component(psu)->setProperty(PROP_FRU_INFO, &b, 1);
-        _exit(ok ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(ztest::run_in_child([&] {
+                  zsim::attach(make_root());
+                  bool ok = zsim::reg(0, 0x020400C0) == 0x5A && zsim::find(COMPO_PSU, 9) == psu &&
+                            zsim::sensor(17, 0x81).SensorTypeCode == 0; /* sensors are per process */
+                  sleep(30);
+                  zsim::set_reg(0, 0x020400C0, 0xA5);
+                  uint8_t b = 9;
+                  zsim::component(psu)->setProperty(PROP_FRU_INFO, &b, 1);
+                  return ok ? 0 : 1;
+              }),
+              0);
     EXPECT_EQ(zsim::now(), 1767225630u);
     EXPECT_EQ(zsim::reg(0, 0x020400C0), 0xA5u);
     EXPECT_EQ(zsim::record(psu, PROP_FRU_INFO), std::vector<uint8_t>({9}));
