@@ -764,18 +764,34 @@ void debug_sleep(uint32_t debug_flag)
     }
 }
 
+/* Reads one line of at most size - 1 characters into line; the rest of a
+ * longer line is passed over. Ends at '\n' even past a NUL byte, which
+ * fgets and strchr cannot tell apart. False at the end of the file. */
+bool read_line(FILE* in, char* line, size_t size)
+{
+    size_t n = 0;
+    int c = getc(in);
+    if (c == EOF) {
+        return false;
+    }
+    for (; c != EOF && c != '\n'; c = getc(in)) {
+        if (n + 1 < size) {
+            line[n++] = static_cast<char>(c);
+        }
+    }
+    line[n] = '\0';
+    return true;
+}
+
 /* Applies the lines "fan:speed" of an open debug input file. A line longer
- * than the buffer is judged by its beginning; the rest is passed over. */
+ * than the buffer is judged by its beginning. */
 void apply_dummy_lines(FILE* in, uint32_t fan_target, uint32_t* data)
 {
     char line[256];
-    bool continued = false;
-    while (fgets(line, sizeof(line), in) != nullptr) {
-        const bool head = !continued;
-        continued = strchr(line, '\n') == nullptr;
+    while (read_line(in, line, sizeof(line))) {
         int fanno = 0;
         int val = 0;
-        if (!head || sscanf(line, "%d:%d", &fanno, &val) != 2 || fanno < 0 || fanno >= kFanCount ||
+        if (sscanf(line, "%d:%d", &fanno, &val) != 2 || fanno < 0 || fanno >= kFanCount ||
             !in_set(fan_target, fanno)) {
             continue;
         }
