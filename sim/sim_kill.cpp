@@ -1,5 +1,6 @@
 /* Kill points: a process dies by SIGKILL at the n-th visit of a chosen point. */
 #include <signal.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -86,6 +87,19 @@ int kill_point_hits(KillPoint point)
 void set_sem_wait_limit(int ms)
 {
     internal::g_sem_wait_ms = ms > 0 ? ms : 0;
+}
+
+void reset_semaphores()
+{
+    internal::Shared* s = internal::shared();
+    if (s == nullptr) {
+        return;
+    }
+    internal::MetaLock lock;
+    for (int i = 0; i < s->sem_count; ++i) {
+        sem_destroy(&s->sems[i].sem);
+        sem_init(&s->sems[i].sem, 1, 1);
+    }
 }
 
 } // namespace zsim

@@ -197,6 +197,11 @@ TEST(SimScenarioFile, MessagesNameTheTypeRangeAndTheUnknownName)
          "znpdklib_check_psu_redundancy has no parameter \"mdoe\" (did you mean mode?); it takes mode"},
         {R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": "one"}})",
          "expected the result of ZNAPI_Sensor_Init (an integer from -2147483648 to 2147483647), got \"one\""},
+        {R"({"kill": {"process": "fan", "while": "sleeping", "during": {"advance": 1}}})",
+         "unknown kill point \"sleeping\" (kill points: \"fan check poll\", \"holding save-area semaphore\", "
+         "\"rebuilding escalation table\", \"writing component record\")"},
+        {R"({"kill": {"process": "fan", "while": "fan check poll", "during": {"process": "ipmi", "advance": 1}}})",
+         "this step runs in the process that is killed, fan"},
         {R"({"remove_component": "/SYSTEM#0/PSU#18"})",
          "the machine has no component /SYSTEM#0/PSU#18 at this step (\"znpdk-sim machine\" lists the default "
          "machine; add_component adds one)"},
@@ -475,7 +480,11 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
         {"process": "a", "call": "znpdklib_SetSensorWS", "args": [35, 1, "0x04", 0, 0, 17, "out"]},
         {"advance": 10},
         {"restart": "a"},
-        {"reset_sensors": 5}
+        {"reset_sensors": 5},
+        {"kill": {"process": "a", "while": "holding save-area semaphore",
+                  "during": {"call": "znpdklib_SetSensorWoS", "args": [35, 1, 2, 5]}},
+         "expect": {"saved_sensors": [{"inst": 5, "num": 35, "reading": 0}]}},
+        {"process": "a", "note": "started afresh"}
       ]})";
     char path[] = "/tmp/znpdk-simcmd-svg-XXXXXX";
     int fd = mkstemp(path);
@@ -505,9 +514,11 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
         {"<g class=\"change\" data-t=\"10\" data-process=\"a\" data-value=\"18\">", 1},
         {"<circle class=\"sel\" data-t=\"10\" data-process=\"a\"", 1},
         {"<circle class=\"ras\"", 0},
-        {"<g class=\"restart\" data-t=\"20\" data-process=\"a\">", 1},
+        {"<g class=\"restart\" data-t=\"20\" data-process=\"a\">",
+         2}, /* restart, then start after the kill */
         {"<g class=\"tick\" data-t=\"20\">", 1},
         {"<rect class=\"bulk\" data-t=\"20\"", 1}, /* node 4's 97 sensors: one mark, no lanes */
+        {"<g class=\"kill\" data-t=\"20\" data-process=\"a\">", 1},
         {"data-name=\"5/", 0},
     };
     for (const auto& e : expected) {

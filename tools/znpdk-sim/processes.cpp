@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "functions.h"
+#include "ipmi_stack.h"
 #include "runner.h"
 #include "sp_trace.h"
 #include "znlib.h"
@@ -140,7 +141,51 @@ void apply_world(const json& w)
     }
 }
 
+/* Only what a step of several processes changed: the others' changes stay. */
+void apply_world_changes(const json& w, const json& base)
+{
+    const json& now = w["sensors"];
+    const json& was = base["sensors"];
+    auto inst_num = [](const std::string& key) {
+        size_t slash = key.find('/');
+        return std::make_pair(std::stoi(key.substr(0, slash)),
+                              static_cast<uint8_t>(std::stoi(key.substr(slash + 1))));
+    };
+    for (auto it = now.begin(); it != now.end(); ++it) {
+        auto b = was.find(it.key());
+        if (b == was.end() || *b != it.value()) {
+            auto [i, n] = inst_num(it.key());
+            apply_sensor(i, n, from_hex<SensorInfo_T>(it.value()));
+        }
+    }
+    for (auto it = was.begin(); it != was.end(); ++it) {
+        if (!now.contains(it.key())) {
+            auto [i, n] = inst_num(it.key());
+            zsim::remove_sensor(i, n);
+        }
+    }
+    if (w["psuc"] != base["psuc"]) {
+        zsim::set_psuc_image(from_hex<psuc_all_t>(w["psuc"]));
+    }
+    if (w["now"].get<uint32_t>() > zsim::now()) {
+        zsim::set_time(w["now"].get<uint32_t>());
+    }
+}
+
 /* ---- In the child ---------------------------------------------------------- */
+
+const Step* find_step(const std::vector<Step>& list, const std::string& where)
+{
+    for (const Step& st : list) {
+        if (st.where == where) {
+            return &st;
+        }
+        if (const Step* p = find_step(st.parts, where)) {
+            return p;
+        }
+    }
+    return nullptr;
+}
 
 struct LogMarks {
     std::vector<size_t> sel = std::vector<size_t>(kInstances, 0);
@@ -190,12 +235,23 @@ json new_logs(const LogMarks& m)
     return {{"sel", sel}, {"ras", ras}, {"traces", traces}};
 }
 
-json run_here(const Step& st, Runner& run, const json& request)
+json run_here(const Step& st, Runner& run, const json& request, int fd)
 {
     apply_world(request["world"]);
     LogMarks before = log_marks();
     StepReport rep;
     rep.where = st.where;
+    rep.step = &st;
+    if (request.contains("barrier")) {
+        json go;
+        if (!send_msg(fd, {{"ready", true}}) || !recv_msg(fd, go)) {
+            _exit(0); /* the runner has gone */
+        }
+    }
+    const int point = request.value("kill_point", -1);
+    if (point >= 0) {
+        zsim::kill_at(static_cast<zsim::KillPoint>(point), request["kill_visit"].get<int>());
+    }
     try {
         st.action(run, rep);
     } catch (const std::exception& e) {
@@ -204,17 +260,25 @@ json run_here(const Step& st, Runner& run, const json& request)
     if (!st.background && !zsim::wait_library_threads(20000)) {
         run.fail(rep, rep.where, "library threads still running after 20 s of real time");
     }
+    int hits = 0;
+    if (point >= 0) {
+        hits = zsim::kill_point_hits(static_cast<zsim::KillPoint>(point));
+        zsim::kill_at(static_cast<zsim::KillPoint>(point), 0); /* lived through it: only count from now */
+    }
     json failures = json::array();
     for (const Failure& f : rep.failures) {
         failures.push_back({{"where", f.where}, {"what", f.what}});
     }
-    return {{"has_call", rep.has_call}, {"ret", rep.ret},           {"out", rep.out},
-            {"failures", failures},     {"logs", new_logs(before)}, {"world", world()}};
+    return {{"has_call", rep.has_call}, {"ret", rep.ret},   {"out", rep.out}, {"failures", failures},
+            {"logs", new_logs(before)}, {"world", world()}, {"hits", hits}};
 }
 
 /* A named process: the steps the runner sends, one at a time, until it hangs up. */
 [[noreturn]] void serve(int fd, const Scenario& s, Runner& run)
 {
+    if (s.sem_wait_ms > 0) {
+        zsim::set_sem_wait_limit(s.sem_wait_ms);
+    }
     if (s.save_area) {
         const Function* init = find_function("ZNAPI_MemSensorAreaInit");
         if (init != nullptr) {
@@ -228,9 +292,10 @@ json run_here(const Step& st, Runner& run, const json& request)
             send_msg(fd, {{"ended", true}});
             break;
         }
-        const std::vector<Step>& list = request["setup"].get<bool>() ? s.setup : s.steps;
-        const Step& st = list.at(request["index"].get<size_t>());
-        if (!send_msg(fd, run_here(st, run, request))) {
+        const std::string where = request["where"].get<std::string>();
+        const Step* st = find_step(s.setup, where);
+        st = st != nullptr ? st : find_step(s.steps, where);
+        if (st == nullptr || !send_msg(fd, run_here(*st, run, request, fd))) {
             break;
         }
     }
@@ -258,6 +323,10 @@ void merge_logs(const json& logs)
         znpdklib_log_save_sel_error_log(&info, &link);
     }
     for (const json& t : logs["traces"]) {
+        if (t["debug"].get<bool>()) { /* the IPMI stack's debug output stays what it was */
+            IDBG_LINUXAPP_DbgOut(t["level"].get<int>(), "%s", t["text"].get<std::string>().c_str());
+            continue;
+        }
         sp_trace4(t["level"].get<int>(), t["region"].get<int>(), t["module"].get<int>(),
                   t["id"].get<uint32_t>(), "%s", t["text"].get<std::string>().c_str());
     }
@@ -270,7 +339,11 @@ std::vector<std::string> process_names(const Scenario& s)
     std::vector<std::string> names;
     for (const std::vector<Step>* list : {&s.setup, &s.steps}) {
         for (const Step& st : *list) {
-            for (const std::string& n : {st.process, st.restarts}) {
+            std::vector<std::string> here = {st.process, st.restarts};
+            for (const Step& p : st.parts) {
+                here.push_back(p.process);
+            }
+            for (const std::string& n : here) {
                 if (!n.empty() && n != "*" && std::find(names.begin(), names.end(), n) == names.end()) {
                     names.push_back(n);
                 }
@@ -359,11 +432,13 @@ bool Processes::spawn(const std::string& name)
         return false;
     }
     children_[name] = Child{pid, slots_[k].runner_fd};
+    killed_.erase(std::remove(killed_.begin(), killed_.end(), name), killed_.end());
     return true;
 }
 
 void Processes::end(const std::string& name)
 {
+    killed_.erase(std::remove(killed_.begin(), killed_.end(), name), killed_.end());
     auto it = children_.find(name);
     if (it == children_.end()) {
         return;
@@ -388,23 +463,31 @@ std::vector<std::string> Processes::names() const
     for (const auto& c : children_) {
         out.push_back(c.first);
     }
+    out.insert(out.end(), killed_.begin(), killed_.end());
     return out;
 }
 
-void Processes::run(const Step& st, Runner& run, StepReport& rep)
+Processes::Child* Processes::child_for(const Step& st, Runner& run, StepReport& rep)
 {
-    auto it = children_.find(st.process);
-    json answer;
-    bool in_setup = st.where.compare(0, 7, "/setup/") == 0;
-    size_t index = std::stoul(st.where.substr(st.where.rfind('/') + 1));
-    if (it == children_.end() ||
-        !send_msg(it->second.fd, {{"setup", in_setup}, {"index", index}, {"world", world()}}) ||
-        !recv_msg(it->second.fd, answer)) {
-        run.fail(rep, rep.where, "process " + st.process + " did not answer (it ended?)");
-        return;
+    if (std::find(killed_.begin(), killed_.end(), st.process) != killed_.end()) {
+        if (!spawn(st.process)) {
+            return nullptr;
+        }
+        rep.restarts = st.process;
+        Event e;
+        e.t = run.now();
+        e.kind = "restart";
+        e.data = {{"process", st.process}};
+        e.text = "process " + st.process + " starts afresh (it was killed) and sets up its save area";
+        rep.events.push_back(e);
     }
+    auto it = children_.find(st.process);
+    return it == children_.end() ? nullptr : &it->second;
+}
+
+void Processes::take_answer(const json& answer, const Step& st, Runner& run, StepReport& rep)
+{
     merge_logs(answer["logs"]);
-    apply_world(answer["world"]);
     for (const json& f : answer["failures"]) {
         run.fail(rep, f["where"].get<std::string>(), f["what"].get<std::string>());
     }
@@ -416,6 +499,105 @@ void Processes::run(const Step& st, Runner& run, StepReport& rep)
         run.last_ret = rep.ret;
         run.last_out = rep.out;
     }
+    (void)st;
+}
+
+void Processes::run(const Step& st, Runner& run, StepReport& rep)
+{
+    Child* c = child_for(st, run, rep);
+    json answer;
+    if (c == nullptr || !send_msg(c->fd, {{"where", st.where}, {"world", world()}}) ||
+        !recv_msg(c->fd, answer)) {
+        run.fail(rep, rep.where, "process " + st.process + " did not answer (it ended?)");
+        return;
+    }
+    apply_world(answer["world"]);
+    take_answer(answer, st, run, rep);
+}
+
+void Processes::kill(const Step& st, Runner& run, StepReport& rep)
+{
+    const Step& during = st.parts.at(0);
+    const std::string& name = during.process;
+    rep.process = name;
+    Child* c = child_for(during, run, rep);
+    json answer;
+    if (c == nullptr || !send_msg(c->fd, {{"where", during.where},
+                                          {"world", world()},
+                                          {"kill_point", st.kill_point},
+                                          {"kill_visit", st.kill_visit}})) {
+        run.fail(rep, rep.where, "process " + name + " did not answer (it ended?)");
+        return;
+    }
+    if (recv_msg(c->fd, answer)) {
+        apply_world(answer["world"]);
+        take_answer(answer, during, run, rep);
+        run.fail(rep, rep.where,
+                 "process " + name + " was not killed: it was " + st.kill_while + " " +
+                     std::to_string(answer["hits"].get<int>()) + " times in the step, not " +
+                     std::to_string(st.kill_visit));
+        return;
+    }
+    /* The socket closed: the process is dead, and what it held in memory with it. */
+    close(c->fd);
+    children_.erase(name);
+    killed_.push_back(name);
+    rep.kills = name;
+    Event e;
+    e.t = run.now();
+    e.kind = "kill";
+    e.data = {{"process", name}, {"while", st.kill_while}, {"at", st.kill_visit}};
+    e.text = "process " + name + " killed (SIGKILL) while " + st.kill_while +
+             (st.kill_visit > 1 ? " (visit " + std::to_string(st.kill_visit) + ")" : "") +
+             "; what it made in this step dies with it";
+    rep.events.push_back(e);
+}
+
+void Processes::together(const Step& st, Runner& run, StepReport& rep)
+{
+    const json base = world();
+    std::vector<Child*> cs;
+    for (const Step& p : st.parts) {
+        Child* c = child_for(p, run, rep);
+        if (c != nullptr && !send_msg(c->fd, {{"where", p.where}, {"world", base}, {"barrier", true}})) {
+            c = nullptr;
+        }
+        cs.push_back(c);
+    }
+    json msg;
+    for (Child*& c : cs) {
+        if (c != nullptr && !recv_msg(c->fd, msg)) {
+            c = nullptr; /* every other one is at the barrier */
+        }
+    }
+    for (Child* c : cs) {
+        if (c != nullptr) {
+            send_msg(c->fd, {{"go", true}});
+        }
+    }
+    std::string text;
+    for (size_t i = 0; i < cs.size(); ++i) {
+        const Step& p = st.parts[i];
+        json answer;
+        if (cs[i] == nullptr || !recv_msg(cs[i]->fd, answer)) {
+            run.fail(rep, p.where, "process " + p.process + " did not answer (it ended?)");
+            continue;
+        }
+        apply_world_changes(answer["world"], base);
+        rep.has_call = false;
+        take_answer(answer, p, run, rep);
+        text += (text.empty() ? "" : "; ") + p.process + ": " + p.text +
+                (rep.has_call ? " = " + (rep.ret.is_null() ? std::string("(void)") : rep.ret.dump()) : "");
+        for (const Check& chk : p.checks) {
+            try {
+                chk(run, rep);
+            } catch (const std::exception& e) {
+                run.fail(rep, p.where, std::string("an expectation broke down: ") + e.what());
+            }
+        }
+    }
+    rep.has_call = false; /* each part's result is in the text */
+    rep.text = "together: " + text;
 }
 
 void Processes::stop()

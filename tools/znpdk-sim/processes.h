@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,12 +30,22 @@ class Processes {
      * the PSU controller image and the clock go with it and come back with
      * the SEL records, RAS logs and trace lines it made. */
     void run(const Step& st, Runner& run, StepReport& rep);
+    /* A kill step: arms its point in the process, runs its step there and
+     * sees the process die; the next step of that name starts it afresh. */
+    void kill(const Step& st, Runner& run, StepReport& rep);
+    /* Steps of several processes, released together from one barrier. */
+    void together(const Step& st, Runner& run, StepReport& rep);
     /* Ends a process (after its library threads) and starts it again with
      * a library that was never used; false when it cannot be started. */
     bool restart(const std::string& name);
+    /* Named processes, killed ones included. */
     std::vector<std::string> names() const;
     /* Ends every process. */
     void stop();
+    /* Ends one process (after its library threads), or forgets a killed one. */
+    void end(const std::string& name);
+    /* Starts a process with a library that was never used. */
+    bool spawn(const std::string& name);
 
     /* Incarnations a scenario may start in all (first starts and restarts). */
     static constexpr int kIncarnations = 32;
@@ -49,10 +60,12 @@ class Processes {
         int child_fd;
     };
     [[noreturn]] void zygote(int ctl, const Scenario& s, Runner& run);
-    bool spawn(const std::string& name);
-    void end(const std::string& name);
+    /* The child of a step's process, started afresh when it was killed. */
+    Child* child_for(const Step& st, Runner& run, StepReport& rep);
+    void take_answer(const json& answer, const Step& st, Runner& run, StepReport& rep);
 
     std::map<std::string, Child> children_;
+    std::vector<std::string> killed_;
     std::vector<Slot> slots_;
     int next_slot_ = 0;
     int ctl_ = -1;

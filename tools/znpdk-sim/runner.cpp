@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -388,6 +389,7 @@ void Runner::collect_logs(StepReport& r) const
 void Runner::run_step(const Step& st, StepReport& r, bool quiet)
 {
     r.where = st.where;
+    r.step = &st;
     r.label = st.label;
     r.text = st.text;
     r.report = quiet ? "quiet" : st.report;
@@ -396,6 +398,7 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
     r.t_start = now();
     r.process = st.process;
     r.restarts = st.restarts;
+    const auto real_start = std::chrono::steady_clock::now();
     if (!st.process.empty()) {
         procs_.run(st, *this, r);
     } else if (st.action) {
@@ -409,6 +412,9 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
         }
     }
     r.t_end = now();
+    r.real_ms = static_cast<uint32_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - real_start)
+            .count());
     if (!quiet) {
         diff(before, snapshot(), r);
         collect_logs(r);
@@ -521,6 +527,9 @@ json step_json(const StepReport& r)
     }
     if (!r.process.empty()) {
         j["process"] = r.process;
+    }
+    if (!r.kills.empty()) {
+        j["kills"] = r.kills;
     }
     if (r.has_call) {
         j["ret"] = r.ret;
@@ -686,6 +695,9 @@ int run_scenario(const Scenario& s, const Options& o)
         root = dir;
     }
     zsim::init(root);
+    if (s.sem_wait_ms > 0) {
+        zsim::set_sem_wait_limit(s.sem_wait_ms);
+    }
     if (s.default_machine) {
         zsim::build_default_machine();
     }

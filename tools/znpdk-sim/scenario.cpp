@@ -8,10 +8,92 @@
 #include "functions.h"
 #include "runner.h"
 #include "scenario_parts.h"
+#include "znpdk_sim/sim.h"
 
 namespace zcmd {
 
 namespace {
+
+Step parse_step(const Node& n, bool in_setup);
+
+/* The points a named process can be killed at, by the names scenarios use. */
+const std::map<std::string, zsim::KillPoint>& kill_points()
+{
+    static const std::map<std::string, zsim::KillPoint> t = {
+        {"holding save-area semaphore", zsim::KillPoint::SaveAreaSemHeld},
+        {"writing component record", zsim::KillPoint::RecordWrite},
+        {"rebuilding escalation table", zsim::KillPoint::EscalationWrite},
+        {"fan check poll", zsim::KillPoint::FanCheckPoll},
+    };
+    return t;
+}
+
+/* A step that runs in a named process as part of a kill or "together" step. */
+Step part_step(const Node& n, const std::string& process)
+{
+    Step p = parse_step(n, false);
+    if (!process.empty() && p.process.empty()) {
+        p.process = process;
+    }
+    if (p.process.empty() || (!process.empty() && p.process != process)) {
+        n.fail(process.empty() ? "each step here names its process (\"process\": \"...\")"
+                               : "this step runs in the process that is killed, " + process);
+    }
+    if (p.kind == "kill" || p.kind == "together" || p.kind == "expect" || !p.restarts.empty() ||
+        p.background || (!process.empty() && !p.checks.empty())) {
+        n.fail(
+            "here a step is an action run in its process (a call, a sensor change, ...), not a kill, "
+            "restart, \"together\", background call or bare expectation; a killed step's expectations go on "
+            "the kill step");
+    }
+    return p;
+}
+
+/* {"kill": {"process": P, "while": POINT, "at": N, "during": STEP}}: P dies by
+ * SIGKILL at the N-th visit of POINT while it runs STEP. */
+Action act_kill(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    std::string name = get_string(r.at("process"), "a process name");
+    Node w = r.at("while");
+    std::string point = get_string(w, "a kill point");
+    auto k = kill_points().find(point);
+    if (k == kill_points().end()) {
+        std::string known;
+        for (const auto& kv : kill_points()) {
+            known += (known.empty() ? "\"" : ", \"") + kv.first + "\"";
+        }
+        w.fail("unknown kill point \"" + point + "\" (kill points: " + known + ")");
+    }
+    if (Node a = r.opt("at"); a.j) {
+        st.kill_visit = static_cast<int>(get_int(a, 1, 1000000, "the visit of the point to die at"));
+    }
+    st.parts.push_back(part_step(r.at("during"), name));
+    r.finish();
+    st.kill_point = static_cast<int>(k->second);
+    st.kill_while = point;
+    st.text = "process " + name + " is killed while " + point + " during " + st.parts[0].text;
+    return [](Runner& run, StepReport& rep) { run.processes().kill(*rep.step, run, rep); };
+}
+
+/* {"together": [STEP, ...]}: steps of different processes start at one barrier. */
+Action act_together(const Node& v, Step& st)
+{
+    if (!v->is_array() || v->size() < 2) {
+        v.fail("expected a list of two or more steps, each in its own process");
+    }
+    for (size_t i = 0; i < v->size(); ++i) {
+        Step p = part_step(v.at(i), "");
+        for (const Step& q : st.parts) {
+            if (q.process == p.process) {
+                v.at(i).fail("process " + p.process + " has a step here already; one step per process");
+            }
+        }
+        st.text += (st.text.empty() ? "together: " : "; ") + p.process + ": " + p.text;
+        st.parts.push_back(std::move(p));
+    }
+    return [](Runner& run, StepReport& rep) { run.processes().together(*rep.step, run, rep); };
+}
 
 const ActionTable& action_parsers()
 {
@@ -20,6 +102,8 @@ const ActionTable& action_parsers()
         add_machine_actions(all);
         add_device_actions(all);
         add_procedure_actions(all);
+        all["kill"] = act_kill;
+        all["together"] = act_together;
         return all;
     }();
     return t;
@@ -223,6 +307,9 @@ Scenario load_scenario(const std::string& text, const std::string& file)
     }
     if (Node a = r.opt("save_area"); a.j) {
         s.save_area = get_bool(a, "true or false");
+    }
+    if (Node w = r.opt("sem_wait_ms"); w.j) {
+        s.sem_wait_ms = static_cast<int>(get_int(w, 1, 600000, "milliseconds of real time"));
     }
     MachineModel machine(s.default_machine);
     if (Node st = r.opt("setup"); st.j) {

@@ -34,16 +34,21 @@ struct Failure {
     std::string what;
 };
 
+struct Step;
+
 struct StepReport {
     size_t index = 0;
+    const Step* step = nullptr; /* the step run (it lives as long as its scenario) */
     std::string where;
     std::string label;
     std::string process;
     std::string restarts; /* as the step's */
+    std::string kills;    /* the process a kill step killed */
     std::string text;     /* what the step did */
     std::string report = "auto";
     uint32_t t_start = 0;
     uint32_t t_end = 0;
+    uint32_t real_ms = 0; /* real time the step took */
     bool has_call = false;
     json ret;
     json out;
@@ -67,7 +72,11 @@ struct Step {
     std::string process;  /* "" = the runner's own process */
     std::string restarts; /* the process a restart step restarts, "*" for all */
     bool background = false;
-    std::string function; /* the function a call step calls */
+    int kill_point = -1;     /* a kill step: the point (zsim::KillPoint) its process dies at */
+    int kill_visit = 1;      /* ... at this visit of the point */
+    std::string kill_while;  /* ... named as the scenario names it */
+    std::vector<Step> parts; /* the step a kill step runs, or the steps of "together" */
+    std::string function;    /* the function a call step calls */
     const Function* callee = nullptr;
     Action action;
     std::vector<Check> checks;
@@ -79,6 +88,7 @@ struct Scenario {
     std::string description;
     bool default_machine = true;
     bool save_area = true;
+    int sem_wait_ms = 0; /* real-time bound of a named semaphore wait; 0 = the platform's */
     std::vector<Step> setup;
     std::vector<Step> steps;
 };

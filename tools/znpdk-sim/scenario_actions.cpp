@@ -327,8 +327,13 @@ Action act_restart(const Node& v, Step& st)
  * lived under /tmp is gone, /var/nvrdisk stays. */
 void reboot(Runner& run, StepReport& rep)
 {
-    for (const std::string& name : run.processes().names()) {
-        if (!run.processes().restart(name)) {
+    const std::vector<std::string> names = run.processes().names();
+    for (const std::string& name : names) {
+        run.processes().end(name);
+    }
+    zsim::reset_semaphores(); /* /dev/shm is emptied: a dead holder's lock is gone */
+    for (const std::string& name : names) {
+        if (!run.processes().spawn(name)) {
             run.fail(rep, rep.where, "process " + name + " could not be started again");
         }
     }

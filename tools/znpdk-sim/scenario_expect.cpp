@@ -544,6 +544,20 @@ void chk_time(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "time", [](Runner& r) { return json(r.now()); });
 }
+/* Real time, for waits that the virtual clock does not see (a named semaphore's). */
+void chk_real_ms(const Node& v, std::vector<Check>& c, Step&)
+{
+    check_number(v, 0, UINT32_MAX, "milliseconds");
+    json e = *v;
+    std::string where = v.ptr;
+    c.push_back([=](Runner& run, StepReport& rep) {
+        ++rep.checks;
+        std::string d = match(e, json(rep.real_ms));
+        if (!d.empty()) {
+            run.fail(rep, where, "real time of the step (ms): " + d);
+        }
+    });
+}
 void chk_led_calls(const Node& v, std::vector<Check>& c, Step&)
 {
     counter(v, c, "LED control calls", [](Runner&) { return json(zsim::led_control_calls()); });
@@ -684,6 +698,7 @@ const CheckTable& expectation_parsers()
         {"hap_calls", chk_haps},
         {"threads_running", chk_threads},
         {"time", chk_time},
+        {"real_ms", chk_real_ms},
         {"clear_sensor_list_calls", chk_csl_calls},
         {"lock_violations", chk_lock_violations},
         {"link_up_calls", chk_link_ups},

@@ -226,6 +226,14 @@ std::string restart_lines(const Canvas& c, const std::vector<StepReport>& steps)
 {
     std::string svg;
     for (const StepReport& r : steps) {
+        if (!r.kills.empty()) {
+            int x = c.x(r.t_end);
+            svg += "<g class=\"kill\"" + attrs(r.t_end, r.kills) + "><line x1=\"" + std::to_string(x) +
+                   "\" y1=\"" + std::to_string(kTop - 4) + "\" x2=\"" + std::to_string(x) + "\" y2=\"" +
+                   std::to_string(c.height - 24) + "\" stroke=\"#c62828\" stroke-width=\"2\"/><text x=\"" +
+                   std::to_string(x + 3) + "\" y=\"" + std::to_string(c.height - 10) +
+                   "\" fill=\"#c62828\">" + esc("kill " + r.kills) + "</text></g>\n";
+        }
         if (r.restarts.empty()) {
             continue;
         }

@@ -240,6 +240,9 @@ int kill_point_hits(KillPoint point);
  * ETIMEDOUT (default 30000 ms). The platform does not release a semaphore
  * whose holder died, so every later wait for it runs into this bound. */
 void set_sem_wait_limit(int ms);
+/* Frees every named semaphore of the machine, as a BMC reboot empties
+ * /dev/shm; only while no process of the machine is using them. */
+void reset_semaphores();
 
 /* ---- Files below the root ----------------------------------------------- */
 /* root() + path; creates parent directories when `mkdirs`. */
