@@ -68,6 +68,19 @@ Node ObjReader::opt(const std::string& key)
     return at(key);
 }
 
+int64_t opt_int(ObjReader& r, const std::string& key, int64_t dflt, int64_t min, int64_t max,
+                const char* what)
+{
+    Node n = r.opt(key);
+    return n.j != nullptr ? get_int(n, min, max, what) : dflt;
+}
+
+bool opt_on(ObjReader& r, const std::string& key)
+{
+    Node n = r.opt(key);
+    return n.j != nullptr && get_bool(n, "true or false");
+}
+
 void ObjReader::finish() const
 {
     for (auto it = node_->begin(); it != node_->end(); ++it) {

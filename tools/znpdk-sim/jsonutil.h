@@ -64,6 +64,11 @@ int64_t get_int(const Node& n, int64_t min, int64_t max, const char* what);
 uint64_t get_uint(const Node& n, uint64_t max, const char* what);
 std::string get_string(const Node& n, const char* what);
 bool get_bool(const Node& n, const char* what);
+/* An optional integer member of `r`: `dflt` when it is absent. */
+int64_t opt_int(ObjReader& r, const std::string& key, int64_t dflt, int64_t min, int64_t max,
+                const char* what);
+/* An optional boolean member that switches something on: false when absent. */
+bool opt_on(ObjReader& r, const std::string& key);
 /* Parses an integer written as text; false when the text is not one. */
 bool parse_int_text(const std::string& s, int64_t& v);
 bool parse_uint_text(const std::string& s, uint64_t& v);

@@ -65,9 +65,7 @@ Action act_kill(const Node& v, Step& st)
         }
         w.fail("unknown kill point \"" + point + "\" (kill points: " + known + ")");
     }
-    if (Node a = r.opt("at"); a.j) {
-        st.kill_visit = static_cast<int>(get_int(a, 1, 1000000, "the visit of the point to die at"));
-    }
+    st.kill_visit = static_cast<int>(opt_int(r, "at", 1, 1, 1000000, "the visit of the point to die at"));
     st.parts.push_back(part_step(r.at("during"), name));
     r.finish();
     st.kill_point = static_cast<int>(k->second);
@@ -308,9 +306,7 @@ Scenario load_scenario(const std::string& text, const std::string& file)
     if (Node a = r.opt("save_area"); a.j) {
         s.save_area = get_bool(a, "true or false");
     }
-    if (Node w = r.opt("sem_wait_ms"); w.j) {
-        s.sem_wait_ms = static_cast<int>(get_int(w, 1, 600000, "milliseconds of real time"));
-    }
+    s.sem_wait_ms = static_cast<int>(opt_int(r, "sem_wait_ms", 0, 1, 600000, "milliseconds of real time"));
     MachineModel machine(s.default_machine);
     if (Node st = r.opt("setup"); st.j) {
         s.setup = parse_steps(st, true);

@@ -42,9 +42,7 @@ Action act_wait_threads(const Node& v, Step& st)
     int ms = 20000;
     if (v->is_object()) {
         ObjReader r(v);
-        if (Node t = r.opt("timeout_ms"); t.j) {
-            ms = static_cast<int>(get_int(t, 1, 600000, "milliseconds"));
-        }
+        ms = static_cast<int>(opt_int(r, "timeout_ms", ms, 1, 600000, "milliseconds"));
         r.finish();
     } else if (!get_bool(v, "true, false or {\"timeout_ms\": n}")) {
         st.text = "no wait for the library's threads";
@@ -445,10 +443,7 @@ Action inject_reg(const std::string& kind, const Node& n)
 {
     ObjReader o(n);
     int err = i32_of(o.at("errno"), "an errno value");
-    int count = 1;
-    if (Node c = o.opt("count"); c.j) {
-        count = static_cast<int>(get_int(c, 0, 1000000, "a number of accesses"));
-    }
+    int count = static_cast<int>(opt_int(o, "count", 1, 0, 1000000, "a number of accesses"));
     o.finish();
     bool read = kind == "reg_read";
     return [=](Runner&, StepReport&) {
@@ -460,10 +455,7 @@ Action inject_select_eintr(const std::string&, const Node& n)
 {
     ObjReader o(n);
     uint32_t after = static_cast<uint32_t>(get_int(o.at("after"), 0, 1000000, "seconds"));
-    int count = 1;
-    if (Node c = o.opt("count"); c.j) {
-        count = static_cast<int>(get_int(c, 1, 1000000, "a number of calls"));
-    }
+    int count = static_cast<int>(opt_int(o, "count", 1, 1, 1000000, "a number of calls"));
     o.finish();
     return [=](Runner&, StepReport&) { zsim::inject_select_eintr(after, count); };
 }

@@ -173,10 +173,8 @@ Action act_psu(const Node& v, Step& st)
     if (Node f = r.opt("fail_read"); f.j) {
         ObjReader o(f);
         int code = i32_of(o.at("code"), "a result code");
-        int count = 1;
-        if (Node c = o.opt("count"); c.j) {
-            count = i32_of(c, "a number of reads (-1 = every read)");
-        }
+        int count = static_cast<int>(
+            opt_int(o, "count", 1, INT32_MIN, INT32_MAX, "a number of reads (-1 = every read)"));
         o.finish();
         parts.push_back([=](Runner&, StepReport&) { zsim::fail_psuc_read(code, count); });
         text = "PSU controller reads fail with " + std::to_string(code);
@@ -202,7 +200,7 @@ Action act_psu(const Node& v, Step& st)
             text += " FRU status " + hex(fs, 1);
         }
     }
-    if (Node h = r.opt("healthy"); h.j && get_bool(h, "true or false")) {
+    if (opt_on(r, "healthy")) {
         parts.push_back([](Runner&, StepReport&) { zsim::reset_psuc_image(); });
         text = "every PSU healthy again";
     }
@@ -227,7 +225,7 @@ void fan_changes(ObjReader& r, int fan, std::vector<Action>& parts, std::string&
 {
     text = "fan " + std::to_string(fan) + " (/FANU#" + std::to_string(fan / 2) + "/FAN#" +
            std::to_string(fan % 2) + "):";
-    if (Node b = r.opt("stall"); b.j && get_bool(b, "true or false")) {
+    if (opt_on(r, "stall")) {
         parts.push_back([=](Runner&, StepReport&) { zsim::fan_stall(fan); });
         text += " stalls";
     }
@@ -241,7 +239,7 @@ void fan_changes(ObjReader& r, int fan, std::vector<Action>& parts, std::string&
         parts.push_back([=](Runner&, StepReport&) { zsim::fan_spin_up(fan, secs); });
         text += " settles in " + std::to_string(secs) + " s";
     }
-    if (Node b = r.opt("replace"); b.j && get_bool(b, "true or false")) {
+    if (opt_on(r, "replace")) {
         parts.push_back([=](Runner&, StepReport&) { zsim::fan_replace(fan); });
         text += " replaced by a new fan";
     }
@@ -257,10 +255,7 @@ void fan_failures(ObjReader& r, std::vector<Action>& parts, std::string& text)
         if (Node e = o.opt("fanc_error"); e.j) {
             err = u32_of(e, "the FANC error word");
         }
-        int count = 1;
-        if (Node c = o.opt("count"); c.j) {
-            count = static_cast<int>(get_int(c, 1, 1000000, "a number of reads"));
-        }
+        int count = static_cast<int>(opt_int(o, "count", 1, 1, 1000000, "a number of reads"));
         o.finish();
         parts.push_back([=](Runner&, StepReport&) { zsim::fail_fan_read(ret, err, count); });
         say(text, "fan speed reads fail with " + std::to_string(ret));
@@ -276,10 +271,7 @@ void fan_failures(ObjReader& r, std::vector<Action>& parts, std::string& text)
         if (Node d = o.opt("data"); d.j) {
             data = u32_of(d, "the result word");
         }
-        int count = 1;
-        if (Node c = o.opt("count"); c.j) {
-            count = static_cast<int>(get_int(c, 1, 1000000, "a number of calls"));
-        }
+        int count = static_cast<int>(opt_int(o, "count", 1, 1, 1000000, "a number of calls"));
         o.finish();
         parts.push_back([=](Runner&, StepReport&) { zsim::fail_fan_speed_change(mode, ret, data, count); });
         say(text, mode + " fails with " + std::to_string(ret));
@@ -295,7 +287,7 @@ Action act_fan(const Node& v, Step& st)
         int fan = static_cast<int>(get_int(n, 0, 7, "a fan index (FANU = index / 2, FAN = index % 2)"));
         fan_changes(r, fan, parts, text);
     }
-    if (Node b = r.opt("power_on"); b.j && get_bool(b, "true or false")) {
+    if (opt_on(r, "power_on")) {
         parts.push_back([](Runner&, StepReport&) { zsim::fan_power_on(); });
         say(text, "fans powered on");
     }

@@ -60,9 +60,7 @@ HapAnswer parse_answer(const Node& n, const std::string& procedure, const std::s
         a.has_until = true;
         a.until = static_cast<uint32_t>(get_int(v, 0, UINT32_MAX, "a time in seconds"));
     }
-    if (Node v = r.opt("times"); v.j) {
-        a.times = static_cast<int>(get_int(v, 1, INT32_MAX, "a number of calls"));
-    }
+    a.times = static_cast<int>(opt_int(r, "times", a.times, 1, INT32_MAX, "a number of calls"));
     if (Node v = r.opt("ret"); v.j) {
         a.ret = i32_of(v, "a result code");
     }
@@ -131,7 +129,7 @@ int answer_call(HapScript& s, const zsim::HapCall& call, uint32_t* data, splog_i
 Action act_hap(const Node& v, Step& st)
 {
     ObjReader r(v);
-    if (Node c = r.opt("clear"); c.j && get_bool(c, "true or false")) {
+    if (opt_on(r, "clear")) {
         r.finish();
         st.text = "every scripted procedure answer dropped";
         return [](Runner&, StepReport&) { zsim::clear_hap_scripts(); };
