@@ -19,6 +19,8 @@
 
 namespace {
 
+using ztest::esc_path;
+using ztest::esc_query;
 using Key = std::pair<int, int>; /* instance, sensor */
 using States = std::map<Key, uint16_t>;
 
@@ -133,9 +135,7 @@ TEST_F(SimTest, AcPowerOnInitialisesEveryInstance)
     init_all();
     expect_states(before, {});
     for (int inst = 0; inst < 18; ++inst) {
-        char path[64];
-        snprintf(path, sizeof(path), "/var/nvrdisk/current/sensor/esctable_inst%02d", inst);
-        EXPECT_EQ(4096u, zsim::read_file(path).size()) << path;
+        EXPECT_EQ(4096u, zsim::read_file(esc_path(inst)).size()) << inst;
     }
     EXPECT_EQ(18u, zsim::traces_with_id(0x05020003).size());
     EXPECT_EQ("[ZN_INIT_SENSOR_PSU]:/PSU#4 FRU/FRUE sensor setting completed.(FRU=1. FRUE=1)",
@@ -253,14 +253,7 @@ TEST_F(SimTest, FailedDefaultsAreTracedAndThePassGoesOn)
 /* ---- Escalation tables ---- */
 
 using Image = std::vector<uint8_t>;
-using Entry = std::array<int, 3>; /* esc_spec, BMCInst, Sensor_No */
-
-std::string esc_path(int inst)
-{
-    char path[64];
-    snprintf(path, sizeof(path), "/var/nvrdisk/current/sensor/esctable_inst%02d", inst);
-    return path;
-}
+using Entry = ztest::EscRow;
 
 void put(Image& img, int s, int t, int valid, int inst, int fru, int frue)
 {
@@ -269,30 +262,6 @@ void put(Image& img, int s, int t, int valid, int inst, int fru, int frue)
     e[1] = static_cast<uint8_t>(inst);
     e[2] = static_cast<uint8_t>(fru);
     e[3] = static_cast<uint8_t>(frue);
-}
-
-struct Found {
-    std::vector<Entry> frue, esc;
-};
-
-Found query(int target, int inst, int sensor)
-{
-    Esc_Sensor_t in{target, inst, sensor};
-    Esc_Table_t out;
-    memset(&out, 0xA5, sizeof(out));
-    znpdklib_get_escalation_info(&in, &out);
-    EXPECT_NE(nullptr, out.frue_list); /* allocated even when empty */
-    EXPECT_NE(nullptr, out.esc_list);
-    Found f;
-    for (int i = 0; i < out.frue_count; ++i) {
-        f.frue.push_back({out.frue_list[i].esc_spec, out.frue_list[i].BMCInst, out.frue_list[i].Sensor_No});
-    }
-    for (int i = 0; i < out.esc_count; ++i) {
-        f.esc.push_back({out.esc_list[i].esc_spec, out.esc_list[i].BMCInst, out.esc_list[i].Sensor_No});
-    }
-    free(out.frue_list);
-    free(out.esc_list);
-    return f;
 }
 
 /* Scripted lists: parent (17, 35) for every third sensor, node and chassis
@@ -332,7 +301,7 @@ TEST_F(SimTest, EscalationTablesOfTheDefaultMachine)
     ASSERT_FALSE(counted.empty());
     EXPECT_EQ(static_cast<int>(counted.size()), zsim::clear_sensor_list_calls());
 
-    Found want;
+    ztest::EscFound want;
     bool inst_seen[18] = {};
     std::vector<Entry> chassis;
     for (const auto& [inst, s] : counted) {
@@ -352,7 +321,7 @@ TEST_F(SimTest, EscalationTablesOfTheDefaultMachine)
         }
     }
     want.esc.insert(want.esc.end(), chassis.begin(), chassis.end());
-    Found got = query(0, 17, 35);
+    ztest::EscFound got = esc_query(0, 17, 35);
     EXPECT_EQ(want.frue, got.frue);
     EXPECT_EQ(want.esc, got.esc);
 }
@@ -485,16 +454,16 @@ TEST_F(EmptySimTest, EscalationSearch)
             zsim::write_file(esc_path(inst), files.img[inst]);
         }
     }
-    Found f = query(0, 5, 60);
+    ztest::EscFound f = esc_query(0, 5, 60);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 40}}), f.frue);
     EXPECT_TRUE(f.esc.empty());
-    f = query(1, 5, 60);
+    f = esc_query(1, 5, 60);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 3, 41}, {0xFF, 3, 42}, {0xFF, 3, 43}, {0xFF, 3, 43}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{2, 5, 60}}), f.esc);
-    f = query(2, 5, 60);
+    f = esc_query(2, 5, 60);
     EXPECT_EQ(4u, f.frue.size());
     zsim::clear_traces();
-    f = query(0, 17, 35);
+    f = esc_query(0, 17, 35);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 9}, {0xFF, 7, 9}, {0xFF, 12, 9}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{1, 5, 10}, {3, 17, 33}}), f.esc);
     EXPECT_EQ(
@@ -511,19 +480,19 @@ TEST_F(EmptySimTest, EscalationSearch)
     zsim::write_file(esc_path(4), short_file);
     zsim::clear_traces();
     EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 9}, {0xFF, 4, 1}, {0xFF, 7, 9}, {0xFF, 12, 9}}),
-              query(0, 17, 35).frue);
+              esc_query(0, 17, 35).frue);
     EXPECT_TRUE(zsim::traces_with_id(0x05300001).empty());
 
-    f = query(1, 6, 61);
+    f = esc_query(1, 6, 61);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 5, 10}, {0xFF, 5, 11}, {0xFF, 5, 12}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{1, 6, 61}, {3, 17, 33}}), f.esc);
 
-    f = query(0, 9, 200);
+    f = esc_query(0, 9, 200);
     EXPECT_TRUE(f.frue.empty() && f.esc.empty());
     /* Bad queries, and sensor numbers that agree with a stored one only in their low byte. */
     for (Entry bad : std::vector<Entry>{
              {4, 17, 35}, {-1, 17, 35}, {0, 18, 35}, {0, -1, 35}, {0, 17, 35 + 256}, {0, 17, 35 - 256}}) {
-        f = query(bad[0], bad[1], bad[2]);
+        f = esc_query(bad[0], bad[1], bad[2]);
         EXPECT_TRUE(f.frue.empty() && f.esc.empty()) << bad[0] << " " << bad[1];
     }
     Esc_Table_t out;

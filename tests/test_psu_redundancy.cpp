@@ -10,6 +10,7 @@
 namespace {
 
 constexpr uint8_t kPsuSns = 0x81;
+using ztest::ras_codes;
 
 void configure(int slots, int enable = 1, uint32_t common0 = 0, uint32_t bmcinit = 0)
 {
@@ -40,16 +41,6 @@ void fresh(uint16_t sensor, int usable)
     zsim::clear_ras_logs();
     zsim::clear_traces();
     zsim::clear_hap_calls();
-}
-
-std::vector<std::string> ras_codes()
-{
-    std::vector<std::string> out;
-    for (const auto& log : zsim::ras_logs()) {
-        EXPECT_EQ(log.info.BMCInst, 17);
-        out.push_back(log.info.ras_code);
-    }
-    return out;
 }
 
 class PsuCheck : public SimTest {
