@@ -475,14 +475,6 @@ TEST_F(EmptySimTest, EscalationSearch)
         std::vector<std::string>{"[znpdklib_get_escalation_info]:end. BMCInst=17 Sensor=35 Sensors=3 Escs=2"},
         ztest::texts_with_id(0x053000FF));
 
-    Image short_file(40, 0); /* truncated: the rest reads as zeros */
-    put(short_file, 1, 0, 1, 17, 35, 1);
-    zsim::write_file(esc_path(4), short_file);
-    zsim::clear_traces();
-    EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 9}, {0xFF, 4, 1}, {0xFF, 7, 9}, {0xFF, 12, 9}}),
-              esc_query(0, 17, 35).frue);
-    EXPECT_TRUE(zsim::traces_with_id(0x05300001).empty());
-
     f = esc_query(1, 6, 61);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 5, 10}, {0xFF, 5, 11}, {0xFF, 5, 12}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{1, 6, 61}, {3, 17, 33}}), f.esc);
