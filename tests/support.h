@@ -52,6 +52,9 @@ EscFound esc_query(int target, int inst, int sensor);
 
 } // namespace ztest
 
+/* Exactly one trace line with that id, with that text. */
+#define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
+
 /* A fresh machine for every test: the root's state is reset, library files
  * below the root are removed and the sensor save file is zeroed in place
  * (its mapping stays valid). With `default_machine` the default chassis is
