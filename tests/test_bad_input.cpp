@@ -450,7 +450,7 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         add(fmt("znpdklib_shmem_corvo_job_regist_flags(%d)", i), 0, {},
             [=] { return znpdklib_shmem_corvo_job_regist_flags(1, i, 1, 3, nullptr); });
     }
-    for (int n : {99, 255, -1, INT_MIN}) {
+    for (int n : {18, 99, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_cleardb_*(%d)", n), 0, {}, [=] {
             for (auto f : {znpdklib_cleardb_giou, znpdklib_cleardb_psu, znpdklib_cleardb_cmu,
                            znpdklib_cleardb_iorc, znpdklib_cleardb_fanu}) {
