@@ -37,14 +37,7 @@ inline void frue(int fan, uint16_t state)
     zsim::set_sensor_reading(17, static_cast<uint8_t>(0xD1 + fan), state);
 }
 
-inline std::vector<std::string> ras_codes()
-{
-    std::vector<std::string> out;
-    for (const zsim::RasLog& l : zsim::ras_logs()) {
-        out.push_back(l.info.ras_code);
-    }
-    return out;
-}
+using ztest::ras_codes;
 
 /* Virtual times of the calls of one fan procedure mode. */
 inline std::vector<uint32_t> hap_times(const std::string& mode)

@@ -6,30 +6,31 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <stdio.h>
+
 #include <cstring>
 #include <filesystem>
 #include <vector>
 
 namespace ztest {
 
+TempRoot::TempRoot()
+{
+    char tmpl[] = "/tmp/znpdk-test-XXXXXX";
+    char* dir = mkdtemp(tmpl);
+    if (dir == nullptr) {
+        abort();
+    }
+    path = dir;
+}
+
+TempRoot::~TempRoot()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
+}
+
 namespace {
-struct RootHolder {
-    std::string path;
-    RootHolder()
-    {
-        char tmpl[] = "/tmp/znpdk-test-XXXXXX";
-        char* dir = mkdtemp(tmpl);
-        if (dir == nullptr) {
-            abort();
-        }
-        path = dir;
-    }
-    ~RootHolder()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-};
 
 const char* const kSaveFile = "/var/nvrdisk/current/sensor/snsdata";
 
@@ -70,7 +71,7 @@ void clean_library_files(const std::string& root)
 
 const std::string& process_root()
 {
-    static RootHolder holder;
+    static TempRoot holder;
     return holder.path;
 }
 
@@ -104,6 +105,43 @@ std::vector<std::string> texts_with_id(uint32_t id)
 uint16_t state(int inst, uint8_t sensor)
 {
     return static_cast<uint16_t>(zsim::sensor(inst, sensor).SensorReading & 0x7FFF);
+}
+
+std::vector<std::string> ras_codes()
+{
+    std::vector<std::string> out;
+    for (const zsim::RasLog& l : zsim::ras_logs()) {
+        EXPECT_EQ(17, l.info.BMCInst) << l.info.ras_code;
+        out.push_back(l.info.ras_code);
+    }
+    return out;
+}
+
+std::string esc_path(int inst)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/var/nvrdisk/current/sensor/esctable_inst%02d", inst);
+    return path;
+}
+
+EscFound esc_query(int target, int inst, int sensor)
+{
+    Esc_Sensor_t in{target, inst, sensor};
+    Esc_Table_t out;
+    memset(&out, 0xA5, sizeof(out));
+    znpdklib_get_escalation_info(&in, &out);
+    EXPECT_NE(nullptr, out.frue_list);
+    EXPECT_NE(nullptr, out.esc_list);
+    EscFound f;
+    for (int i = 0; i < out.frue_count; ++i) {
+        f.frue.push_back({out.frue_list[i].esc_spec, out.frue_list[i].BMCInst, out.frue_list[i].Sensor_No});
+    }
+    for (int i = 0; i < out.esc_count; ++i) {
+        f.esc.push_back({out.esc_list[i].esc_spec, out.esc_list[i].BMCInst, out.esc_list[i].Sensor_No});
+    }
+    free(out.frue_list);
+    free(out.esc_list);
+    return f;
 }
 
 } // namespace ztest

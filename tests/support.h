@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "znpdk_sim/sim.h"
 #include "znpdklib.h"
@@ -27,7 +29,31 @@ std::vector<std::string> texts_with_id(uint32_t id);
 /* State word as the library reads it back (bit 15 masked off). */
 uint16_t state(int inst, uint8_t sensor);
 
+/* A machine root of its own, removed with the object. */
+struct TempRoot {
+    std::string path;
+    TempRoot();
+    ~TempRoot();
+};
+
+/* RAS codes logged so far, each checked to be the chassis's (BMCInst 17). */
+std::vector<std::string> ras_codes();
+
+/* The escalation table file of an instance. */
+std::string esc_path(int inst);
+
+/* A search's rows as {esc_spec, BMCInst, Sensor_No}; both lists must be
+ * allocated even when empty, and are freed here. */
+using EscRow = std::array<int, 3>;
+struct EscFound {
+    std::vector<EscRow> frue, esc;
+};
+EscFound esc_query(int target, int inst, int sensor);
+
 } // namespace ztest
+
+/* Exactly one trace line with that id, with that text. */
+#define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
 
 /* A fresh machine for every test: the root's state is reset, library files
  * below the root are removed and the sensor save file is zeroed in place

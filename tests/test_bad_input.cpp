@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
 #include "support.h"
 
@@ -234,67 +235,66 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         add(fmt("znpdklib_check_rtnd_error(%d)", n), -1, {}, [=] { return znpdklib_check_rtnd_error(n); });
     }
 
-    /* ---- Routers and ports. */
+    /* ---- Routers and ports: each function and the name its error line gives. */
+    const std::vector<std::tuple<const char*, const char*, std::function<int(int)>>> by_router = {
+        {"isPhysicalPortOffline", "isPhysicalPortOffline",
+         [](int r) { return znpdklib_isPhysicalPortOffline(r, 0); }},
+        {"isPhysicalPortExternal", "isPhysicalPortExternal",
+         [](int r) { return znpdklib_isPhysicalPortExternal(r, 0); }},
+        {"isLogicalPortOffline", "isPhysicalPortOffline",
+         [](int r) { return znpdklib_isLogicalPortOffline(r, 0); }},
+        {"isLogicalPortExternal", "isPhysicalPortExternal",
+         [](int r) { return znpdklib_isLogicalPortExternal(r, 0); }},
+        {"getRemoteRouterNo", "getRemoteRouterNo",
+         [](int r) {
+             int out[10] = {};
+             return znpdklib_getRemoteRouterNo(r, out);
+         }},
+        {"getConnectedInternalPortNo", "getConnectedInternalPortNo",
+         [](int r) {
+             int out[10] = {};
+             return znpdklib_getConnectedInternalPortNo(r, out);
+         }},
+        {"checkWaitEnableLogicalPort", "checkWaitEnableLogicalPort",
+         [=](int r) {
+             uint32_t m = kNoMask;
+             return znpdklib_checkWaitEnableLogicalPort(r, &m);
+         }},
+        {"checkWaitEnableInternalLogicalPort", "checkWaitEnableInternalLogicalPort",
+         [=](int r) {
+             uint32_t m = kNoMask;
+             return znpdklib_checkWaitEnableInternalLogicalPort(r, &m);
+         }},
+        {"updateQuorPortStatus", "updateQuorPortStatus", znpdklib_updateQuorPortStatus},
+        {"checkBeaconErrorPort", "checkBeaconErrorPort", znpdklib_checkBeaconErrorPort}};
     for (int r : {16, 255, -1, INT_MIN}) {
-        add(fmt("znpdklib_isPhysicalPortOffline(%d, 0)", r), -1,
-            {fmt("[znpdklib_isPhysicalPortOffline] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_isPhysicalPortOffline(r, 0); });
-        add(fmt("znpdklib_isPhysicalPortExternal(%d, 0)", r), -1,
-            {fmt("[znpdklib_isPhysicalPortExternal] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_isPhysicalPortExternal(r, 0); });
-        add(fmt("znpdklib_isLogicalPortOffline(%d, 0)", r), -1,
-            {fmt("[znpdklib_isPhysicalPortOffline] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_isLogicalPortOffline(r, 0); });
-        add(fmt("znpdklib_isLogicalPortExternal(%d, 0)", r), -1,
-            {fmt("[znpdklib_isPhysicalPortExternal] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_isLogicalPortExternal(r, 0); });
-        add(fmt("znpdklib_getRemoteRouterNo(%d)", r), -1,
-            {fmt("[znpdklib_getRemoteRouterNo] parameter error (routerno=%d)", r)}, [=] {
-                int out[10] = {};
-                return znpdklib_getRemoteRouterNo(r, out);
-            });
-        add(fmt("znpdklib_getConnectedInternalPortNo(%d)", r), -1,
-            {fmt("[znpdklib_getConnectedInternalPortNo] parameter error (routerno=%d)", r)}, [=] {
-                int out[10] = {};
-                return znpdklib_getConnectedInternalPortNo(r, out);
-            });
-        add(fmt("znpdklib_checkWaitEnableLogicalPort(%d)", r), -1,
-            {fmt("[znpdklib_checkWaitEnableLogicalPort] parameter error (routerno=%d)", r)}, [=] {
-                uint32_t m = kNoMask;
-                return znpdklib_checkWaitEnableLogicalPort(r, &m);
-            });
-        add(fmt("znpdklib_checkWaitEnableInternalLogicalPort(%d)", r), -1,
-            {fmt("[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (routerno=%d)", r)}, [=] {
-                uint32_t m = kNoMask;
-                return znpdklib_checkWaitEnableInternalLogicalPort(r, &m);
-            });
-        add(fmt("znpdklib_updateQuorPortStatus(%d)", r), -1,
-            {fmt("[znpdklib_updateQuorPortStatus] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_updateQuorPortStatus(r); });
-        add(fmt("znpdklib_checkBeaconErrorPort(%d)", r), -1,
-            {fmt("[znpdklib_checkBeaconErrorPort] parameter error (routerno=%d)", r)},
-            [=] { return znpdklib_checkBeaconErrorPort(r); });
+        for (const auto& f : by_router) {
+            const std::function<int(int)> call = std::get<2>(f);
+            add(fmt("znpdklib_%s(%d)", std::get<0>(f), r), -1,
+                {fmt("[znpdklib_%s] parameter error (routerno=%d)", std::get<1>(f), r)},
+                [=] { return call(r); });
+        }
     }
     for (int p : {10, 255, -1, INT_MIN}) {
-        add(fmt("znpdklib_isPhysicalPortOffline(0, %d)", p), -1,
-            {fmt("[znpdklib_isPhysicalPortOffline] parameter error (pportno=%d)", p)},
-            [=] { return znpdklib_isPhysicalPortOffline(0, p); });
-        add(fmt("znpdklib_isPhysicalPortExternal(0, %d)", p), -1,
-            {fmt("[znpdklib_isPhysicalPortExternal] parameter error (pportno=%d)", p)},
-            [=] { return znpdklib_isPhysicalPortExternal(0, p); });
+        for (auto [fn, call] : {std::pair{"isPhysicalPortOffline", znpdklib_isPhysicalPortOffline},
+                                std::pair{"isPhysicalPortExternal", znpdklib_isPhysicalPortExternal}}) {
+            auto* f = call;
+            add(fmt("znpdklib_%s(0, %d)", fn, p), -1,
+                {fmt("[znpdklib_%s] parameter error (pportno=%d)", fn, p)}, [=] { return f(0, p); });
+        }
     }
-    add("znpdklib_getRemoteRouterNo(null)", -1,
-        {"[znpdklib_getRemoteRouterNo] parameter error (rrouterno=NULL)"},
-        [] { return znpdklib_getRemoteRouterNo(0, nullptr); });
-    add("znpdklib_getConnectedInternalPortNo(null)", -1,
-        {"[znpdklib_getConnectedInternalPortNo] parameter error (portno=NULL)"},
-        [] { return znpdklib_getConnectedInternalPortNo(0, nullptr); });
-    add("znpdklib_checkWaitEnableLogicalPort(null)", -1,
-        {"[znpdklib_checkWaitEnableLogicalPort] parameter error (waitLogicalPort=NULL)"},
-        [] { return znpdklib_checkWaitEnableLogicalPort(0, nullptr); });
-    add("znpdklib_checkWaitEnableInternalLogicalPort(null)", -1,
-        {"[znpdklib_checkWaitEnableInternalLogicalPort] parameter error (waitLogicalPort=NULL)"},
-        [] { return znpdklib_checkWaitEnableInternalLogicalPort(0, nullptr); });
+    const std::vector<std::tuple<const char*, const char*, std::function<int()>>> null_out = {
+        {"getRemoteRouterNo", "rrouterno", [] { return znpdklib_getRemoteRouterNo(0, nullptr); }},
+        {"getConnectedInternalPortNo", "portno",
+         [] { return znpdklib_getConnectedInternalPortNo(0, nullptr); }},
+        {"checkWaitEnableLogicalPort", "waitLogicalPort",
+         [] { return znpdklib_checkWaitEnableLogicalPort(0, nullptr); }},
+        {"checkWaitEnableInternalLogicalPort", "waitLogicalPort",
+         [] { return znpdklib_checkWaitEnableInternalLogicalPort(0, nullptr); }}};
+    for (const auto& [fn, arg, call] : null_out) {
+        add(fmt("znpdklib_%s(null)", fn), -1, {fmt("[znpdklib_%s] parameter error (%s=NULL)", fn, arg)},
+            call);
+    }
 
     /* ---- Outage units: wild types, numbers and values. */
     for (int t : {0, 300, 304, -1, INT_MIN}) {
@@ -450,7 +450,7 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         add(fmt("znpdklib_shmem_corvo_job_regist_flags(%d)", i), 0, {},
             [=] { return znpdklib_shmem_corvo_job_regist_flags(1, i, 1, 3, nullptr); });
     }
-    for (int n : {99, 255, -1, INT_MIN}) {
+    for (int n : {18, 99, 255, -1, INT_MIN, INT_MAX}) {
         add(fmt("znpdklib_cleardb_*(%d)", n), 0, {}, [=] {
             for (auto f : {znpdklib_cleardb_giou, znpdklib_cleardb_psu, znpdklib_cleardb_cmu,
                            znpdklib_cleardb_iorc, znpdklib_cleardb_fanu}) {
@@ -467,28 +467,17 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
                 "[znpdklib_get_escalation_info]:info file open failed. BMCInst=%d. errno=%d.", f, ENOENT));
         }
     }
-    add("znpdklib_get_escalation_info(sensor -1)", 0, no_tables, [] {
-        Esc_Sensor_t q = {0, 3, -1};
-        Esc_Table_t out = {};
-        znpdklib_get_escalation_info(&q, &out);
-        free(out.frue_list);
-        free(out.esc_list);
-        return out.frue_count * 0x100L + out.esc_count;
-    });
+    /* Found rows as frue * 0x100 + esc. */
+    auto esc_rows = [](int target, int inst, int sensor) {
+        const ztest::EscFound f = ztest::esc_query(target, inst, sensor);
+        return static_cast<long>(f.frue.size() * 0x100 + f.esc.size());
+    };
+    add("znpdklib_get_escalation_info(sensor -1)", 0, no_tables, [=] { return esc_rows(0, 3, -1); });
     /* Queries outside the tables are refused without a search. */
-    for (Esc_Sensor_t in :
-         {Esc_Sensor_t{4, 3, 0x30}, Esc_Sensor_t{-1, 3, 0x30}, Esc_Sensor_t{INT_MIN, 3, 0x30},
-          Esc_Sensor_t{0, 18, 0x30}, Esc_Sensor_t{0, -1, 0x30}}) {
-        add(fmt("znpdklib_get_escalation_info(esc_spec %d, inst %d, sensor %d)", in.esc_spec, in.BMCInst,
-                in.Sensor_No),
-            0, {}, [=] {
-                Esc_Sensor_t q = in;
-                Esc_Table_t out = {};
-                znpdklib_get_escalation_info(&q, &out);
-                free(out.frue_list);
-                free(out.esc_list);
-                return out.frue_count * 0x100L + out.esc_count;
-            });
+    for (ztest::EscRow q : std::vector<ztest::EscRow>{
+             {4, 3, 0x30}, {-1, 3, 0x30}, {INT_MIN, 3, 0x30}, {0, 18, 0x30}, {0, -1, 0x30}}) {
+        add(fmt("znpdklib_get_escalation_info(esc_spec %d, inst %d, sensor %d)", q[0], q[1], q[2]), 0, {},
+            [=] { return esc_rows(q[0], q[1], q[2]); });
     }
     add("znpdklib_Various_sharemem_read/write(null)", 0, {}, [] {
         znpdklib_Various_sharemem_read(nullptr);
@@ -507,14 +496,8 @@ TEST_F(BadInput, EveryFunctionRefusesOrIgnoresBadArgumentsAndChangesNothing)
         }
         zsim::write_file(junk, g);
         zsim::write_file(cut, {1, 3, 0x30}); /* sensor 0, parent target: zeros past the cut */
-        add("znpdklib_get_escalation_info(cut and garbage tables)", 0x100, no_tables, [] {
-            Esc_Sensor_t in = {0, 3, 0x30};
-            Esc_Table_t out = {};
-            znpdklib_get_escalation_info(&in, &out);
-            free(out.frue_list);
-            free(out.esc_list);
-            return out.frue_count * 0x100L + out.esc_count;
-        });
+        add("znpdklib_get_escalation_info(cut and garbage tables)", 0x100, no_tables,
+            [=] { return esc_rows(0, 3, 0x30); });
     }
 
     const Snapshot before_all = snapshot(max_oid);

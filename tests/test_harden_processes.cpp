@@ -9,7 +9,6 @@
 
 #include <array>
 #include <atomic>
-#include <filesystem>
 #include <functional>
 
 #include "sensor_test_util.h"
@@ -20,18 +19,9 @@ using sensortest::kSave;
 using sensortest::saved;
 using Bytes = std::vector<uint8_t>;
 using Entry = std::array<uint8_t, 4>;
+using ztest::TempRoot;
 
 namespace {
-
-struct TempRoot {
-    std::string path;
-    TempRoot()
-    {
-        char tmpl[] = "/tmp/znpdk-harden-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempRoot() { std::filesystem::remove_all(path); }
-};
 
 /* Forks `body`; the child exits 1 when a check failed in it (failures the
  * parent had before the fork do not count). */
@@ -190,16 +180,6 @@ Bytes esc_table(bool fresh)
     return t;
 }
 
-int escalation_matches(int inst, int sensor)
-{
-    Esc_Sensor_t in = {0, inst, sensor};
-    Esc_Table_t out = {};
-    znpdklib_get_escalation_info(&in, &out);
-    free(out.frue_list);
-    free(out.esc_list);
-    return out.frue_count;
-}
-
 std::vector<KillCase> kill_cases(const std::string& root)
 {
     auto fresh_machine = [root] {
@@ -287,8 +267,8 @@ std::vector<KillCase> kill_cases(const std::string& root)
                      },
                      [](int done, bool) {
                          EXPECT_EQ(zsim::read_file(kEscFile), esc_table(done > 0));
-                         EXPECT_EQ(escalation_matches(3, 0x30), done > 0 ? 0 : 1);
-                         EXPECT_EQ(escalation_matches(4, 0x40), done > 0 ? 1 : 0);
+                         EXPECT_EQ(ztest::esc_query(0, 3, 0x30).frue.size(), done > 0 ? 0u : 1u);
+                         EXPECT_EQ(ztest::esc_query(0, 4, 0x40).frue.size(), done > 0 ? 1u : 0u);
                      },
                      [](int) { return 0; }});
     /* The start-up fan check, killed at each of its polls: another process

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr uint8_t kPsuSns = 0x81;
+using ztest::ras_codes;
 
 void configure(int slots, int enable = 1, uint32_t common0 = 0, uint32_t bmcinit = 0)
 {
@@ -40,16 +41,6 @@ void fresh(uint16_t sensor, int usable)
     zsim::clear_ras_logs();
     zsim::clear_traces();
     zsim::clear_hap_calls();
-}
-
-std::vector<std::string> ras_codes()
-{
-    std::vector<std::string> out;
-    for (const auto& log : zsim::ras_logs()) {
-        EXPECT_EQ(log.info.BMCInst, 17);
-        out.push_back(log.info.ras_code);
-    }
-    return out;
 }
 
 class PsuCheck : public SimTest {
@@ -171,8 +162,7 @@ TEST_F(PsuCheck, EdgeCases)
     EXPECT_EQ(znpdklib_check_psu_redundancy(4) + znpdklib_check_psu_redundancy(17) +
                   znpdklib_check_psu_redundancy_for_psu_control(3, 0),
               -3);
-    EXPECT_EQ(ztest::texts_with_id(0x5400201),
-              std::vector<std::string>{"znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=3)"});
+    EXPECT_ONLY_TEXT(0x5400201, "znpdklib_check_psu_redundancy_for_psu_control():invalid mode(=3)");
 }
 
 TEST_F(PsuCheck, PreCheckForPsuControlChangesNothing)
@@ -182,8 +172,7 @@ TEST_F(PsuCheck, PreCheckForPsuControlChangesNothing)
         EXPECT_EQ(znpdklib_check_psu_redundancy_for_psu_control(17, 5), usable == 18 ? 1 : 2);
         EXPECT_EQ(ztest::state(17, kPsuSns), from);
         EXPECT_TRUE(zsim::ras_logs().empty());
-        EXPECT_EQ(ztest::texts_with_id(0x540030C),
-                  std::vector<std::string>{"check_psu_redundancy():PSU#05 NG. PSU Control POFF target"});
+        EXPECT_ONLY_TEXT(0x540030C, "check_psu_redundancy():PSU#05 NG. PSU Control POFF target");
     }
     EXPECT_TRUE(zsim::sel(17).empty());
     fresh(0x2, 18);

@@ -6,7 +6,6 @@
 
 namespace {
 
-#define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
 const std::string WAIT = "[znpdklib_checkWaitEnableLogicalPort] ";
 const std::string UPDATE = "[znpdklib_updateQuorPortStatus] ";
 const std::string BEACON = "[znpdklib_checkBeaconErrorPort] ";

@@ -7,8 +7,6 @@
 
 namespace {
 
-#define EXPECT_ONLY_TEXT(id, text) EXPECT_EQ(std::vector<std::string>{text}, ztest::texts_with_id(id))
-
 /* Slots 0..3 of every row: routers normal, small; ports normal, small. */
 const char* const WIRING[4] = {
     "8,2,-1,-1 9,3,-1,-1 0,10,4,-1 1,11,5,-1 2,12,6,-1 3,13,7,-1 4,14,-1,-1 5,15,-1,-1 0,10,-1,-1 "

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 
 #include "sensor_test_util.h"
@@ -14,18 +13,9 @@ using sensortest::dbg;
 using sensortest::def;
 using sensortest::kSave;
 using Bytes = std::vector<uint8_t>;
+using ztest::TempRoot;
 
 namespace {
-
-struct TempRoot {
-    std::string path;
-    TempRoot()
-    {
-        char tmpl[] = "/tmp/znpdk-sensor-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempRoot() { std::filesystem::remove_all(path); }
-};
 
 /* Runs `body` in a child; its gtest failures print there and fail here. */
 void in_child(const std::function<void()>& body)

@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -29,24 +28,10 @@ using sp::sysobj::Component;
 
 namespace {
 
-struct RootHolder {
-    std::string path;
-    RootHolder()
-    {
-        char tmpl[] = "/tmp/znpdk-simtest-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~RootHolder()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-};
-
 const std::string& make_root()
 {
-    static RootHolder holder;
-    return holder.path;
+    static ztest::TempRoot root;
+    return root.path;
 }
 
 class Sim : public ::testing::Test {
@@ -81,8 +66,7 @@ TEST_F(Sim, ClockRunsVirtuallyForEveryCaller)
     struct timeval tv = {3, 500000};
     EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &tv), 0);
     EXPECT_EQ(zsim::now(), 1767225609u); /* a started second counts whole */
-    EXPECT_EQ(tv.tv_sec, 0);
-    EXPECT_EQ(tv.tv_usec, 0);
+    EXPECT_EQ(tv.tv_sec + tv.tv_usec, 0);
 
     /* A sleeper moves the clock to its own wake time, never backwards. */
     zsim::set_time(1000);
@@ -177,25 +161,14 @@ TEST_F(Sim, TreeQueriesAndParents)
     std::vector<Component*> nodes;
     cmuc->getParents(COMPO_NODE, nodes);
     ASSERT_EQ(nodes.size(), 2u);
-    EXPECT_EQ(nodes[0]->getNo(), 6);
-    EXPECT_EQ(nodes[1]->getNo(), 7);
-    EXPECT_EQ(cmuc->getParent()->getType(), COMPO_CMU);
-    EXPECT_EQ(cmuc->getParent()->getNo(), 3);
-
-    std::vector<Component*> list;
-    root->getComponent(COMPO_CMUC, list);
-    root->getComponent(COMPO_NODE, list);
-    ASSERT_EQ(list.size(), 24u);
-    EXPECT_EQ(list[7]->getType(), COMPO_CMUC);
-    EXPECT_EQ(list[8]->getType(), COMPO_NODE);
-    EXPECT_EQ(list[8]->getNo(), 0);
+    EXPECT_EQ((std::vector<int>{nodes[0]->getNo(), nodes[1]->getNo()}), (std::vector<int>{6, 7}));
+    EXPECT_EQ(cmuc->getParent(), root->getComponent(COMPO_CMU, 3));
 
     Component* fanu = root->getComponent(COMPO_FANU, 1);
     std::vector<Component*> children;
     fanu->getComponent(children, false);
     ASSERT_EQ(children.size(), 2u);
-    EXPECT_EQ(children[0]->getType(), COMPO_FAN);
-    EXPECT_EQ(children[1]->getNo(), 1);
+    EXPECT_EQ(children[1], fanu->getComponent(COMPO_FAN, 1));
 
     /* Searches look at any depth below, and only below. */
     Component* cmu2 = root->getComponent(COMPO_CMU, 2);
@@ -349,19 +322,17 @@ TEST_F(Sim, TraceLinesAreFormatted)
     IDBG_LINUXAPP_DbgOut(IDBG_LEVEL_LINUXAPP, "[%s:%d]x", "znpdklib_sensor", 12);
     zsim::set_trace_sink(nullptr);
 
-    auto lines = zsim::traces();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].text, "a=3 b=0x002a");
-    EXPECT_EQ(lines[0].level, 0x8001);
-    EXPECT_EQ(lines[0].region, T_REGION_POWER_MON);
-    EXPECT_EQ(lines[0].id, 0x05410301u);
-    EXPECT_EQ(lines[0].time, 1767225607u);
-    EXPECT_EQ(lines[1].variant, "sp_trace4");
-    EXPECT_EQ(lines[1].text, "path=/SYSTEM#0/X#1");
-    EXPECT_EQ(lines[2].text, "1/2/3/4/5/6/7/8");
-    EXPECT_TRUE(lines[3].debug);
-    EXPECT_EQ(lines[3].level, 130);
-    EXPECT_EQ(lines[3].text, "[znpdklib_sensor:12]x");
+    std::vector<std::string> got;
+    char head[96];
+    for (const zsim::TraceLine& t : zsim::traces()) {
+        snprintf(head, sizeof(head), "%d %d %d %d %08x %u %s:", t.debug, t.level, t.region, t.module, t.id,
+                 t.time, t.variant.c_str());
+        got.push_back(head + t.text);
+    }
+    EXPECT_EQ(got, (std::vector<std::string>{"0 32769 40 30 05410301 1767225607 sp_trace2:a=3 b=0x002a",
+                                             "0 32770 44 30 05410601 1767225607 sp_trace4:path=/SYSTEM#0/X#1",
+                                             "0 1 40 30 8010ffff 1767225607 sp_trace28:1/2/3/4/5/6/7/8",
+                                             "1 130 0 0 00000000 1767225607 dbg:[znpdklib_sensor:12]x"}));
     EXPECT_EQ(seen.size(), 4u);
     EXPECT_EQ(seen[3], "dbg:[znpdklib_sensor:12]x");
     EXPECT_EQ(zsim::traces_with_id(0x8010FFFF).size(), 1u);
@@ -387,14 +358,14 @@ TEST_F(Sim, SensorReadingAndSel)
     memset(&rec, 0, sizeof(rec));
     rec.SensorNum = 0x81;
     AddSELRes_T out;
-    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
-    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
-    EXPECT_EQ(static_cast<int>(out.CompletionCode), 0);
-    EXPECT_EQ(static_cast<int>(out.RecID), 2);
+    auto add = [&] {
+        AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
+        return std::vector<int>{out.CompletionCode, out.RecID};
+    };
+    add();
+    EXPECT_EQ(add(), (std::vector<int>{0, 2}));
     zsim::fail_sel_add(true, 0xC5);
-    AddSELEntry(reinterpret_cast<INT8U*>(&rec), 16, reinterpret_cast<INT8U*>(&out), 17);
-    EXPECT_EQ(static_cast<int>(out.CompletionCode), 0xC5);
-    EXPECT_EQ(static_cast<int>(out.RecID), 0);
+    EXPECT_EQ(add(), (std::vector<int>{0xC5, 0}));
     EXPECT_EQ(zsim::sel(17).size(), 2u);
     EXPECT_TRUE(zsim::sel(16).empty());
 
@@ -460,16 +431,13 @@ TEST_F(Sim, ProceduresDispatchToScriptsBeforeModels)
 
 TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
 {
-    uint32_t info = 0xFFFFFFFF;
-    EXPECT_EQ(znlib_psu_ctlinfo(13, &info), 0);
-    EXPECT_EQ(info, 0x100u);
-    EXPECT_EQ(znlib_psu_ctlinfo(8, &info), 0);
-    EXPECT_EQ(info, 0x200u);
-    EXPECT_EQ(znlib_psu_ctlinfo(9, &info), 0);
-    EXPECT_EQ(info, 0x000u);
-    EXPECT_EQ(znlib_psu_ctlinfo(18, &info), -1);
     zsim::set_psu_ctlinfo(2, 256, 0xFF00);
-    EXPECT_EQ(znlib_psu_ctlinfo(2, &info), 256);
+    uint32_t info[5] = {~0u, ~0u, ~0u};
+    const int rc[] = {znlib_psu_ctlinfo(13, &info[0]), znlib_psu_ctlinfo(8, &info[1]),
+                      znlib_psu_ctlinfo(9, &info[2]), znlib_psu_ctlinfo(18, &info[3]),
+                      znlib_psu_ctlinfo(2, &info[4])};
+    EXPECT_EQ(std::vector<int>(rc, rc + 5), (std::vector<int>{0, 0, 0, -1, 256}));
+    EXPECT_EQ(std::vector<uint32_t>(info, info + 3), (std::vector<uint32_t>{0x100, 0x200, 0}));
     EXPECT_EQ(znlib_led_read(COMPO_SYSTEM, 0, 1, 0), 1);
     EXPECT_EQ(znlib_led_control(COMPO_SYSTEM, 0, 1, 3), 0);
     EXPECT_EQ(zsim::led(COMPO_SYSTEM, 0, 1), 3);
@@ -532,44 +500,6 @@ TEST_F(Sim, AttachedProcessSharesRecordsClockAndRegisters)
     EXPECT_EQ(zsim::reg(0, 0x020400C0), 0xA5u);
     EXPECT_EQ(zsim::record(psu, PROP_FRU_INFO), std::vector<uint8_t>({9}));
     EXPECT_EQ(zsim::sensor(17, 0x81).SensorTypeCode, 0x08); /* our own table is untouched */
-}
-
-TEST_F(Sim, DefaultSensorsAndMembership)
-{
-    struct {
-        int inst;
-        int num;
-        uint8_t type;
-        uint8_t oem;
-        uint16_t reading;
-    } rows[] = {
-        {17, 0, 0x12, 0, 0x0000},    {17, 33, 0xC1, 0, 0x0002},    {17, 35, 0xC1, 0, 0x0002},
-        {17, 53, 0xC1, 0, 0x0002},   {17, 73, 0xC2, 0, 0x0002},    {17, 111, 0x08, 0, 0x0001},
-        {17, 130, 0x04, 0, 0x0002},  {17, 196, 0xC2, 0, 0x0002},   {17, 216, 0xC2, 0, 0x0002},
-        {17, 224, 0xC0, 0, 0x0000},  {17, 236, 0x04, 0, 0x0000},   {17, 36, 0x12, 0, 0x0001},
-        {1, 1, 0x12, 0x02, 0x0001},  {2, 10, 0xC2, 0x03, 0x0002},  {16, 46, 0xC2, 0x02, 0x0002},
-        {9, 95, 0x12, 0x03, 0x0000}, {4, 152, 0x12, 0x03, 0x0002}, {5, 162, 0x12, 0x08, 0x0001},
-    };
-    for (const auto& r : rows) {
-        SensorInfo_T s = zsim::sensor(r.inst, static_cast<uint8_t>(r.num));
-        EXPECT_EQ(s.SensorTypeCode, r.type) << r.inst << "/" << r.num;
-        EXPECT_EQ(s.OEMField, r.oem) << r.inst << "/" << r.num;
-        EXPECT_EQ(s.SensorReading, r.reading) << r.inst << "/" << r.num;
-        EXPECT_EQ(s.SensorNumber, r.num);
-        EXPECT_FALSE(zsim::sensor_name(r.inst, static_cast<uint8_t>(r.num)).empty());
-    }
-    EXPECT_FALSE(zsim::sensor_present(17, 1));
-    EXPECT_FALSE(zsim::sensor_present(0, 10));
-    EXPECT_FALSE(zsim::sensor_present(4, 200));
-
-    splog_clear_sensor_list l[4];
-    znlib_log_get_clear_sensor_list(7, 12, l); /* CMU 3 sensor on its even node's instance */
-    EXPECT_EQ(l[LOG_CLEAR_EVEN_NODE].BMCInst, 7);
-    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].BMCInst, 8);
-    znlib_log_get_clear_sensor_list(8, 146, l); /* per-node sensor of an odd node */
-    EXPECT_EQ(l[LOG_CLEAR_EVEN_NODE].valid, 0);
-    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].BMCInst, 8);
-    EXPECT_EQ(l[LOG_CLEAR_ODD_NODE].fru_sensor, 10);
 }
 
 TEST_F(Sim, InitKeepsFilesAndCountsThreads)

@@ -145,15 +145,11 @@ TEST(SimFields, ValuesStoredByPathAppearInTheRealRecord)
     json v = parse(R"({"quordata.phyPort[4].online": 1, "quordata.portConfig": "0x10",
                        "quordata.phyPort[0]": {"X": -2, "id": 7}, "reserve0": "01 02 03"})");
     fill(reinterpret_cast<uint8_t*>(&rec), *find_type("current_router_hard_info_t"), Node{&v, ""});
-    EXPECT_EQ(rec.quordata.phyPort[4].online, 1);
-    EXPECT_EQ(rec.quordata.phyPort[3].online, 0xAA);
-    EXPECT_EQ(rec.quordata.portConfig, 0x10u);
-    EXPECT_EQ(rec.quordata.phyPort[0].X, -2);
-    EXPECT_EQ(rec.quordata.phyPort[0].id, 7);
-    EXPECT_EQ(rec.quordata.phyPort[0].Y, static_cast<int8_t>(0xAA));
-    EXPECT_EQ(rec.reserve0[0], 1);
-    EXPECT_EQ(rec.reserve0[2], 3);
-    EXPECT_EQ(rec.reserve0[3], 0xAA);
+    const auto& q = rec.quordata;
+    EXPECT_EQ((std::vector<long long>{q.phyPort[4].online, q.phyPort[3].online, q.portConfig, q.phyPort[0].X,
+                                      q.phyPort[0].id, q.phyPort[0].Y, rec.reserve0[0], rec.reserve0[2],
+                                      rec.reserve0[3]}),
+              (std::vector<long long>{1, 0xAA, 0x10, -2, 7, static_cast<int8_t>(0xAA), 1, 3, 0xAA}));
 
     json back = to_json(reinterpret_cast<uint8_t*>(&rec), whole(*find_type("current_router_hard_info_t")));
     EXPECT_EQ(back["quordata"]["phyPort"][4]["online"], 1);
