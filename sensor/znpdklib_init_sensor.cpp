@@ -110,8 +110,12 @@ bool is_fru_type(INT8U type)
 /* Non-zero when a restart without AC loss leaves the states to recovery. */
 int is_init_state_acon()
 {
-    if (sp::util::file::FileCheck::exist("/var/nvrdisk/.bmcinit_acon_ready") &&
-        !sp::util::file::FileCheck::exist("/tmp/.boot/.acon")) {
+    /* Built once: the platform takes the paths as strings, and a string this
+     * long is a heap allocation on every start. Never destroyed, so a late
+     * thread cannot see it gone. */
+    static const std::string* const ready = new std::string("/var/nvrdisk/.bmcinit_acon_ready");
+    static const std::string* const acon = new std::string("/tmp/.boot/.acon");
+    if (sp::util::file::FileCheck::exist(*ready) && !sp::util::file::FileCheck::exist(*acon)) {
         return -1;
     }
     return 0;
@@ -618,12 +622,16 @@ struct EscSearch {
             return false;
         }
         memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
+        /* One pass, each entry built in registers and stored (twice for a
+         * double match): copying a just-stored entry back would stall on
+         * store forwarding. */
         Esc_Sensor_t* next = out->frue_list;
         for (int m = 0; m < match_count; ++m) {
-            *next++ = {0xFF, matched[m] >> 9, (matched[m] >> 1) & 0xFF};
-            if ((matched[m] & 1) != 0) {
-                next[0] = next[-1];
-                ++next;
+            const unsigned v = matched[m];
+            const Esc_Sensor_t e = {0xFF, static_cast<int>(v >> 9), static_cast<int>((v >> 1) & 0xFF)};
+            *next++ = e;
+            if ((v & 1) != 0) {
+                *next++ = e;
             }
         }
         return true;
