@@ -23,7 +23,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "platform_calls.h"
@@ -169,22 +168,19 @@ void result_lists(int frue, int esc)
 
 /* What a run of platform calls leaves behind: trace texts, SEL records,
  * procedures run and RAS logs. */
-using Trail = std::tuple<std::vector<std::string>, size_t, std::vector<std::string>, size_t>;
-
-Trail trail()
+std::string trail()
 {
-    Trail t;
+    std::string t;
     for (const zsim::TraceLine& l : zsim::traces()) {
-        std::get<0>(t).push_back(l.text);
+        t += l.text + "\n";
     }
     for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
-        std::get<1>(t) += zsim::sel(i).size();
+        t += "sel " + std::to_string(zsim::sel(i).size()) + "\n";
     }
     for (const zsim::HapCall& h : zsim::hap_calls()) {
-        std::get<2>(t).push_back(h.target + " " + h.procedure + " " + h.mode);
+        t += h.target + " " + h.procedure + " " + h.mode + "\n";
     }
-    std::get<3>(t) = zsim::ras_logs().size();
-    return t;
+    return t + "ras " + std::to_string(zsim::ras_logs().size());
 }
 
 bool g_replay_differs = false;
@@ -239,7 +235,7 @@ void register_case(const Case& c)
         state.SetLabel(zbench::summary(plan));
         /* The replay must leave the same trail as the operation: else the
          * floor measures something else. */
-        const Trail by_op = trail();
+        const std::string by_op = trail();
         housekeeping();
         zbench::replay(plan, &g_page->word);
         if (trail() != by_op) {
@@ -318,7 +314,7 @@ void register_all()
         {"znpdklib_check_psu_redundancy", [] { znpdklib_check_psu_redundancy(3); }, nullptr, nullptr, 16});
     cases.push_back({"znpdklib_check_fan_redundancy",
                      [] {
-                         int fanc_err = 0;
+                         static int fanc_err;
                          znpdklib_check_fan_redundancy(1, &fanc_err);
                      },
                      nullptr, nullptr, 16});
@@ -369,8 +365,13 @@ bool ends_with(const std::string& s, const std::string& tail)
 std::string time_text(double ns)
 {
     char buf[32];
-    const double scale = ns < 1e3 ? 1 : ns < 1e6 ? 1e3 : 1e6;
-    snprintf(buf, sizeof(buf), ns < 1e3 ? "%.1f ns" : ns < 1e6 ? "%.2f us" : "%.2f ms", ns / scale);
+    snprintf(buf, sizeof(buf),
+             ns < 1e3   ? "%.1f ns"
+             : ns < 1e6 ? "%.2f us"
+                        : "%.2f ms",
+             ns < 1e3   ? ns
+             : ns < 1e6 ? ns / 1e3
+                        : ns / 1e6);
     return buf;
 }
 
@@ -464,9 +465,10 @@ int main(int argc, char** argv)
     bool table = false;
     std::vector<char*> args;
     for (int i = 0; i < argc; ++i) {
-        smoke |= strcmp(argv[i], "--smoke") == 0;
-        table |= strcmp(argv[i], "--table") == 0;
-        if (strcmp(argv[i], "--smoke") != 0 && strcmp(argv[i], "--table") != 0) {
+        const bool is_smoke = strcmp(argv[i], "--smoke") == 0, is_table = strcmp(argv[i], "--table") == 0;
+        smoke |= is_smoke;
+        table |= is_table;
+        if (!is_smoke && !is_table) {
             args.push_back(argv[i]);
         }
     }

@@ -395,30 +395,29 @@ int znpdklib_log_save_sel_error_log(splog_info* loginfo, splog_linkup_info* logl
 /* The component database and file helpers are C++: the simulated platform's
  * definitions are found by their mangled names and called with the object
  * as first argument. */
-Component* Component::getRoot()
-{
-    ZB_NEXT(Component * (*)(), "_ZN2sp6sysobj9Component7getRootEv");
-    Entry e(zbench::kRoot);
-    ZB_KEEP(e, Component::getRoot(); return 0)
-    return next();
-}
-
-Component* Component::getComponent(int type, int no)
-{
-    ZB_NEXT(Component * (*)(Component*, int, int), "_ZN2sp6sysobj9Component12getComponentEii");
-    Entry e(zbench::kChild);
-    ZB_KEEP(e, getComponent(type, no); return 0)
-    return next(this, type, no);
-}
-
-void Component::getComponent(int type, std::vector<Component*>& list)
-{
-    ZB_NEXT(void (*)(Component*, int, std::vector<Component*>&),
-            "_ZN2sp6sysobj9Component12getComponentEiRSt6vectorIPS1_SaIS3_EE");
-    Entry e(zbench::kChildren);
-    ZB_KEEP(e, std::vector<Component*> found; getComponent(type, found); return 0)
-    next(this, type, list);
-}
+/* A forwarder whose replay runs `again` (a statement list) in a copy of its
+ * scope; `next` is the platform's `symbol`, called with `...`. */
+#define ZB_CPP(kind, ret, head, type, symbol, again, ...)                                                    \
+    ret head                                                                                                 \
+    {                                                                                                        \
+        ZB_NEXT(type, symbol);                                                                               \
+        Entry e(zbench::kind);                                                                               \
+        ZB_KEEP(e, again; return 0)                                                                          \
+        return next(__VA_ARGS__);                                                                            \
+    }
+ZB_CPP(kRoot, Component*, Component::getRoot(), Component* (*)(), "_ZN2sp6sysobj9Component7getRootEv",
+       getRoot())
+ZB_CPP(kChild, Component*, Component::getComponent(int type, int no), Component* (*)(Component*, int, int),
+       "_ZN2sp6sysobj9Component12getComponentEii", getComponent(type, no), this, type, no)
+ZB_CPP(kChildren, void, Component::getComponent(int type, std::vector<Component*>& list),
+       void (*)(Component*, int, std::vector<Component*>&),
+       "_ZN2sp6sysobj9Component12getComponentEiRSt6vectorIPS1_SaIS3_EE", std::vector<Component*> found;
+       getComponent(type, found), this, type, list)
+ZB_CPP(kWriteLock, void, Component::writeLock(), void (*)(Component*), "_ZN2sp6sysobj9Component9writeLockEv",
+       writeLock(), this)
+ZB_CPP(kWriteUnlock, void, Component::writeUnlock(), void (*)(Component*),
+       "_ZN2sp6sysobj9Component11writeUnlockEv", writeUnlock(), this)
+ZB_CPP(kSpRoot, std::string, getSPRoot(), std::string (*)(), "_Z9getSPRootB5cxx11v", getSPRoot())
 
 int Component::getProperty(int key, void* buffer, unsigned int length)
 {
@@ -440,22 +439,6 @@ int Component::setProperty(int key, const void* buffer, unsigned int length)
     return next(this, key, buffer, length);
 }
 
-void Component::writeLock()
-{
-    ZB_NEXT(void (*)(Component*), "_ZN2sp6sysobj9Component9writeLockEv");
-    Entry e(zbench::kWriteLock);
-    ZB_KEEP(e, writeLock(); return 0)
-    next(this);
-}
-
-void Component::writeUnlock()
-{
-    ZB_NEXT(void (*)(Component*), "_ZN2sp6sysobj9Component11writeUnlockEv");
-    Entry e(zbench::kWriteUnlock);
-    ZB_KEEP(e, writeUnlock(); return 0)
-    next(this);
-}
-
 bool sp::util::file::FileCheck::exist(const std::string& path_)
 {
     ZB_NEXT(bool (*)(const std::string&),
@@ -474,12 +457,4 @@ std::string getSPFilePath(const std::string& filePath)
     const std::string* kept = e.recording() ? intern(filePath.c_str()) : nullptr;
     ZB_KEEP(e, getSPFilePath(*kept); return 0)
     return next(filePath);
-}
-
-std::string getSPRoot()
-{
-    ZB_NEXT(std::string(*)(), "_Z9getSPRootB5cxx11v");
-    Entry e(zbench::kSpRoot);
-    ZB_KEEP(e, getSPRoot(); return 0)
-    return next();
 }
