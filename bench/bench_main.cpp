@@ -36,8 +36,6 @@ constexpr INT8U kPlainSensor = 0x49;     /* FRUE Environment, instance 17 */
 constexpr INT8U kExclusiveSensor = 0x81; /* PSU redundancy, instance 17 */
 constexpr INT8U kNodeSensor = 10;        /* node FRU error status, node instances */
 constexpr size_t kEscFileSize = 4096;
-const char* const kEscFile = "/var/nvrdisk/current/sensor/esctable_inst%02d";
-const char* const kAcOnMarker = "/tmp/.boot/.acon";
 
 /* A page of a file mapped shared, holding the floor's stored word and the
  * bare floor's semaphore. */
@@ -48,19 +46,23 @@ struct SharedPage {
 SharedPage* g_page = nullptr;
 pthread_mutex_t g_bare_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+void die(const char* what)
+{
+    perror(what);
+    exit(1);
+}
+
 void map_shared_page()
 {
-    const std::string path = zsim::file_path("/bench/shared_page", true);
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    const int fd =
+        open(zsim::file_path("/bench/shared_page", true).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     if (fd < 0 || ftruncate(fd, 4096) != 0) {
-        perror("znpdk-bench: shared page");
-        exit(1);
+        die("znpdk-bench: shared page");
     }
     void* p = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (p == MAP_FAILED) {
-        perror("znpdk-bench: mmap");
-        exit(1);
+        die("znpdk-bench: mmap");
     }
     g_page = static_cast<SharedPage*>(p);
     sem_init(&g_page->sem, 1, 1);
@@ -81,7 +83,7 @@ void housekeeping()
 std::string esc_path(int inst)
 {
     char rel[64];
-    snprintf(rel, sizeof(rel), kEscFile, inst);
+    snprintf(rel, sizeof(rel), "/var/nvrdisk/current/sensor/esctable_inst%02d", inst);
     return zsim::file_path(rel, true);
 }
 
@@ -91,30 +93,24 @@ void read_esc_file(const std::string& path)
     uint8_t image[kEscFileSize];
     const int fd = open(path.c_str(), O_RDONLY);
     if (fd >= 0) {
-        ssize_t n = read(fd, image, sizeof(image));
-        benchmark::DoNotOptimize(n);
+        ssize_t got = read(fd, image, sizeof(image));
+        benchmark::DoNotOptimize(got);
         close(fd);
     }
     benchmark::DoNotOptimize(image);
 }
 
-/* The file work the escalation search must do: read 17 files. */
-void read_esc_files(const std::vector<std::string>& paths)
-{
-    for (const std::string& p : paths) {
-        read_esc_file(p);
-    }
-}
-
 /* The file work an escalation build must do at the least: snapshot the
  * table and read the file it keeps (an unchanged table need not be written;
  * a library that always writes pays that beside this floor). */
-void escalation_file_work(int inst, const std::string& path)
+std::function<void()> escalation_file_work(int inst)
 {
-    static SensorSharedMem_T snap;
-    memcpy(&snap, &g_BMCInfo[inst].SensorSharedMem, sizeof(snap));
-    benchmark::DoNotOptimize(snap);
-    read_esc_file(path);
+    return [inst, path = esc_path(inst)] {
+        static SensorSharedMem_T snap;
+        memcpy(&snap, &g_BMCInfo[inst].SensorSharedMem, sizeof(snap));
+        benchmark::DoNotOptimize(snap);
+        read_esc_file(path);
+    };
 }
 
 void build_all_escalation_tables()
@@ -139,52 +135,52 @@ void write_all_matching_tables()
     }
 }
 
-void search(Esc_Sensor_t query)
+/* One search; its result counts (frue, esc). */
+std::pair<int, int> search(Esc_Sensor_t query)
 {
     Esc_Table_t out;
     znpdklib_get_escalation_info(&query, &out);
     free(out.frue_list);
     free(out.esc_list);
+    return {out.frue_count, out.esc_count};
 }
 
-/* The caller-owned result lists the search must hand back. */
+/* The caller-owned result lists a search hands back, each entry stored:
+ * storing thousands of results is work the reads alone do not show. */
 void result_lists(int frue, int esc)
 {
-    void* a = malloc((frue > 0 ? frue : 1) * sizeof(Esc_Sensor_t));
-    void* b = malloc((esc > 0 ? esc : 1) * sizeof(Esc_Sensor_t));
+    auto* a =
+        static_cast<Esc_Sensor_t*>(malloc(static_cast<size_t>(std::max(frue, 1)) * sizeof(Esc_Sensor_t)));
+    auto* b =
+        static_cast<Esc_Sensor_t*>(malloc(static_cast<size_t>(std::max(esc, 1)) * sizeof(Esc_Sensor_t)));
+    for (int i = 0; i < frue; ++i) {
+        a[i] = {0xFF, i >> 8, i & 0xFF};
+    }
+    for (int i = 0; i < esc; ++i) {
+        b[i] = {i & 3, i, i};
+    }
     benchmark::DoNotOptimize(a);
     benchmark::DoNotOptimize(b);
+    benchmark::ClobberMemory();
     free(a);
     free(b);
 }
 
 /* What a run of platform calls leaves behind: trace texts, SEL records,
  * procedures run and RAS logs. */
-struct Trail {
-    std::vector<std::string> traces;
-    size_t sel = 0;
-    std::vector<std::string> procedures;
-    size_t ras = 0;
-    bool operator!=(const Trail& o) const
-    {
-        return traces != o.traces || sel != o.sel || procedures != o.procedures || ras != o.ras;
-    }
-};
-
-Trail trail()
+std::string trail()
 {
-    Trail t;
+    std::string t;
     for (const zsim::TraceLine& l : zsim::traces()) {
-        t.traces.push_back(l.text);
+        t += l.text + "\n";
     }
     for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
-        t.sel += zsim::sel(i).size();
+        t += "sel " + std::to_string(zsim::sel(i).size()) + "\n";
     }
     for (const zsim::HapCall& h : zsim::hap_calls()) {
-        t.procedures.push_back(h.target + " " + h.procedure + " " + h.mode);
+        t += h.target + " " + h.procedure + " " + h.mode + "\n";
     }
-    t.ras = zsim::ras_logs().size();
-    return t;
+    return t + "ras " + std::to_string(zsim::ras_logs().size());
 }
 
 bool g_replay_differs = false;
@@ -197,71 +193,63 @@ struct Case {
     int every = 1024;                  /* iterations between housekeeping */
 };
 
+/* Times `body`, housekeeping every c.every iterations outside the timing;
+ * allocs counts the body's allocations only. */
 void run_loop(benchmark::State& state, const Case& c, const std::function<void()>& body)
 {
-    const uint64_t allocs_before = zbench::allocations();
+    const uint64_t before = zbench::allocations();
     uint64_t housekeeping_allocs = 0;
     int64_t n = 0;
     for (auto _ : state) {
         body();
         if (++n % c.every == 0) {
             state.PauseTiming();
-            const uint64_t before = zbench::allocations();
+            const uint64_t at = zbench::allocations();
             housekeeping();
-            housekeeping_allocs += zbench::allocations() - before;
+            housekeeping_allocs += zbench::allocations() - at;
             state.ResumeTiming();
         }
     }
-    const double calls = static_cast<double>(state.iterations());
-    state.counters["allocs"] =
-        static_cast<double>(zbench::allocations() - allocs_before - housekeeping_allocs) / calls;
+    state.counters["allocs"] = static_cast<double>(zbench::allocations() - before - housekeeping_allocs) /
+                               static_cast<double>(state.iterations());
 }
 
+/* The case and its floor, each from the same setup and a warm first call. */
 void register_case(const Case& c)
 {
-    benchmark::RegisterBenchmark(c.name.c_str(), [c](benchmark::State& state) {
-        housekeeping();
-        if (c.setup) {
-            c.setup();
-        }
-        c.op(); /* steady state before timing */
-        run_loop(state, c, c.op);
-    });
-    benchmark::RegisterBenchmark((c.name + "/floor").c_str(), [c](benchmark::State& state) {
+    auto prepare = [c] {
         housekeeping();
         if (c.setup) {
             c.setup();
         }
         c.op();
+    };
+    benchmark::RegisterBenchmark(c.name.c_str(), [c, prepare](benchmark::State& state) {
+        prepare();
+        run_loop(state, c, c.op);
+    });
+    benchmark::RegisterBenchmark((c.name + "/floor").c_str(), [c, prepare](benchmark::State& state) {
+        prepare();
         housekeeping();
         const zbench::Plan plan = zbench::record(c.op);
         state.SetLabel(zbench::summary(plan));
-        uint32_t* word = &g_page->word;
         /* The replay must leave the same trail as the operation: else the
          * floor measures something else. */
-        const Trail by_op = trail();
+        const std::string by_op = trail();
         housekeeping();
-        zbench::replay(plan, word);
+        zbench::replay(plan, &g_page->word);
         if (trail() != by_op) {
             g_replay_differs = true;
             state.SkipWithError("replayed calls leave another trail than the operation");
             return;
         }
         run_loop(state, c, [&] {
-            zbench::replay(plan, word);
+            zbench::replay(plan, &g_page->word);
             if (c.file_work) {
                 c.file_work();
             }
         });
     });
-}
-
-void require_sensor(int inst, INT8U num)
-{
-    if (!zsim::sensor_present(inst, num)) {
-        fprintf(stderr, "znpdk-bench: sensor %d of instance %d missing from the machine\n", num, inst);
-        exit(1);
-    }
 }
 
 void register_all()
@@ -274,78 +262,65 @@ void register_all()
         {"znpdklib_exSetSensorWS", [] { znpdklib_exSetSensorWS(kExclusiveSensor, 1, 0, 0, kChassis, &rec); }},
         {"ZNAPI_SetSensorWoS", [] { ZNAPI_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }},
         {"ZNAPI_SetSensorWS", [] { ZNAPI_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); }},
+        /* Recovery: the marker test and 256 entries copied back. */
+        {"ZNAPI_MemSensorInfoRecover", [] { ZNAPI_MemSensorInfoRecover(kChassis); },
+         [marker = zsim::file_path("/tmp/.boot/.acon")] {
+             static SensorInfo_T table[256];
+             benchmark::DoNotOptimize(access(marker.c_str(), F_OK));
+             for (SensorInfo_T& t : table) {
+                 t.SensorReading = static_cast<INT16U>(g_page->word);
+                 t.PreviousState = t.SensorReading;
+             }
+             benchmark::ClobberMemory();
+         }},
+        {"znpdklib_make_escalation_info", [] { znpdklib_make_escalation_info(kChassis); },
+         escalation_file_work(kChassis), nullptr, 64},
     };
 
-    /* Recovery: the marker test and 256 entries copied back. */
-    const std::string marker = zsim::file_path(kAcOnMarker);
-    cases.push_back({"ZNAPI_MemSensorInfoRecover", [] { ZNAPI_MemSensorInfoRecover(kChassis); },
-                     [marker] {
-                         static SensorInfo_T table[256];
-                         benchmark::DoNotOptimize(access(marker.c_str(), F_OK));
-                         for (SensorInfo_T& t : table) {
-                             t.SensorReading = static_cast<INT16U>(g_page->word);
-                             t.PreviousState = t.SensorReading;
-                         }
-                         benchmark::ClobberMemory();
-                     }});
-
-    const std::string esc17 = esc_path(kChassis);
-    cases.push_back({"znpdklib_make_escalation_info", [] { znpdklib_make_escalation_info(kChassis); },
-                     [esc17] { escalation_file_work(kChassis, esc17); }, nullptr, 64});
-
+    /* Searches read 17 files and store the results they hand back. */
+    const struct {
+        const char* name;
+        Esc_Sensor_t query;
+        void (*tables)();
+    } searches[] = {{"empty", {0, kChassis, 200}, build_all_escalation_tables},
+                    {"typical", {0, kChassis, 35}, build_all_escalation_tables},
+                    {"all_matching", {1, 5, kNodeSensor}, write_all_matching_tables}};
     std::vector<std::string> files;
     for (int i = 1; i <= kChassis; ++i) {
         files.push_back(esc_path(i));
     }
-    struct Search {
-        const char* name;
-        Esc_Sensor_t query;
-        bool all_matching;
-    };
-    const Search searches[] = {{"znpdklib_get_escalation_info/empty", {0, kChassis, 200}, false},
-                               {"znpdklib_get_escalation_info/typical", {0, kChassis, 35}, false},
-                               {"znpdklib_get_escalation_info/all_matching", {1, 5, kNodeSensor}, true}};
-    for (const Search& s : searches) {
+    for (const auto& s : searches) {
         const Esc_Sensor_t q = s.query;
-        auto setup = s.all_matching ? std::function<void()>(write_all_matching_tables)
-                                    : std::function<void()>(build_all_escalation_tables);
-        /* The result sizes, for the floor's two lists. */
-        auto counts = std::make_shared<std::pair<int, int>>(0, 0);
-        cases.push_back({s.name, [q] { search(q); },
+        auto counts = std::make_shared<std::pair<int, int>>(); /* of the setup's search */
+        cases.push_back({std::string("znpdklib_get_escalation_info/") + s.name, [q] { search(q); },
                          [files, counts] {
-                             read_esc_files(files);
+                             for (const std::string& f : files) {
+                                 read_esc_file(f);
+                             }
                              result_lists(counts->first, counts->second);
                          },
-                         [setup, q, counts] {
-                             setup();
-                             Esc_Sensor_t query = q;
-                             Esc_Table_t out;
-                             znpdklib_get_escalation_info(&query, &out);
-                             *counts = {out.frue_count, out.esc_count};
-                             free(out.frue_list);
-                             free(out.esc_list);
+                         [tables = s.tables, q, counts] {
+                             tables();
+                             *counts = search(q);
                          },
                          64});
     }
 
-    const std::string esc1 = esc_path(1);
     cases.push_back({"ZNAPI_Sensor_Init/chassis", [] { ZNAPI_Sensor_Init(kChassis); },
-                     [esc17] { escalation_file_work(kChassis, esc17); }, nullptr, 1});
-    cases.push_back({"ZNAPI_Sensor_Init/node", [] { ZNAPI_Sensor_Init(1); },
-                     [esc1] { escalation_file_work(1, esc1); }, nullptr, 1});
-
+                     escalation_file_work(kChassis), nullptr, 1});
+    cases.push_back(
+        {"ZNAPI_Sensor_Init/node", [] { ZNAPI_Sensor_Init(1); }, escalation_file_work(1), nullptr, 1});
     cases.push_back(
         {"znpdklib_check_psu_redundancy", [] { znpdklib_check_psu_redundancy(3); }, nullptr, nullptr, 16});
     cases.push_back({"znpdklib_check_fan_redundancy",
                      [] {
-                         int fanc_err = 0;
+                         static int fanc_err;
                          znpdklib_check_fan_redundancy(1, &fanc_err);
                      },
                      nullptr, nullptr, 16});
     /* Settled fans pass the start-up check on its first poll. */
     cases.push_back({"znpdklib_check_fan_spinup", [] { znpdklib_check_fan_spinup(); }, nullptr,
                      [] { zsim::advance(60); }, 16});
-
     for (const Case& c : cases) {
         register_case(c);
     }
@@ -382,6 +357,24 @@ void register_all()
     }
 }
 
+bool ends_with(const std::string& s, const std::string& tail)
+{
+    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+std::string time_text(double ns)
+{
+    char buf[32];
+    snprintf(buf, sizeof(buf),
+             ns < 1e3   ? "%.1f ns"
+             : ns < 1e6 ? "%.2f us"
+                        : "%.2f ms",
+             ns < 1e3   ? ns
+             : ns < 1e6 ? ns / 1e3
+                        : ns / 1e6);
+    return buf;
+}
+
 /* Collects the runs and prints one table: operation, time, floor, ratio and
  * allocations per call, then the throughput runs and the floors' calls. */
 class TableReporter : public benchmark::BenchmarkReporter {
@@ -394,26 +387,29 @@ class TableReporter : public benchmark::BenchmarkReporter {
             if (r.run_type != Run::RT_Iteration || r.error_occurred) {
                 continue;
             }
+            const auto rate = r.counters.find("items_per_second");
+            const bool throughput = rate != r.counters.end();
             /* Single-thread cases in CPU time, which other processes on the
              * machine cannot stretch; throughput in real time. */
-            const double t = r.threads > 1 || r.counters.count("items_per_second") != 0
-                                 ? r.GetAdjustedRealTime()
-                                 : r.GetAdjustedCPUTime();
-            const double ns = t * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
-            Row& row = rows_[r.benchmark_name()];
-            if (row.runs == 0) {
-                order_.emplace_back(r.family_index * 64 + r.per_family_instance_index, r.benchmark_name());
+            const double ns = (throughput ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime()) * 1e9 /
+                              benchmark::GetTimeUnitMultiplier(r.time_unit);
+            const std::string name = r.benchmark_name();
+            const auto a = r.counters.find("allocs");
+            const double allocs = a != r.counters.end() ? a->second.value : 0;
+            Row& row = rows_[name];
+            if (row.runs++ == 0) {
+                order_.emplace_back(r.family_index * 64 + r.per_family_instance_index, name);
+                row.allocs = allocs;
             }
-            /* The fastest repetition: the others lost time to the machine. */
-            if (row.runs == 0 || ns < row.ns) {
-                row.ns = ns;
-                auto it = r.counters.find("items_per_second");
-                row.rate = it != r.counters.end() ? it->second.value : 0;
+            /* The fewest allocations: a log of the simulated platform grows
+             * now and then, more in short runs. */
+            row.allocs = std::min(row.allocs, allocs);
+            if (row.runs > 1 && ns >= row.ns) {
+                continue; /* the fastest repetition: the others lost time to the machine */
             }
-            auto a = r.counters.find("allocs");
-            row.allocs = a != r.counters.end() ? a->second.value : 0;
+            row.ns = ns;
+            row.rate = throughput ? rate->second.value : 0;
             row.label = r.report_label;
-            ++row.runs;
         }
     }
 
@@ -426,20 +422,19 @@ class TableReporter : public benchmark::BenchmarkReporter {
             if (row.rate != 0 || ends_with(name, "/floor")) {
                 continue;
             }
-            auto f = rows_.find(name + "/floor");
+            const auto f = rows_.find(name + "/floor");
             if (f == rows_.end()) {
                 printf("%-46s %11s %11s %7s %8.1f %8s\n", name.c_str(), time_text(row.ns).c_str(), "-", "-",
                        row.allocs, "-");
-                continue;
+            } else {
+                printf("%-46s %11s %11s %7.3f %8.1f %8.1f\n", name.c_str(), time_text(row.ns).c_str(),
+                       time_text(f->second.ns).c_str(), row.ns / f->second.ns, row.allocs, f->second.allocs);
             }
-            printf("%-46s %11s %11s %7.3f %8.1f %8.1f\n", name.c_str(), time_text(row.ns).c_str(),
-                   time_text(f->second.ns).c_str(), row.ns / f->second.ns, row.allocs, f->second.allocs);
         }
         printf("\n%-66s %14s\n", "throughput", "calls/s");
         for (const auto& [index, name] : order_) {
-            const Row& row = rows_[name];
-            if (row.rate != 0) {
-                printf("%-66s %14.0f\n", name.c_str(), row.rate);
+            if (rows_[name].rate != 0) {
+                printf("%-66s %14.0f\n", name.c_str(), rows_[name].rate);
             }
         }
         printf("\nfloors: the platform calls each operation made, replayed\n");
@@ -458,25 +453,6 @@ class TableReporter : public benchmark::BenchmarkReporter {
         int runs = 0;
         std::string label;
     };
-
-    static bool ends_with(const std::string& s, const std::string& tail)
-    {
-        return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-    }
-
-    static std::string time_text(double ns)
-    {
-        char buf[32];
-        if (ns < 1e3) {
-            snprintf(buf, sizeof(buf), "%.1f ns", ns);
-        } else if (ns < 1e6) {
-            snprintf(buf, sizeof(buf), "%.2f us", ns / 1e3);
-        } else {
-            snprintf(buf, sizeof(buf), "%.2f ms", ns / 1e6);
-        }
-        return buf;
-    }
-
     std::map<std::string, Row> rows_;
     std::vector<std::pair<int64_t, std::string>> order_;
 };
@@ -489,27 +465,29 @@ int main(int argc, char** argv)
     bool table = false;
     std::vector<char*> args;
     for (int i = 0; i < argc; ++i) {
-        if (strcmp(argv[i], "--smoke") == 0) {
-            smoke = true;
-        } else if (strcmp(argv[i], "--table") == 0) {
-            table = true;
-        } else {
+        const bool is_smoke = strcmp(argv[i], "--smoke") == 0, is_table = strcmp(argv[i], "--table") == 0;
+        smoke |= is_smoke;
+        table |= is_table;
+        if (!is_smoke && !is_table) {
             args.push_back(argv[i]);
         }
     }
     char root[] = "/tmp/znpdk-bench-XXXXXX";
     if (mkdtemp(root) == nullptr) {
-        perror("znpdk-bench: mkdtemp");
-        return 1;
+        die("znpdk-bench: mkdtemp");
     }
     zsim::init(root);
     zsim::build_default_machine();
     ZNAPI_MemSensorAreaInit();
     map_shared_page();
-    require_sensor(kChassis, kPlainSensor);
-    require_sensor(kChassis, kExclusiveSensor);
-    for (int i = 1; i <= 2; ++i) {
-        require_sensor(i, kNodeSensor);
+    for (const auto& [inst, num] : {std::pair<int, INT8U>{kChassis, kPlainSensor},
+                                    {kChassis, kExclusiveSensor},
+                                    {1, kNodeSensor},
+                                    {2, kNodeSensor}}) {
+        if (!zsim::sensor_present(inst, num)) {
+            fprintf(stderr, "znpdk-bench: sensor %d of instance %d missing from the machine\n", num, inst);
+            return 1;
+        }
     }
     build_all_escalation_tables();
 

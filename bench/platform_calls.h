@@ -11,19 +11,17 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace zbench {
 
-/* One platform call as the library made it; kept small, since a replay
- * walks thousands of them. */
+/* One platform call as the library made it, and what makes it again
+ * (its result as an int, 0 for none). */
 struct Call {
     int kind = 0;
-    const void* ptr = nullptr; /* mutex, semaphore, component, format */
-    int a[12] = {};
-    const std::string* s[3] = {}; /* target / procedure / mode, names, paths (interned) */
-    std::vector<uint8_t> bytes;   /* request, record or parameter words */
+    std::function<int()> run;
 };
 
 using Plan = std::vector<Call>;
@@ -34,8 +32,9 @@ template <typename Op> Plan record(Op&& op);
 void start_recording();
 Plan stop_recording();
 
-/* Runs the recorded calls again, in order, through the same entry points.
- * Each semaphore-guarded section also stores 4 bytes into `shared_word`. */
+/* Runs the recorded calls again, in order, through the same entry points
+ * (output goes to scratch). Each semaphore-guarded section also stores 4
+ * bytes into `shared_word`. */
 void replay(const Plan& plan, uint32_t* shared_word);
 
 /* Number of calls per platform function, for the report ("name=count ..."). */

@@ -110,8 +110,12 @@ bool is_fru_type(INT8U type)
 /* Non-zero when a restart without AC loss leaves the states to recovery. */
 int is_init_state_acon()
 {
-    if (sp::util::file::FileCheck::exist("/var/nvrdisk/.bmcinit_acon_ready") &&
-        !sp::util::file::FileCheck::exist("/tmp/.boot/.acon")) {
+    /* Built once: the platform takes the paths as strings, and a string this
+     * long is a heap allocation on every start. Never destroyed, so a late
+     * thread cannot see it gone. */
+    static const std::string* const ready = new std::string("/var/nvrdisk/.bmcinit_acon_ready");
+    static const std::string* const acon = new std::string("/tmp/.boot/.acon");
+    if (sp::util::file::FileCheck::exist(*ready) && !sp::util::file::FileCheck::exist(*acon)) {
         return -1;
     }
     return 0;
@@ -379,19 +383,20 @@ size_t read_full(int fd, uint8_t* buf, size_t size)
     return got;
 }
 
-/* True when the file already holds exactly `image` (and nothing more). */
+/* True when the file already holds exactly `image` (and nothing more). One
+ * read asks for a byte more than the image: a regular file hands over all it
+ * has up to that, so the image's size back means the whole file, without a
+ * second read to see the end. A short read only costs a rewrite. */
 bool file_holds(const char* path, const EscImage& image)
 {
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         return false;
     }
-    EscImage old;
-    uint8_t extra = 0;
-    bool same = read_full(fd, old, sizeof(old)) == sizeof(old) && read_full(fd, &extra, 1) == 0 &&
-                memcmp(old, image, sizeof(old)) == 0;
+    uint8_t old[sizeof(EscImage) + 1];
+    const ssize_t n = read(fd, old, sizeof(old));
     close(fd);
-    return same;
+    return n == static_cast<ssize_t>(sizeof(EscImage)) && memcmp(old, image, sizeof(EscImage)) == 0;
 }
 
 /* Writes the image to a temporary file in the same folder and renames it
@@ -618,12 +623,16 @@ struct EscSearch {
             return false;
         }
         memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
+        /* One pass, each entry built in registers and stored (twice for a
+         * double match): copying a just-stored entry back would stall on
+         * store forwarding. */
         Esc_Sensor_t* next = out->frue_list;
         for (int m = 0; m < match_count; ++m) {
-            *next++ = {0xFF, matched[m] >> 9, (matched[m] >> 1) & 0xFF};
-            if ((matched[m] & 1) != 0) {
-                next[0] = next[-1];
-                ++next;
+            const unsigned v = matched[m];
+            const Esc_Sensor_t e = {0xFF, static_cast<int>(v >> 9), static_cast<int>((v >> 1) & 0xFF)};
+            *next++ = e;
+            if ((v & 1) != 0) {
+                *next++ = e;
             }
         }
         return true;

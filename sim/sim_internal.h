@@ -54,7 +54,7 @@ struct Register {
 
 /* A named semaphore of the controller support library, process-shared in
  * the mapping (kernel-named ones would outlive the roots of test processes). */
-struct SemSlot {
+struct alignas(64) SemSlot { /* own cache lines: instances do not share one */
     char name[64];
     sem_t sem;
 };

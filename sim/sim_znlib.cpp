@@ -3,6 +3,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <atomic>
 #include <list>
 #include <map>
 #include <mutex>
@@ -34,8 +35,10 @@ struct ZnlibState {
     std::map<std::pair<int, int>, int> port_map;
     std::map<std::pair<int, int>, std::vector<splog_clear_sensor_list>> clear_lists;
     int clear_list_calls = 0;
-    bool fail_sem_open = false;
-    int sem_lock_code = 0;
+    /* Read on every semaphore call: atomics, so that the calls of different
+     * names share no lock. */
+    std::atomic<bool> fail_sem_open{false};
+    std::atomic<int> sem_lock_code{0};
 };
 
 ZnlibState& zs()
@@ -254,13 +257,11 @@ int clear_sensor_list_calls()
 
 void fail_sem_open(bool on)
 {
-    std::lock_guard<std::mutex> lock(zs().mutex);
     zs().fail_sem_open = on;
 }
 
 void fail_sem_lock(int code)
 {
-    std::lock_guard<std::mutex> lock(zs().mutex);
     zs().sem_lock_code = code;
 }
 
@@ -270,10 +271,50 @@ void fail_sem_lock(int code)
 
 using zsim::internal::zs;
 
+/* The semaphore named `name` among the first `count` slots, or null. */
+static sem_t* find_sem(zsim::internal::Shared* s, const char* name, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        if (strncmp(s->sems[i].name, name, sizeof(s->sems[i].name)) == 0) {
+            return &s->sems[i].sem;
+        }
+    }
+    return nullptr;
+}
+
 static bool is_save_area_sem(const char* name)
 {
     static const char kPrefix[] = "/filelock_snsdata";
     return name != nullptr && strncmp(name, kPrefix, sizeof(kPrefix) - 1) == 0;
+}
+
+/* A save-area semaphore just taken is a kill point. */
+static int sem_taken(const char* name)
+{
+    if (is_save_area_sem(name)) {
+        zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
+    }
+    return 0;
+}
+
+/* Waits for a semaphore held by someone else, up to the wait bound. */
+static int timed_sem_wait(sem_t* handle, const char* name)
+{
+    const long limit_ms = zsim::internal::sem_wait_limit_ms();
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += limit_ms / 1000;
+    deadline.tv_nsec += (limit_ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    while (sem_timedwait(handle, &deadline) != 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return sem_taken(name);
 }
 
 extern "C" {
@@ -397,65 +438,51 @@ int znlib_log_get_clear_sensor_list(int BMCInst, int sensor, splog_clear_sensor_
 sem_t* _znlib_sem_open(const char* name, int flag)
 {
     (void)flag;
-    if (name == nullptr) {
+    if (name == nullptr || zs().fail_sem_open) {
         return nullptr;
-    }
-    {
-        std::lock_guard<std::mutex> lock(zs().mutex);
-        if (zs().fail_sem_open) {
-            return nullptr;
-        }
     }
     zsim::internal::Shared* s = zsim::internal::shared();
     if (s == nullptr) {
         return nullptr;
     }
-    zsim::internal::MetaLock lock;
-    for (int i = 0; i < s->sem_count; ++i) {
-        if (strncmp(s->sems[i].name, name, sizeof(s->sems[i].name)) == 0) {
-            return &s->sems[i].sem;
-        }
+    /* Slots are only ever added, each published by the count after it is
+     * set up: a name already there is found without a lock, so opens of
+     * different names never wait for each other. */
+    if (sem_t* sem = find_sem(s, name, __atomic_load_n(&s->sem_count, __ATOMIC_ACQUIRE))) {
+        return sem;
     }
-    if (s->sem_count >= zsim::internal::kMaxSemNames || strlen(name) >= sizeof(s->sems[0].name)) {
+    zsim::internal::MetaLock lock;
+    const int count = __atomic_load_n(&s->sem_count, __ATOMIC_ACQUIRE);
+    if (sem_t* sem = find_sem(s, name, count)) {
+        return sem; /* added by another opener meanwhile */
+    }
+    if (count >= zsim::internal::kMaxSemNames || strlen(name) >= sizeof(s->sems[0].name)) {
         return nullptr;
     }
-    zsim::internal::SemSlot& slot = s->sems[s->sem_count++];
+    zsim::internal::SemSlot& slot = s->sems[count];
     snprintf(slot.name, sizeof(slot.name), "%s", name);
     sem_init(&slot.sem, 1, 1);
+    __atomic_store_n(&s->sem_count, count + 1, __ATOMIC_RELEASE);
     return &slot.sem;
 }
 
 int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
 {
     (void)flag;
-    {
-        std::lock_guard<std::mutex> lock(zs().mutex);
-        if (zs().sem_lock_code != 0) {
-            return zs().sem_lock_code;
-        }
+    if (const int code = zs().sem_lock_code) {
+        return code;
     }
     if (handle == nullptr) {
         return EINVAL;
     }
-    /* Bounded in real time, so that a crashed holder cannot hang a test forever. */
-    const long limit_ms = zsim::internal::sem_wait_limit_ms();
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += limit_ms / 1000;
-    deadline.tv_nsec += (limit_ms % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
-    while (sem_timedwait(handle, &deadline) != 0) {
+    /* Bounded in real time, so that a crashed holder cannot hang a test
+     * forever; a free semaphore is taken without reading the clock. */
+    while (sem_trywait(handle) != 0) {
         if (errno != EINTR) {
-            return errno;
+            return timed_sem_wait(handle, name);
         }
     }
-    if (is_save_area_sem(name)) {
-        zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
-    }
-    return 0;
+    return sem_taken(name);
 }
 
 int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)

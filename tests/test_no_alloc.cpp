@@ -232,6 +232,15 @@ TEST_F(NoAllocTest, HotPathsAllocateNothingOfTheirOwn)
     EXPECT_EQ(0x02, znpdklib_get_fan_check_phase());
 }
 
+/* Start-up builds its marker paths on its first call only. */
+TEST_F(NoAllocTest, SensorInitAllocatesOnlyOnItsFirstCall)
+{
+    ZNAPI_Sensor_Init(17);
+    for (int inst : {17, 1, 17}) {
+        EXPECT_EQ(0, library_allocations([inst] { ZNAPI_Sensor_Init(inst); })) << inst;
+    }
+}
+
 TEST_F(NoAllocTest, AllocationsOfTheLibraryAreCounted)
 {
     std::string path = "/SYSTEM#0/BOBC#0";
