@@ -1,6 +1,8 @@
 /* Forwarding, recording and replay of the platform calls; heap counting. */
 #include "platform_calls.h"
 
+#include "heap_counter.h"
+
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -188,56 +190,10 @@ using zbench::next_fn;
 
 /* ---- Heap counting ------------------------------------------------------ */
 
-#ifdef ZNPDK_BENCH_SANITIZE
-/* The sanitizer runtime owns malloc; it calls these hooks instead. */
-extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, size_t),
-                                                         void (*free_hook)(const volatile void*));
-namespace {
-void count_malloc(const volatile void*, size_t)
+void on_heap_alloc(void*)
 {
     zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
 }
-void ignore_free(const volatile void*) {}
-struct HookInstall { /* both hooks are required */
-    HookInstall() { __sanitizer_install_malloc_and_free_hooks(count_malloc, ignore_free); }
-} g_hooks;
-} // namespace
-#else
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void __libc_free(void*);
-
-/* Every way to get heap memory counts one allocation. */
-#define ZB_COUNTED(ret, name, params, call)                                                                  \
-    ret name params                                                                                          \
-    {                                                                                                        \
-        zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);                                            \
-        return call;                                                                                         \
-    }
-ZB_COUNTED(void*, malloc, (size_t n), __libc_malloc(n))
-ZB_COUNTED(void*, calloc, (size_t n, size_t size), __libc_calloc(n, size))
-ZB_COUNTED(void*, realloc, (void* p, size_t n), __libc_realloc(p, n))
-ZB_COUNTED(void*, aligned_alloc, (size_t align, size_t n), __libc_memalign(align, n))
-ZB_COUNTED(void*, memalign, (size_t align, size_t n), __libc_memalign(align, n))
-int posix_memalign(void** out, size_t align, size_t n)
-{
-    zbench::g_allocs.fetch_add(1, std::memory_order_relaxed);
-    void* p = __libc_memalign(align, n);
-    if (p == nullptr) {
-        return 12; /* ENOMEM */
-    }
-    *out = p;
-    return 0;
-}
-void free(void* p)
-{
-    __libc_free(p);
-}
-} // extern "C"
-#endif
 
 /* ---- Forwarding entry points -------------------------------------------- */
 

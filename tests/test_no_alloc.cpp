@@ -12,6 +12,7 @@
 #include <new>
 
 #include "fan_support.h"
+#include "heap_counter.h"
 #include "znpdk_sim/psu.h"
 
 namespace {
@@ -85,42 +86,18 @@ void charge(void* caller = nullptr)
 
 } // namespace
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-/* The sanitizer owns malloc: it reports every allocation to a hook. */
-extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*, size_t),
-                                                         void (*)(const volatile void*));
 namespace {
-void on_malloc(const volatile void*, size_t)
-{
-    charge();
-}
-void on_free(const volatile void*) {}
-const int g_hooks = __sanitizer_install_malloc_and_free_hooks(on_malloc, on_free);
+/* Set by operator new for the malloc it makes: its own caller says more than
+ * malloc's, and unwinding is not to be relied on on every target. */
+__thread void* t_new_caller;
 } // namespace
-#else
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
 
-/* Each counts against the library when called from its code. */
-#define ZT_COUNTED(name, params, call)                                                                       \
-    void* name params                                                                                        \
-    {                                                                                                        \
-        charge(__builtin_return_address(0));                                                                 \
-        return call;                                                                                         \
-    }
-ZT_COUNTED(malloc, (size_t size), __libc_malloc(size))
-ZT_COUNTED(calloc, (size_t n, size_t size), __libc_calloc(n, size))
-ZT_COUNTED(realloc, (void* p, size_t size), __libc_realloc(p, size))
-
-void free(void* p)
+void on_heap_alloc(void* caller)
 {
-    __libc_free(p);
+    void* const hint = t_new_caller;
+    t_new_caller = nullptr;
+    charge(hint != nullptr ? hint : caller);
 }
-}
-#endif
 
 /* C++ allocations go through malloc; an armed failure hits the library's next one. */
 void* operator new(size_t size)
@@ -129,6 +106,7 @@ void* operator new(size_t size)
         t_fail_next = 0;
         throw std::bad_alloc();
     }
+    t_new_caller = __builtin_return_address(0);
     void* p = malloc(size);
     if (p == nullptr) {
         throw std::bad_alloc();
@@ -141,6 +119,10 @@ void* operator new[](size_t size)
     return operator new(size);
 }
 
+/* The operator new above takes its memory from malloc, so free is the matching
+ * release; gcc cannot see that once the two are inlined. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #define ZT_DELETE(...)                                                                                       \
     void operator __VA_ARGS__ noexcept                                                                       \
     {                                                                                                        \
@@ -150,6 +132,7 @@ ZT_DELETE(delete (void* p))
 ZT_DELETE(delete[](void* p))
 ZT_DELETE(delete (void* p, size_t))
 ZT_DELETE(delete[](void* p, size_t))
+#pragma GCC diagnostic pop
 
 namespace {
 
