@@ -191,27 +191,17 @@ Action act_define_sensor(const Node& v, Step& st)
     zsim::SensorDef d;
     d.inst = inst_of(r.at("inst"));
     d.num = u8_of(r.at("num"), "a sensor number");
-    if (Node n = r.opt("type"); n.j) {
-        d.type = u8_of(n, "a sensor type code");
-    }
-    if (Node n = r.opt("event_type"); n.j) {
-        d.event_type = u8_of(n, "an event type code");
-    }
-    if (Node n = r.opt("oem"); n.j) {
-        d.oem = u8_of(n, "an OEM field");
-    }
-    if (Node n = r.opt("lun"); n.j) {
-        d.lun = u8_of(n, "an owner LUN");
-    }
-    if (Node n = r.opt("reading"); n.j) {
-        d.reading = static_cast<uint16_t>(get_int(n, 0, 0xFFFF, "a state word"));
-    }
-    if (Node n = r.opt("flags"); n.j) {
-        d.flags = u8_of(n, "event flags");
-    }
-    if (Node n = r.opt("level"); n.j) {
-        d.level = u8_of(n, "an event level");
-    }
+    /* Members left out keep the defaults of a plain discrete sensor. */
+    const auto opt_u8 = [&r](const char* key, uint8_t& field, const char* what) {
+        field = static_cast<uint8_t>(opt_int(r, key, field, 0, 0xFF, what));
+    };
+    opt_u8("type", d.type, "a sensor type code");
+    opt_u8("event_type", d.event_type, "an event type code");
+    opt_u8("oem", d.oem, "an OEM field");
+    opt_u8("lun", d.lun, "an owner LUN");
+    d.reading = static_cast<uint16_t>(opt_int(r, "reading", d.reading, 0, 0xFFFF, "a state word"));
+    opt_u8("flags", d.flags, "event flags");
+    opt_u8("level", d.level, "an event level");
     if (Node n = r.opt("name"); n.j) {
         d.name = get_string(n, "a sensor name");
     }
