@@ -120,13 +120,16 @@ void build_all_escalation_tables()
     }
 }
 
-/* Every entry of every file names node instance 5's sensor 10. */
-void write_all_matching_tables()
+/* Every entry of every file names node instance 5's sensor 10; with
+ * `distinct`, each row's odd-node entry instead names an instance of its
+ * own outside 0..17, so no two rows are alike. */
+void write_matching_tables(bool distinct)
 {
     std::vector<uint8_t> image(kEscFileSize);
     for (size_t k = 0; k < image.size(); k += 4) {
+        const bool odd_node = k / 4 % 4 == LOG_CLEAR_ODD_NODE;
         image[k] = 1;
-        image[k + 1] = 5;
+        image[k + 1] = distinct && odd_node ? static_cast<uint8_t>(20 + k / 16 % 100) : 5;
         image[k + 2] = kNodeSensor;
         image[k + 3] = kNodeSensor;
     }
@@ -284,7 +287,8 @@ void register_all()
         void (*tables)();
     } searches[] = {{"empty", {0, kChassis, 200}, build_all_escalation_tables},
                     {"typical", {0, kChassis, 35}, build_all_escalation_tables},
-                    {"all_matching", {1, 5, kNodeSensor}, write_all_matching_tables}};
+                    {"all_matching", {1, 5, kNodeSensor}, [] { write_matching_tables(false); }},
+                    {"all_rows_differ", {1, 5, kNodeSensor}, [] { write_matching_tables(true); }}};
     std::vector<std::string> files;
     for (int i = 1; i <= kChassis; ++i) {
         files.push_back(esc_path(i));

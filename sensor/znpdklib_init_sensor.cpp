@@ -534,51 +534,75 @@ struct EntryMatcher {
     }
 };
 
+/* The k-th 8-byte half of a sensor's row of entries. */
+uint64_t esc_row_word(const EscImage& image, int sensor, int k)
+{
+    uint64_t w;
+    memcpy(
+        &w,
+        &image[(static_cast<size_t>(sensor) * kTargets * sizeof(packed_clear_sensor_list)) + k * sizeof(w)],
+        sizeof(w));
+    return w;
+}
+
+/* Stores ints a, b side by side as the k-th 8-byte word at `at`: one store
+ * where two would be made. */
+void store_ints(void* at, int k, int a, int b)
+{
+    const int pair[2] = {a, b};
+    uint64_t w;
+    memcpy(&w, pair, sizeof(w));
+    memcpy(static_cast<uint8_t*>(at) + k * sizeof(w), &w, sizeof(w));
+}
+
 /* A search keeps no list of its own on the heap: matching sensors are
  * listed in a bounded array (at most one entry per file and sensor), targets
  * are bounded by the instance flags. */
 struct EscSearch {
     const Esc_Sensor_t& query;
-    /* Matching sensors in the order found (file, then sensor), each as
-     * file << 9 | sensor << 1 | matched twice; only the first
-     * match_count are set. */
-    uint16_t matched[kInstCount * kSensors];
-    int match_count = 0;
+    /* Runs of matching sensors in the order found (file, then sensor): a
+     * run's first sensor as file << 9 | sensor << 1 | matched twice, and
+     * its length less one. Only the first run_count are set. */
+    uint16_t run_head[kInstCount * kSensors];
+    uint8_t run_extra[kInstCount * kSensors];
+    int run_count = 0;
     int hit_count = 0;
     Esc_Sensor_t targets[kMaxEscTargets] = {};
     int node_count = 0;
     Esc_Sensor_t chassis = {};
-    bool inst_found[kInstCount] = {};
+    uint32_t found_bits = 0; /* bit n: instance n is a target */
     bool chassis_found = false;
     const EntryMatcher matcher;
-    /* A row whose targets were taken already can add none. */
-    uint64_t last_row[2] = {};
-    bool have_last_row = false;
+    /* What the search reads of a row: the valid, instance and sensor bytes
+     * of the targets and of the queried entry (never the FRUE byte). */
+    uint64_t row_mask[2] = {};
 
-    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) {}
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) { set_row_mask(); }
 
-    /* Targets naming an instance outside 0..17 are not reported. Once the
-     * chassis and every instance are found, no entry can add a target. */
-    void record(const EscImage& image, int f, int s, int count)
+    /* Once the chassis is found, a chassis entry that is not the queried
+     * one can change nothing. */
+    void set_row_mask()
     {
-        matched[match_count++] = static_cast<uint16_t>(f << 9 | s << 1 | (count - 1));
-        hit_count += count;
-        if (chassis_found && node_count == kInstCount) {
-            return;
+        packed_clear_sensor_list keep[kTargets] = {};
+        for (int t = 0; t < kTargets; ++t) {
+            const bool chassis_read = !chassis_found || query.esc_spec == LOG_CLEAR_BOB;
+            if (t == query.esc_spec || t == LOG_CLEAR_EVEN_NODE || t == LOG_CLEAR_ODD_NODE ||
+                (t == LOG_CLEAR_BOB && chassis_read)) {
+                keep[t] = {-1, -1, 0xFF, 0};
+            }
         }
-        uint64_t row[2];
-        memcpy(row, &image[static_cast<size_t>(s) * kTargets * sizeof(packed_clear_sensor_list)],
-               sizeof(row));
-        if (have_last_row && row[0] == last_row[0] && row[1] == last_row[1]) {
-            return;
-        }
-        memcpy(last_row, row, sizeof(row));
-        have_last_row = true;
+        static_assert(sizeof(keep) == sizeof(row_mask), "a row is two words");
+        memcpy(row_mask, keep, sizeof(row_mask));
+    }
+
+    /* Targets naming an instance outside 0..17 are not reported. */
+    void take_targets(const EscImage& image, int s)
+    {
         for (int t = LOG_CLEAR_EVEN_NODE; t <= LOG_CLEAR_ODD_NODE; ++t) {
             packed_clear_sensor_list e = esc_entry(image, s, t);
-            if (e.valid != 0 && valid_inst(e.BMCInst) && !inst_found[e.BMCInst]) {
+            if (e.valid != 0 && valid_inst(e.BMCInst) && (found_bits >> e.BMCInst & 1u) == 0) {
                 targets[node_count++] = {t, e.BMCInst, e.fru_sensor};
-                inst_found[e.BMCInst] = true;
+                found_bits |= 1u << e.BMCInst;
             }
         }
         packed_clear_sensor_list e = esc_entry(image, s, LOG_CLEAR_BOB);
@@ -589,24 +613,64 @@ struct EscSearch {
     }
 
     /* A node query also matches the other node target of the sensor; a
-     * sensor matching twice counts twice but its targets are taken once. */
+     * sensor matching twice counts twice but its targets are taken once.
+     * Tables repeat rows, and a row equal to a matching one right before it
+     * (in what the search reads of it, see row_mask) matches alike and adds
+     * no target: such rows join its run. The loop keeps its state in
+     * locals: the image is bytes, and a store to a member could alias it,
+     * forcing reloads on every row. */
     void search_file(const char* path, int f, EscImage& image)
     {
         read_esc_file(path, f, image);
-        /* A copy the compiler can keep in registers while the image is read. */
         const EntryMatcher m = matcher;
         if (!m.can_match) {
             return;
         }
         const int target = query.esc_spec;
         const bool node = target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE;
-        const int other = LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target;
+        const int other = node ? LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target : target;
+        const unsigned file_bits = static_cast<unsigned>(f) << 9;
+        uint64_t keep0 = row_mask[0];
+        uint64_t keep1 = row_mask[1];
+        int runs = run_count;
+        int hits = hit_count;
+        /* Once the chassis and every instance are found, no row can add a
+         * target. */
+        bool complete = chassis_found && node_count == kInstCount;
         for (int s = 0; s < kSensors; ++s) {
-            const int count = m.test(image, s, target) + (node ? m.test(image, s, other) : 0);
-            if (count != 0) {
-                record(image, f, s, count);
+            const int c1 = m.test(image, s, target);
+            const int c2 = node ? m.test(image, s, other) : 0;
+            if ((c1 | c2) == 0) {
+                continue;
             }
+            uint64_t row0 = esc_row_word(image, s, 0) & keep0;
+            uint64_t row1 = esc_row_word(image, s, 1) & keep1;
+            if (!complete) {
+                const bool had_chassis = chassis_found;
+                take_targets(image, s);
+                complete = chassis_found && node_count == kInstCount;
+                if (chassis_found != had_chassis) {
+                    set_row_mask();
+                    keep0 = row_mask[0];
+                    keep1 = row_mask[1];
+                    row0 &= keep0;
+                    row1 &= keep1;
+                }
+            }
+            int end = s + 1;
+            while (end < kSensors && (((esc_row_word(image, end, 0) & keep0) ^ row0) |
+                                      ((esc_row_word(image, end, 1) & keep1) ^ row1)) == 0) {
+                ++end;
+            }
+            run_head[runs] = static_cast<uint16_t>(file_bits | static_cast<unsigned>(s) << 1 |
+                                                   static_cast<unsigned>(c1 & c2));
+            run_extra[runs] = static_cast<uint8_t>(end - s - 1);
+            ++runs;
+            hits += (c1 + c2) * (end - s);
+            s = end - 1;
         }
+        run_count = runs;
+        hit_count = hits;
     }
 
     /* The caller's lists; false when an allocation failed. */
@@ -623,16 +687,26 @@ struct EscSearch {
             return false;
         }
         memcpy(out->esc_list, targets, static_cast<size_t>(out->esc_count) * sizeof(Esc_Sensor_t));
-        /* One pass, each entry built in registers and stored (twice for a
-         * double match): copying a just-stored entry back would stall on
-         * store forwarding. */
+        /* Each entry is built in registers and stored, a double match's
+         * two entries as three 8-byte words: copying a just-stored entry
+         * back would stall on store forwarding. */
         Esc_Sensor_t* next = out->frue_list;
-        for (int m = 0; m < match_count; ++m) {
-            const unsigned v = matched[m];
-            const Esc_Sensor_t e = {0xFF, static_cast<int>(v >> 9), static_cast<int>((v >> 1) & 0xFF)};
-            *next++ = e;
+        for (int r = 0; r < run_count; ++r) {
+            const unsigned v = run_head[r];
+            const int f = static_cast<int>(v >> 9);
+            const int first = static_cast<int>((v >> 1) & 0xFF);
+            const int end = first + 1 + run_extra[r];
             if ((v & 1) != 0) {
-                *next++ = e;
+                for (int sensor = first; sensor < end; ++sensor) {
+                    store_ints(next, 0, 0xFF, f);
+                    store_ints(next, 1, sensor, 0xFF);
+                    store_ints(next, 2, f, sensor);
+                    next += 2;
+                }
+            } else {
+                for (int sensor = first; sensor < end; ++sensor) {
+                    *next++ = {0xFF, f, sensor};
+                }
             }
         }
         return true;

@@ -469,6 +469,37 @@ TEST_F(EmptySimTest, EscalationSearch)
     EXPECT_EQ((std::vector<Entry>{{0xFF, 5, 10}, {0xFF, 5, 11}, {0xFF, 5, 12}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{1, 6, 61}, {3, 17, 33}}), f.esc);
 
+    /* Runs of rows alike in all the search reads, ending at the last sensor:
+     * FRUE bytes differ throughout, the chassis entry first appears in the
+     * third row and differs after it. A run never reaches into the next file. */
+    for (int s = 250; s < 256; ++s) {
+        put(files.img[8], s, 1, 1, 7, 70, s);
+        put(files.img[8], s, 2, 1, 7, 70, s + 1);
+        if (s >= 252) {
+            put(files.img[8], s, 3, 1, 17, 40 + s % 2, 0);
+        }
+    }
+    for (int s = 0; s < 2; ++s) {
+        put(files.img[9], s, 1, 1, 7, 70, 0);
+        put(files.img[9], s, 2, 1, 7, 70, 0);
+    }
+    zsim::write_file(esc_path(8), files.img[8]);
+    zsim::write_file(esc_path(9), files.img[9]);
+    f = esc_query(2, 7, 70);
+    std::vector<Entry> twice;
+    for (Entry e : std::vector<Entry>{{0xFF, 8, 250},
+                                      {0xFF, 8, 251},
+                                      {0xFF, 8, 252},
+                                      {0xFF, 8, 253},
+                                      {0xFF, 8, 254},
+                                      {0xFF, 8, 255},
+                                      {0xFF, 9, 0},
+                                      {0xFF, 9, 1}}) {
+        twice.insert(twice.end(), {e, e});
+    }
+    EXPECT_EQ(twice, f.frue);
+    EXPECT_EQ((std::vector<Entry>{{1, 7, 70}, {3, 17, 40}}), f.esc);
+
     f = esc_query(0, 9, 200);
     EXPECT_TRUE(f.frue.empty() && f.esc.empty());
     /* Bad queries, and sensor numbers that agree with a stored one only in their low byte. */
