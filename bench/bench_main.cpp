@@ -37,12 +37,14 @@ constexpr INT8U kExclusiveSensor = 0x81; /* PSU redundancy, instance 17 */
 constexpr INT8U kNodeSensor = 10;        /* node FRU error status, node instances */
 constexpr size_t kEscFileSize = 4096;
 
-/* A page of a file mapped shared, holding the floor's stored word and the
- * bare floor's semaphore. */
+/* A page of a file mapped shared, holding the floor's stored word, the
+ * bare floor's semaphore and a saved instance's 256 entries. */
 struct SharedPage {
     uint32_t word;
     sem_t sem;
+    uint32_t saved[256];
 };
+static_assert(sizeof(SharedPage) <= 4096, "one page");
 SharedPage* g_page = nullptr;
 pthread_mutex_t g_bare_mutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -265,14 +267,18 @@ void register_all()
         {"znpdklib_exSetSensorWS", [] { znpdklib_exSetSensorWS(kExclusiveSensor, 1, 0, 0, kChassis, &rec); }},
         {"ZNAPI_SetSensorWoS", [] { ZNAPI_SetSensorWoS(kPlainSensor, 1, 3, kChassis); }},
         {"ZNAPI_SetSensorWS", [] { ZNAPI_SetSensorWS(kPlainSensor, 1, 3, 0, 0, kChassis, &rec); }},
-        /* Recovery: the marker test and 256 entries copied back. */
+        /* Recovery: the marker test and 256 saved entries copied back, each
+         * into its state word, previous state, event flags and level. */
         {"ZNAPI_MemSensorInfoRecover", [] { ZNAPI_MemSensorInfoRecover(kChassis); },
          [marker = zsim::file_path("/tmp/.boot/.acon")] {
              static SensorInfo_T table[256];
              benchmark::DoNotOptimize(access(marker.c_str(), F_OK));
-             for (SensorInfo_T& t : table) {
-                 t.SensorReading = static_cast<INT16U>(g_page->word);
-                 t.PreviousState = t.SensorReading;
+             for (int i = 0; i < 256; ++i) {
+                 const uint32_t w = __atomic_load_n(&g_page->saved[i], __ATOMIC_RELAXED);
+                 table[i].SensorReading = static_cast<INT16U>(w);
+                 table[i].PreviousState = table[i].SensorReading;
+                 table[i].EventFlags = static_cast<INT8U>(w >> 16);
+                 table[i].EventLevel = static_cast<INT8U>(w >> 24);
              }
              benchmark::ClobberMemory();
          }},
