@@ -38,6 +38,23 @@ std::set<std::string> header_functions()
     return names;
 }
 
+/* The "# Functions" part of the checkout's export list (the version
+ * script holds the same names; test_exports compares them). */
+std::set<std::string> agreed_functions()
+{
+    std::istringstream in(slurp(std::string(ZNPDK_SOURCE_DIR) + "/exports.txt"));
+    std::set<std::string> agreed;
+    bool in_functions = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("#", 0) == 0) {
+            in_functions = line.find("Functions") != std::string::npos;
+        } else if (in_functions && !line.empty()) {
+            agreed.insert(line.substr(0, line.find_first_of(" \t\r")));
+        }
+    }
+    return agreed;
+}
+
 std::set<std::string> table_names()
 {
     std::set<std::string> names;
@@ -90,27 +107,7 @@ TEST(SimFunctions, TableHoldsEveryExportedFunctionOnce)
     std::set<std::string> names = table_names();
     EXPECT_EQ(names.size(), functions().size()) << "a function is listed twice";
     EXPECT_EQ(names, header_functions());
-
-    /* The list sits beside the checkout (or beside the worktrees' folder). */
-    std::ifstream in(std::string(ZNPDK_SOURCE_DIR) + "/../shared/exports.txt");
-    if (!in) {
-        in.open(std::string(ZNPDK_SOURCE_DIR) + "/../../shared/exports.txt");
-    }
-    if (!in) {
-        GTEST_SKIP() << "the agreed export list is not beside this checkout";
-    }
-    std::set<std::string> agreed;
-    bool in_functions = false;
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("#", 0) == 0) {
-            in_functions = line.find("Functions") != std::string::npos;
-            continue;
-        }
-        if (in_functions && !line.empty()) {
-            agreed.insert(line.substr(0, line.find_first_of(" \t\r")));
-        }
-    }
-    EXPECT_EQ(names, agreed);
+    EXPECT_EQ(names, agreed_functions());
 }
 
 TEST(SimFunctions, ParametersFitThePrototypes)
@@ -129,13 +126,7 @@ TEST(SimFunctions, ParametersFitThePrototypes)
 
 TEST(SimFunctions, EveryExportedNameResolvesInTheLibrary)
 {
-    std::string map = std::regex_replace(slurp(std::string(ZNPDK_SOURCE_DIR) + "/znpdk.map"),
-                                         std::regex(R"(/\*[\s\S]*?\*/)"), " ");
-    std::set<std::string> exported;
-    std::regex name(R"(([A-Za-z_]\w*)\s*;)");
-    for (std::sregex_iterator it(map.begin(), map.end(), name), end; it != end; ++it) {
-        exported.insert((*it)[1]);
-    }
+    const std::set<std::string> exported = agreed_functions();
     for (const Function& f : functions()) {
         if (exported.count(f.name)) {
             EXPECT_NE(library_symbol(f.name), nullptr) << f.name;
