@@ -577,6 +577,10 @@ void run(const Case& c)
 TEST_F(EmptySimTest, NodeSummaryFollowsTheWorstFruError)
 {
     const int C2 = 0xC2;
+    /* Outside the ranges, of another type, or not on that instance. */
+    const std::vector<Sns> ignored = {{3, 15, 9, C2, 0},   {3, 34, 9, C2, 0},   {3, 49, 9, C2, 0},
+                                      {3, 60, 9, C2, 0},   {3, 37, 9, 0xC1, 0}, {3, 38, 9, C2, 0x01},
+                                      {4, 38, 9, C2, 0x02}};
     const Case cases[] = {
         {"offset 6 on node A", {{3, 37, 6, C2, 0}}, 1, 1, 0x0020, 0x0002},
         {"B not normal goes back to 1", {{3, 37, 6, C2, 0}}, 1, 3, 0x0020, 0x0002},
@@ -591,18 +595,7 @@ TEST_F(EmptySimTest, NodeSummaryFollowsTheWorstFruError)
         {"router 35 at 9, other at 9", {{3, 35, 9, C2, 0}, {4, 37, 9, C2, 0}}, 1, 1, 0x0100, 0x0040},
         {"tie at 8: lower number wins", {{3, 14, 8, C2, 0}, {3, 35, 8, C2, 0}}, 1, 1, 0x0020, 0x0002},
         {"tie at 9: 11 beats common 12", {{3, 11, 9, C2, 0}, {3, 12, 9, C2, 0}}, 1, 1, 0x0040, 0x0100},
-        {"ignored ranges, types, instances",
-         {{3, 15, 9, C2, 0},
-          {3, 34, 9, C2, 0},
-          {3, 49, 9, C2, 0},
-          {3, 60, 9, C2, 0},
-          {3, 37, 9, 0xC1, 0},
-          {3, 38, 9, C2, 0x01},
-          {4, 38, 9, C2, 0x02}},
-         2,
-         2,
-         0x0002,
-         0x0002},
+        {"ignored ranges, types, instances", ignored, 2, 2, 0x0002, 0x0002},
         {"summary at 0 is never changed", {{3, 37, 6, C2, 0}, {4, 40, 9, C2, 0}}, 0, 0, 0x0001, 0x0001},
         {"state word 0 counts as offset 16", {{3, 37, -1, C2, 0}, {3, 38, 6, C2, 0}}, 1, 1, 0x0002, 0x0002},
     };
