@@ -99,7 +99,6 @@ TEST_F(FanSpeedTest, MaskArithmeticAndProcedureOnTransitionsOnly)
         EXPECT_EQ(c.modes, hap_modes());
     }
     EXPECT_EQ(-2, znpdklib_max_fan_speed(0));
-    EXPECT_EQ(-2, znpdklib_restore_fan_speed(0));
     EXPECT_EQ(0x8002, zsim::traces_with_id(0x80030002).at(0).level);
     EXPECT_EQ(
         "znpdklib_change_fan_speed():specified same reason. set_reason=0x0000000000000003 reset_reason=0x0000000000000002",
