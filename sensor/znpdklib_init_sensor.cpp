@@ -332,10 +332,16 @@ void esc_file_path(const char* top, int BMCInst, EscPath& path)
 }
 
 /* Byte-exact: entry (s, t) at ((s * 4) + t) * 4. */
+size_t esc_offset(int sensor, int target)
+{
+    return (static_cast<size_t>(sensor) * kTargets + static_cast<size_t>(target)) *
+           sizeof(packed_clear_sensor_list);
+}
+
 packed_clear_sensor_list esc_entry(const EscImage& image, int sensor, int target)
 {
     packed_clear_sensor_list e;
-    memcpy(&e, &image[(static_cast<size_t>(sensor) * kTargets + target) * sizeof(e)], sizeof(e));
+    memcpy(&e, &image[esc_offset(sensor, target)], sizeof(e));
     return e;
 }
 
@@ -445,7 +451,7 @@ void fill_escalation_image(int BMCInst, const SensorKinds& snap, EscImage& image
             e.BMCInst = static_cast<int8_t>(list[t].BMCInst);
             e.fru_sensor = static_cast<uint8_t>(list[t].fru_sensor);
             e.frue_sensor = static_cast<uint8_t>(list[t].frue_sensor);
-            memcpy(&image[(static_cast<size_t>(s) * kTargets + t) * sizeof(e)], &e, sizeof(e));
+            memcpy(&image[esc_offset(s, t)], &e, sizeof(e));
         }
         made[s / 32] |= 1u << (31 - s % 32);
     }
@@ -529,19 +535,17 @@ struct EntryMatcher {
     int test(const EscImage& image, int s, int t) const
     {
         uint32_t w;
-        memcpy(&w, &image[(static_cast<size_t>(s) * kTargets + t) * sizeof(w)], sizeof(w));
+        memcpy(&w, &image[esc_offset(s, t)], sizeof(w));
         return (w & key_mask) == key && (w & valid_mask) != 0 ? 1 : 0;
     }
 };
 
-/* The k-th 8-byte half of a sensor's row of entries. */
+/* The k-th 8-byte half of a sensor's row of entries: its targets 2k and
+ * 2k + 1. */
 uint64_t esc_row_word(const EscImage& image, int sensor, int k)
 {
     uint64_t w;
-    memcpy(
-        &w,
-        &image[(static_cast<size_t>(sensor) * kTargets * sizeof(packed_clear_sensor_list)) + k * sizeof(w)],
-        sizeof(w));
+    memcpy(&w, &image[esc_offset(sensor, 2 * k)], sizeof(w));
     return w;
 }
 
@@ -573,26 +577,33 @@ struct EscSearch {
     uint32_t found_bits = 0; /* bit n: instance n is a target */
     bool chassis_found = false;
     const EntryMatcher matcher;
-    /* What the search reads of a row: the valid, instance and sensor bytes
-     * of the targets and of the queried entry (never the FRUE byte). */
-    uint64_t row_mask[2] = {};
 
-    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) { set_row_mask(); }
+    explicit EscSearch(const Esc_Sensor_t& q) : query(q), matcher(q) {}
 
-    /* Once the chassis is found, a chassis entry that is not the queried
-     * one can change nothing. */
-    void set_row_mask()
+    /* What the search reads of a row, as a mask of its two words: the valid,
+     * instance and sensor bytes of the targets and of the queried entry
+     * (never the FRUE byte). Once the chassis is found, a chassis entry that
+     * is not the queried one can change nothing. Returned by value: a mask
+     * the scan held in memory could be aliased by its byte stores. */
+    struct RowMask {
+        uint64_t w0;
+        uint64_t w1;
+    };
+    RowMask row_mask() const
     {
-        packed_clear_sensor_list keep[kTargets] = {};
+        const bool chassis_read = !chassis_found || query.esc_spec == LOG_CLEAR_BOB;
+        packed_clear_sensor_list bytes[kTargets] = {};
         for (int t = 0; t < kTargets; ++t) {
-            const bool chassis_read = !chassis_found || query.esc_spec == LOG_CLEAR_BOB;
             if (t == query.esc_spec || t == LOG_CLEAR_EVEN_NODE || t == LOG_CLEAR_ODD_NODE ||
                 (t == LOG_CLEAR_BOB && chassis_read)) {
-                keep[t] = {-1, -1, 0xFF, 0};
+                bytes[t] = {-1, -1, 0xFF, 0};
             }
         }
-        static_assert(sizeof(keep) == sizeof(row_mask), "a row is two words");
-        memcpy(row_mask, keep, sizeof(row_mask));
+        RowMask keep;
+        static_assert(sizeof(bytes) == sizeof(keep.w0) + sizeof(keep.w1), "a row is two words");
+        memcpy(&keep.w0, &bytes[0], sizeof(keep.w0));
+        memcpy(&keep.w1, &bytes[kTargets / 2], sizeof(keep.w1));
+        return keep;
     }
 
     /* Targets naming an instance outside 0..17 are not reported. */
@@ -628,10 +639,9 @@ struct EscSearch {
         }
         const int target = query.esc_spec;
         const bool node = target == LOG_CLEAR_EVEN_NODE || target == LOG_CLEAR_ODD_NODE;
-        const int other = node ? LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target : target;
+        const int other = LOG_CLEAR_EVEN_NODE + LOG_CLEAR_ODD_NODE - target; /* read for node queries only */
         const unsigned file_bits = static_cast<unsigned>(f) << 9;
-        uint64_t keep0 = row_mask[0];
-        uint64_t keep1 = row_mask[1];
+        RowMask keep = row_mask();
         int runs = run_count;
         int hits = hit_count;
         /* Once the chassis and every instance are found, no row can add a
@@ -643,23 +653,21 @@ struct EscSearch {
             if ((c1 | c2) == 0) {
                 continue;
             }
-            uint64_t row0 = esc_row_word(image, s, 0) & keep0;
-            uint64_t row1 = esc_row_word(image, s, 1) & keep1;
+            uint64_t row0 = esc_row_word(image, s, 0) & keep.w0;
+            uint64_t row1 = esc_row_word(image, s, 1) & keep.w1;
             if (!complete) {
                 const bool had_chassis = chassis_found;
                 take_targets(image, s);
                 complete = chassis_found && node_count == kInstCount;
                 if (chassis_found != had_chassis) {
-                    set_row_mask();
-                    keep0 = row_mask[0];
-                    keep1 = row_mask[1];
-                    row0 &= keep0;
-                    row1 &= keep1;
+                    keep = row_mask();
+                    row0 &= keep.w0;
+                    row1 &= keep.w1;
                 }
             }
             int end = s + 1;
-            while (end < kSensors && (((esc_row_word(image, end, 0) & keep0) ^ row0) |
-                                      ((esc_row_word(image, end, 1) & keep1) ^ row1)) == 0) {
+            while (end < kSensors && (((esc_row_word(image, end, 0) & keep.w0) ^ row0) |
+                                      ((esc_row_word(image, end, 1) & keep.w1) ^ row1)) == 0) {
                 ++end;
             }
             run_head[runs] = static_cast<uint16_t>(file_bits | static_cast<unsigned>(s) << 1 |
