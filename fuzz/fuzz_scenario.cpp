@@ -6,7 +6,7 @@
 #include <exception>
 #include <string>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

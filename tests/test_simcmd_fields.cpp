@@ -5,7 +5,7 @@
 #include <cstring>
 #include <map>
 
-#include "fields.h"
+#include "scenario/fields.h"
 #include "ipmi_stack.h"
 #include "znlib.h"
 #include "znpdklib_types.h"

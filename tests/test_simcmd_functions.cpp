@@ -7,7 +7,7 @@
 #include <set>
 #include <sstream>
 
-#include "functions.h"
+#include "run/functions.h"
 #include "znpdklib.h"
 
 using namespace zcmd;

@@ -8,9 +8,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "functions.h"
-#include "jsonutil.h"
-#include "scenario.h"
+#include "run/functions.h"
+#include "scenario/jsonutil.h"
+#include "scenario/scenario.h"
 #include "support.h"
 
 using namespace zcmd;

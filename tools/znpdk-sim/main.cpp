@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "fields.h"
-#include "functions.h"
-#include "scenario.h"
+#include "scenario/fields.h"
+#include "run/functions.h"
+#include "scenario/scenario.h"
 #include "znpdk_sim/sim.h"
 
 namespace {

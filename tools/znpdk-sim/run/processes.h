@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 namespace zcmd {
 

@@ -1,13 +1,13 @@
 /* Scripted hardware access procedures: answers by time window and count,
  * with result words, fields of the PSU controller image and log records. */
-#include "scenario_parts.h"
+#include "scenario/scenario_parts.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
 
-#include "runner.h"
+#include "run/runner.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 

@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "fields.h"
-#include "jsonutil.h"
-#include "scenario.h"
+#include "scenario/fields.h"
+#include "scenario/jsonutil.h"
+#include "scenario/scenario.h"
 
 namespace zcmd {
 

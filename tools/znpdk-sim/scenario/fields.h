@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "jsonutil.h"
+#include "scenario/jsonutil.h"
 
 namespace zcmd {
 

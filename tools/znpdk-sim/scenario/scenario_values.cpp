@@ -1,6 +1,6 @@
 /* Values of scenario files read once, checked where they stand: instances,
  * numbers, component paths, records and changes to their fields. */
-#include "scenario_parts.h"
+#include "scenario/scenario_parts.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <map>
 #include <set>
 
-#include "runner.h"
+#include "run/runner.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 

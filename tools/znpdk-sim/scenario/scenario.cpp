@@ -1,13 +1,13 @@
 /* Reading a scenario file: its members, the set-up and the steps, each
  * step's action and expectations, checked as they are read. */
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 #include <algorithm>
 #include <memory>
 
-#include "functions.h"
-#include "runner.h"
-#include "scenario_parts.h"
+#include "run/functions.h"
+#include "run/runner.h"
+#include "scenario/scenario_parts.h"
 #include "znpdk_sim/sim.h"
 
 namespace zcmd {

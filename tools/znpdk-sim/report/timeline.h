@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "scenario/scenario.h"
 
 namespace zcmd {
 

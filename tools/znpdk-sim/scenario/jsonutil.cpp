@@ -1,4 +1,4 @@
-#include "jsonutil.h"
+#include "scenario/jsonutil.h"
 
 #include <cctype>
 #include <cerrno>

@@ -1,12 +1,12 @@
 /* Expectations: what a step expects of results, sensors, records, files,
  * devices and the logs, each checked when read and compared after the step. */
-#include "scenario_parts.h"
+#include "scenario/scenario_parts.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "functions.h"
-#include "runner.h"
+#include "run/functions.h"
+#include "run/runner.h"
 #include "znpdk_sim/fan.h"
 #include "znpdk_sim/quor.h"
 #include "znpdk_sim/sim.h"

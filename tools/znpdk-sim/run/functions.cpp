@@ -1,4 +1,4 @@
-#include "functions.h"
+#include "run/functions.h"
 
 #include <dlfcn.h>
 
@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "runner.h"
+#include "run/runner.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib.h"
 

@@ -9,8 +9,8 @@
 #include <typeinfo>
 #include <vector>
 
-#include "fields.h"
-#include "jsonutil.h"
+#include "scenario/fields.h"
+#include "scenario/jsonutil.h"
 
 namespace zcmd {
 

@@ -4,12 +4,11 @@
 #define ZNPDK_SIM_TOOL_RUNNER_H
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "processes.h"
-#include "scenario.h"
+#include "run/processes.h"
+#include "scenario/scenario.h"
 
 namespace zcmd {
 
@@ -59,16 +58,12 @@ class Runner {
   private:
     StepReport run_setup(const Scenario& s);
     StepReport run_end();
-    bool write_timeline(const Scenario& s, const std::vector<StepReport>& steps) const;
-    void print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
-                    std::initializer_list<const StepReport*> run_reports) const;
     void run_step(const Step& st, StepReport& r, bool quiet);
     Marks marks_now() const;
     Snapshot snapshot() const;
     void diff(const Snapshot& before, const Snapshot& after, StepReport& r) const;
     void collect_error_lines(StepReport& r) const;
     void collect_logs(StepReport& r) const;
-    void print_step(const StepReport& r) const;
 
     const Options& opts_;
     Processes procs_;

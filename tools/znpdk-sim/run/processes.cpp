@@ -1,4 +1,4 @@
-#include "processes.h"
+#include "run/processes.h"
 
 #include <signal.h>
 #include <sys/socket.h>
@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "functions.h"
+#include "run/functions.h"
 #include "ipmi_stack.h"
-#include "runner.h"
+#include "run/runner.h"
 #include "sp_trace.h"
 #include "znlib.h"
 #include "znpdk_sim/psu.h"

@@ -1,9 +1,9 @@
 /* Steps that change the simulated devices: LEDs, registers, PSU control
  * information, the interconnect's routers and port map, the PSU controller
  * and the fans. */
-#include "scenario_parts.h"
+#include "scenario/scenario_parts.h"
 
-#include "runner.h"
+#include "run/runner.h"
 #include "znpdk_sim/fan.h"
 #include "znpdk_sim/psu.h"
 #include "znpdk_sim/quor.h"

@@ -1,4 +1,4 @@
-#include "runner.h"
+#include "run/runner.h"
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,9 +10,9 @@
 #include <iostream>
 #include <map>
 
-#include "fields.h"
-#include "functions.h"
-#include "timeline.h"
+#include "scenario/fields.h"
+#include "run/functions.h"
+#include "report/report.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
@@ -60,46 +60,6 @@ std::string state_text(uint16_t w)
 json sel_json(const SELEventRecord_T& rec)
 {
     return to_json(reinterpret_cast<const uint8_t*>(&rec), whole(*find_type("SELEventRecord_T")));
-}
-
-/* A value for people: zero members left out, large numbers in hex. */
-json display(const json& j)
-{
-    if (j.is_object()) {
-        json out = json::object();
-        for (auto it = j.begin(); it != j.end(); ++it) {
-            json v = display(it.value());
-            if (!v.is_null()) {
-                out[it.key()] = v;
-            }
-        }
-        return out.empty() ? json() : out;
-    }
-    if (j.is_array()) {
-        json out = json::array();
-        bool any = false;
-        for (const json& e : j) {
-            json v = display(e);
-            any = any || !v.is_null();
-            out.push_back(v.is_null() ? json(0) : v);
-        }
-        return any ? out : json();
-    }
-    if (j.is_number_integer()) {
-        if (j.is_number_unsigned() && j.get<uint64_t>() == 0) {
-            return json();
-        }
-        if (j.is_number_unsigned() && j.get<uint64_t>() > 255) {
-            return hex(j.get<uint64_t>(), 0);
-        }
-        if (!j.is_number_unsigned() && j.get<int64_t>() == 0) {
-            return json();
-        }
-    }
-    if (j.is_string() && j.get<std::string>().empty()) {
-        return json();
-    }
-    return j;
 }
 
 } // namespace
@@ -433,126 +393,6 @@ void Runner::run_step(const Step& st, StepReport& r, bool quiet)
 
 namespace {
 
-/* The first lines with one trace id are shown, then how many more there were. */
-bool error_line_shown(const Event& e, std::map<uint32_t, int>& said, bool verbose)
-{
-    constexpr int kShown = 2;
-    int n = ++said[e.data["id"].get<uint32_t>()];
-    if (verbose || n <= kShown) {
-        return true;
-    }
-    if (n == kShown + 1) {
-        std::printf("   t=%-5u (more lines of error trace %s follow; --verbose or --trace shows them)\n", e.t,
-                    hex(e.data["id"].get<uint32_t>(), 8).c_str());
-    }
-    return false;
-}
-
-void print_events(const StepReport& r, bool verbose, bool traced)
-{
-    if (r.report == "quiet") {
-        return;
-    }
-    std::map<int, int> per_inst;
-    for (const Event& e : r.events) {
-        if (e.kind == "sensor") {
-            per_inst[e.data["inst"].get<int>()]++;
-        }
-    }
-    auto collapsed = [&](int inst) {
-        return !verbose && (r.report == "summary" || (r.report == "auto" && per_inst[inst] > 12));
-    };
-    std::map<int, bool> said;
-    std::map<uint32_t, int> errors_said;
-    for (const Event& e : r.events) {
-        if (e.kind == "sensor") {
-            int inst = e.data["inst"].get<int>();
-            if (collapsed(inst)) {
-                if (!said[inst]) {
-                    said[inst] = true;
-                    std::printf("   t=%-5u instance %s: %d sensor%s changed\n", e.t,
-                                instance_name(inst).c_str(), per_inst[inst], per_inst[inst] == 1 ? "" : "s");
-                }
-                continue;
-            }
-        }
-        if (e.kind == "error_line" && (traced || !error_line_shown(e, errors_said, verbose))) {
-            continue; /* --trace printed it as it was written */
-        }
-        std::printf("   t=%-5u %s\n", e.t, e.text.c_str());
-    }
-}
-
-} // namespace
-
-void Runner::print_step(const StepReport& r) const
-{
-    if (r.report == "quiet" && r.failures.empty()) {
-        return;
-    }
-    std::string head = r.text;
-    if (r.has_call) {
-        head += " = " + (r.ret.is_null() ? std::string("(void)") : r.ret.dump());
-        if (!r.out.empty()) {
-            json shown = json::object();
-            for (auto it = r.out.begin(); it != r.out.end(); ++it) {
-                json v = display(it.value());
-                shown[it.key()] = v.is_null() ? json(0) : v;
-            }
-            std::string out = shown.dump();
-            head += "  out " + (out.size() > 240 ? out.substr(0, 237) + "..." : out);
-        }
-    }
-    if (!r.label.empty()) {
-        std::printf("\n== %s\n", r.label.c_str());
-    }
-    if (!head.empty()) {
-        std::printf("[t=%u] %s%s\n", r.t_start, r.process.empty() ? "" : (r.process + ": ").c_str(),
-                    head.c_str());
-    }
-    print_events(r, opts_.verbose, opts_.trace);
-    for (const Failure& f : r.failures) {
-        std::printf("   FAILED at %s: %s\n", f.where.c_str(), f.what.c_str());
-    }
-    std::fflush(stdout);
-}
-
-namespace {
-
-json step_json(const StepReport& r)
-{
-    json j = {{"where", r.where}, {"t_start", r.t_start}, {"t_end", r.t_end}, {"text", r.text}};
-    if (!r.label.empty()) {
-        j["label"] = r.label;
-    }
-    if (!r.process.empty()) {
-        j["process"] = r.process;
-    }
-    if (!r.kills.empty()) {
-        j["kills"] = r.kills;
-    }
-    if (r.has_call) {
-        j["ret"] = r.ret;
-        j["out"] = r.out;
-    }
-    json ev = json::array();
-    for (const Event& e : r.events) {
-        json x = e.data;
-        x["kind"] = e.kind;
-        x["t"] = e.t;
-        x["text"] = e.text;
-        ev.push_back(x);
-    }
-    j["events"] = ev;
-    json f = json::array();
-    for (const Failure& x : r.failures) {
-        f.push_back({{"where", x.where}, {"what", x.what}});
-    }
-    j["expectations"] = r.checks;
-    j["failures"] = f;
-    return j;
-}
-
 bool call_by_name(const char* name)
 {
     const Function* f = find_function(name);
@@ -590,17 +430,6 @@ StepReport Runner::run_setup(const Scenario& s)
 }
 
 /* Whatever the steps said: the library's threads end and its locks stay in order. */
-bool Runner::write_timeline(const Scenario& s, const std::vector<StepReport>& steps) const
-{
-    std::FILE* f = std::fopen(opts_.timeline.c_str(), "w");
-    if (f == nullptr) {
-        return false;
-    }
-    std::string svg = timeline_svg(s.name, steps);
-    bool ok = std::fwrite(svg.data(), 1, svg.size(), f) == svg.size();
-    return std::fclose(f) == 0 && ok;
-}
-
 StepReport Runner::run_end()
 {
     procs_.stop();
@@ -626,7 +455,7 @@ int Runner::run(const Scenario& s)
         std::printf("Scenario %s%s%s\n", s.name.c_str(), s.description.empty() ? "" : ": ",
                     s.description.c_str());
         if (!setup.failures.empty()) {
-            print_step(setup);
+            print_step(setup, opts_);
         }
     }
     json steps = json::array();
@@ -642,13 +471,13 @@ int Runner::run(const Scenario& s)
         if (opts_.json) {
             steps.push_back(step_json(r));
         } else {
-            print_step(r);
+            print_step(r, opts_);
         }
         if (!opts_.timeline.empty()) {
             pictured.push_back(std::move(r));
         }
     }
-    if (!opts_.timeline.empty() && !write_timeline(s, pictured)) {
+    if (!opts_.timeline.empty() && !write_timeline(opts_.timeline, s, pictured)) {
         std::fprintf(stderr, "znpdk-sim: cannot write the timeline to %s\n", opts_.timeline.c_str());
         ++failed;
     }
@@ -659,27 +488,11 @@ int Runner::run(const Scenario& s)
     if (opts_.json) {
         print_json(s, steps, checks, passed, failed, {&setup, &end});
     } else {
-        print_step(end);
+        print_step(end, opts_);
         std::printf("\n%s: %d passed, %d failed\n", s.name.c_str(), passed, failed);
     }
     std::fflush(stdout);
     return failed;
-}
-
-void Runner::print_json(const Scenario& s, const json& steps, int checks, int passed, int failed,
-                        std::initializer_list<const StepReport*> run_reports) const
-{
-    json out = {{"scenario", s.name}, {"file", s.file},         {"description", s.description},
-                {"steps", steps},     {"expectations", checks}, {"passed", passed},
-                {"failed", failed}};
-    json f = json::array();
-    for (const StepReport* r : run_reports) {
-        for (const Failure& x : r->failures) {
-            f.push_back({{"where", x.where}, {"what", x.what}});
-        }
-    }
-    out["run_failures"] = f;
-    std::cout << out.dump(2) << std::endl;
 }
 
 int run_scenario(const Scenario& s, const Options& o)

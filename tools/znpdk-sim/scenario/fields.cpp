@@ -1,4 +1,4 @@
-#include "fields.h"
+#include "scenario/fields.h"
 
 #include <cstring>
 #include <deque>

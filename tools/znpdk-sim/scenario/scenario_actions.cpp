@@ -1,14 +1,14 @@
 /* Steps that act on the machine as a whole: notes, the clock, library
  * calls, components and records, sensors, files and injected failures. */
-#include "scenario_parts.h"
+#include "scenario/scenario_parts.h"
 
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
 
-#include "functions.h"
-#include "runner.h"
+#include "run/functions.h"
+#include "run/runner.h"
 #include "znpdk_sim/fan.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
