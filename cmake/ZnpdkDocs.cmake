@@ -1,4 +1,5 @@
-# `docs`: the API reference of include/znpdk/znpdklib.h, rendered by Doxygen.
+# `docs`: the API reference of include/znpdk/znpdklib.h and its version header,
+# rendered by Doxygen.
 # Any warning fails it, among them an export without documentation.
 find_package(Doxygen QUIET)
 if(DOXYGEN_FOUND)
@@ -7,7 +8,8 @@ if(DOXYGEN_FOUND)
   add_custom_target(docs
     COMMAND ${DOXYGEN_EXECUTABLE} ${CMAKE_BINARY_DIR}/Doxyfile
     WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}
-    DEPENDS ${CMAKE_SOURCE_DIR}/include/znpdk/znpdklib.h ${CMAKE_BINARY_DIR}/Doxyfile
+    DEPENDS ${CMAKE_SOURCE_DIR}/include/znpdk/znpdklib.h ${ZNPDK_GENERATED_INCLUDE_DIR}/znpdk_version.h
+            ${CMAKE_BINARY_DIR}/Doxyfile
     COMMENT "API reference in ${ZNPDK_DOXYGEN_OUT}/html"
     VERBATIM)
 endif()

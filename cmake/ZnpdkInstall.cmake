@@ -1,14 +1,17 @@
-# Installation of libznpdk (install component `znpdk`): library, public
-# headers, znpdk.pc and the CMake package (find_package(znpdk) -> znpdk::znpdk, and znpdk::znpdk_sim when the
-# simulated platform is installed too).
+# Installation of libznpdk, in install components that match its Debian
+# packages (scripts/packages.sh): `znpdk` the shared library itself, `znpdk_dev`
+# what a program is built with (the unversioned link, the public headers,
+# znpdk.pc and the CMake package: find_package(znpdk) -> znpdk::znpdk, and
+# znpdk::znpdk_sim when the simulated platform is installed too).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS znpdk EXPORT znpdkTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT znpdk)
-install(FILES include/znpdk/znpdklib.h component/znpdklib_types.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk COMPONENT znpdk)
+install(TARGETS znpdk EXPORT znpdkTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT znpdk
+        NAMELINK_COMPONENT znpdk_dev)
+install(FILES include/znpdk/znpdklib.h ${ZNPDK_GENERATED_INCLUDE_DIR}/znpdk_version.h component/znpdklib_types.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk COMPONENT znpdk_dev)
 if(ZNPDK_PLATFORM_BUNDLED)
   install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/znpdk/platform
-          COMPONENT znpdk FILES_MATCHING PATTERN "*.h")
+          COMPONENT znpdk_dev FILES_MATCHING PATTERN "*.h")
 endif()
 
 # .pc files name their prefix relative to their own place, so the tree can be
@@ -25,12 +28,12 @@ endif()
 set(ZNPDK_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(ZNPDK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/znpdk)
 configure_file(cmake/znpdk.pc.in ${CMAKE_BINARY_DIR}/znpdk.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/znpdk.pc DESTINATION ${ZNPDK_PC_DIR} COMPONENT znpdk)
+install(FILES ${CMAKE_BINARY_DIR}/znpdk.pc DESTINATION ${ZNPDK_PC_DIR} COMPONENT znpdk_dev)
 
-install(EXPORT znpdkTargets NAMESPACE znpdk:: DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk)
+install(EXPORT znpdkTargets NAMESPACE znpdk:: DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk_dev)
 configure_package_config_file(cmake/znpdkConfig.cmake.in ${CMAKE_BINARY_DIR}/znpdkConfig.cmake
                               INSTALL_DESTINATION ${ZNPDK_CMAKE_DIR})
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/znpdkConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/znpdkConfig.cmake ${CMAKE_BINARY_DIR}/znpdkConfigVersion.cmake
-        DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk)
+        DESTINATION ${ZNPDK_CMAKE_DIR} COMPONENT znpdk_dev)

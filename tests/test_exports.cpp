@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "znpdk_version.h"
+
 namespace {
 
 std::vector<uint8_t> slurp(const std::string& path)
@@ -121,9 +123,17 @@ TEST(Exports, DynamicSymbolsAreExactlyTheVersionScript)
     }
 }
 
-TEST(Exports, SonameIsMajorVersionOne)
+TEST(Exports, SonameAndFileNameFollowTheVersionMacros)
 {
+    // Every change so far is compatible: the SONAME stays libznpdk.so.1.
+    static_assert(ZNPDK_VERSION_MAJOR == 1, "an incompatible release needs a new SONAME and ABI baseline");
+    const std::string version = std::to_string(ZNPDK_VERSION_MAJOR) + "." +
+                                std::to_string(ZNPDK_VERSION_MINOR) + "." +
+                                std::to_string(ZNPDK_VERSION_PATCH);
+    EXPECT_EQ(version, ZNPDK_VERSION);
     EXPECT_EQ(read_library(ZNPDK_LIBRARY_FILE).soname, "libznpdk.so.1");
+    const std::string file = ZNPDK_LIBRARY_FILE;
+    EXPECT_EQ(file.substr(file.rfind('/') + 1), "libznpdk.so." + version);
 }
 
 TEST(Exports, VersionScriptIsTheAgreedList)

@@ -12,6 +12,10 @@
  * their path forms znpdklib_path2upid() and znpdklib_upid2upid_pc() serve C.
  * The library itself is C++ and needs the C++ runtime at link time.
  *
+ * **Version.** ZNPDK_VERSION_MAJOR, ZNPDK_VERSION_MINOR, ZNPDK_VERSION_PATCH
+ * and ZNPDK_VERSION (znpdk_version.h, included here) name the release these
+ * headers belong to; they are macros, not exports.
+ *
  * **Set-up order.** Each process that uses any sensor function (and the
  * shared flags area) calls ZNAPI_MemSensorAreaInit() once before anything
  * else. At BMC start ZNAPI_Sensor_Init() runs per instance after AC power-on;
@@ -62,6 +66,7 @@
 #endif
 
 #include "ipmi_stack.h"
+#include "znpdk_version.h"
 #include "znpdklib_types.h"
 
 #pragma GCC visibility push(default)

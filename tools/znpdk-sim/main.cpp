@@ -16,6 +16,7 @@
 #include "run/functions.h"
 #include "scenario/scenario.h"
 #include "znpdk_sim/sim.h"
+#include "znpdk_version.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ const char* const kUsage =
     "  fields [NAME]        list the fields of the records (common, system, setup, psuc,\n"
     "                       router) or of a structure type by name\n"
     "  machine              list the components and sensors of the default machine\n"
+    "  --version            print the version (of znpdk-sim and the library it was built with)\n"
     "\n"
     "options of demo and run:\n"
     "  --json               print each run as JSON\n"
@@ -262,6 +264,10 @@ int main(int argc, char** argv)
     if (args.empty() || args[0] == "-h" || args[0] == "--help" || args[0] == "help") {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? 2 : 0;
+    }
+    if (args[0] == "--version" || args[0] == "version") {
+        std::printf("znpdk-sim %s\n", ZNPDK_VERSION);
+        return 0;
     }
     std::string cmd = args[0];
     Options o;
