@@ -12,7 +12,7 @@
 #                   its ARM build (components znpdk_sim, znpdk_sim_dev).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/checks.sh
+source scripts/common.sh
 
 platform=
 if [[ ${1:-} == --armhf ]]; then

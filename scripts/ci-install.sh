@@ -10,16 +10,14 @@
 # Builds only the targets it needs, at most two jobs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/checks.sh
+source scripts/common.sh
 jobs=(-j2)
 tmp=$(mktemp -d /tmp/znpdk-ci-install-XXXXXX)
 trap 'rm -rf "$tmp"' EXIT
 
 echo "=== ci-install: release tree, installed to a temporary prefix"
-# The host release tree that scripts/packages.sh packages too.
+configure_release_tree host
 rel=build/release-host
-cmake -S . -B "$rel" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_INSTALL_LIBDIR="lib/$(c++ -print-multiarch)" "${launcher[@]}" >/dev/null
 targets=(znpdk znpdk_sim)
 if grep -q '^DOXYGEN_EXECUTABLE:FILEPATH=/' "$rel/CMakeCache.txt"; then
   targets+=(docs)
