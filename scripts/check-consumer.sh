@@ -34,7 +34,7 @@ lib_pc=$(pc_dir "$prefix" znpdk.pc)
 sim_pc=$(pc_dir "${platform:-$prefix}" znpdk_sim.pc)
 export PKG_CONFIG_LIBDIR=$lib_pc:$sim_pc
 unset PKG_CONFIG_PATH
-rpath=(-Wl,-rpath,"$lib_pc/.." -Wl,-rpath,"$sim_pc/..")
+rpath=("-Wl,-rpath,$lib_pc/.." "-Wl,-rpath,$sim_pc/..")
 cxx=(c++)
 cc=(cc)
 run=()

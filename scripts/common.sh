@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the check and packaging scripts: counted checks, exact output
 # comparison, the compiler launcher (ccache when the machine has it; never
 # required) and the release trees they share.

@@ -33,7 +33,9 @@ configure_release_tree host
 configure_release_tree armhf
 cmake --build build/release-host -j2 --target znpdk znpdk_sim znpdk-sim
 # The simulated platform for ARM serves only the check: the target's platform is the BMC's.
-cmake --build build/release-armhf -j2 --target znpdk $( ((check_roots)) && echo znpdk_sim)
+arm_targets=(znpdk)
+((check_roots)) && arm_targets+=(znpdk_sim)
+cmake --build build/release-armhf -j2 --target "${arm_targets[@]}"
 
 declare -A strip
 for arch in "$host_arch" armhf; do
