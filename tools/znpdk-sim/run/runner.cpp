@@ -449,6 +449,9 @@ StepReport Runner::run_end()
 int Runner::run(const Scenario& s)
 {
     StepReport setup = run_setup(s);
+    if (opts_.observer != nullptr) {
+        opts_.observer->after_setup(*this);
+    }
     start_ = marks_now();
     step_ = start_;
     if (!opts_.json) {
@@ -466,6 +469,9 @@ int Runner::run(const Scenario& s)
         StepReport r;
         r.index = i;
         run_step(s.steps[i], r, false);
+        if (opts_.observer != nullptr) {
+            opts_.observer->after_step(*this, s.steps[i], r);
+        }
         failed += static_cast<int>(r.failures.size());
         checks += r.checks;
         if (opts_.json) {

@@ -12,6 +12,20 @@
 
 namespace zcmd {
 
+class Runner;
+struct Step;
+struct StepReport;
+
+/* Sees a run as it goes: after its set-up, and after every step (its changes
+ * made and its expectations checked, before it is printed); a failure it adds
+ * to the step's report counts as the step's. */
+class RunObserver {
+  public:
+    virtual ~RunObserver() = default;
+    virtual void after_setup(Runner&) {}
+    virtual void after_step(Runner&, const Step&, StepReport&) {}
+};
+
 struct Options {
     bool json = false;
     bool trace = false;
@@ -19,6 +33,7 @@ struct Options {
     bool keep_root = false;
     std::string root;     /* "" = a fresh temporary directory */
     std::string timeline; /* an SVG file to write the run's picture to */
+    RunObserver* observer = nullptr;
 };
 
 struct Event {
@@ -33,8 +48,6 @@ struct Failure {
     std::string where;
     std::string what;
 };
-
-struct Step;
 
 struct StepReport {
     size_t index = 0;
@@ -58,7 +71,6 @@ struct StepReport {
     int checks = 0;
 };
 
-class Runner;
 struct Function;
 using Action = std::function<void(Runner&, StepReport&)>;
 using Check = std::function<void(Runner&, StepReport&)>;
