@@ -16,13 +16,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mode=time
+mode=table
 if [[ ${1:-} == --check || ${1:-} == --update-baseline ]]; then
   mode=${1#--}
   shift
 fi
 build=build/host-release
-if [[ $mode != time && $# -gt 0 ]]; then
+if [[ $mode != table && $# -gt 0 ]]; then
   build=$1
   shift
 fi
@@ -39,7 +39,7 @@ fi
 cmake --build "$build" --target znpdk-bench -j2 >/dev/null
 bench=$build/bench/znpdk-bench
 
-if [[ $mode == time ]]; then
+if [[ $mode == table ]]; then
   # The fastest of several interleaved repetitions: other work on the machine
   # only ever adds time.
   exec "$bench" --table --benchmark_repetitions="${BENCH_REPETITIONS:-5}" \
@@ -66,7 +66,8 @@ awk -v n="$calls" '/^desc: Trigger: Client Request: / { name = $5 }
 cxx=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$build/CMakeCache.txt")
 type=$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$build/CMakeCache.txt")
 cpu=$(uname -m)$(grep -q -w avx2 /proc/cpuinfo && echo ", AVX2")
-taken_on="$(. /etc/os-release && echo "$PRETTY_NAME"), $cpu, $("$cxx" --version | head -1), $type, $(valgrind --version)"
+system=$(sed -n 's/^PRETTY_NAME="\(.*\)"$/\1/p' /etc/os-release)
+taken_on="$system, $cpu, $("$cxx" --version | head -1), $type, $(valgrind --version)"
 
 if [[ $mode == update-baseline ]]; then
   awk -v taken_on="$taken_on" -v calls="$calls" '
