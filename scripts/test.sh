@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Every check of libznpdk: the installed kit as a consumer uses it; host build with
-# AddressSanitizer and UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM
-# build and tests under qemu-arm; the suite under ThreadSanitizer; fuzz smoke with corpus
-# replay; ABI against the baselines; the coverage gate.
+# Every check of libznpdk: the installed kit as a consumer uses it; the hot paths'
+# instruction counts against their baseline; host build with AddressSanitizer and
+# UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM build and tests under
+# qemu-arm; the suite under ThreadSanitizer; fuzz smoke with corpus replay; ABI against the
+# baselines; the coverage gate.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +13,8 @@ step() { echo "=== $1 ($(date -u +%T))"; }
 
 step "kit: release build, install, consumer programs"
 scripts/ci-install.sh
+step "bench: instructions per call against bench/baseline.json, ratios to floors"
+scripts/bench.sh --check build/ci-release
 
 for preset in host armhf; do
   step "${preset}: configure and build"
