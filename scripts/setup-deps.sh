@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ googletest g++-arm-linux-gnueabihf qemu-user nlohmann-json3-dev
           binutils clang-format clang-tidy pkgconf doxygen libbenchmark-dev clang libclang-rt-14-dev
           abigail-tools gcovr)
+packages+=(ipmitool freeipmi-tools openipmi)
 
 missing=()
 for p in "${packages[@]}"; do

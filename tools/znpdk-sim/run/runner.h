@@ -30,6 +30,22 @@ struct Marks {
     size_t regs = 0;
 };
 
+/* Watches a run from outside, as the IPMI server does: it sees the machine
+ * after the set-up and after each step, and serves hold steps. */
+class RunObserver {
+  public:
+    virtual ~RunObserver() = default;
+    virtual void after_setup(Runner& run, StepReport& setup) = 0;
+    virtual void after_step(Runner& run, StepReport& step) = 0;
+    /* After the last step, before the named processes end. */
+    virtual void after_run(Runner& run) = 0;
+    /* A hold step: real seconds (0: no limit), or until a client came and
+     * went quiet; returns what happened, for the report. */
+    virtual std::string hold(int seconds, bool until_client) = 0;
+    /* The person asked to stop: the remaining steps are not run. */
+    virtual bool stopping() const = 0;
+};
+
 class Runner {
   public:
     Runner(const Scenario& s, const Options& o);

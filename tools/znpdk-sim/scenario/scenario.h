@@ -12,13 +12,16 @@
 
 namespace zcmd {
 
+class RunObserver;
+
 struct Options {
     bool json = false;
     bool trace = false;
     bool verbose = false;
     bool keep_root = false;
-    std::string root;     /* "" = a fresh temporary directory */
-    std::string timeline; /* an SVG file to write the run's picture to */
+    std::string root;                /* "" = a fresh temporary directory */
+    std::string timeline;            /* an SVG file to write the run's picture to */
+    RunObserver* observer = nullptr; /* sees the run from outside (the IPMI server) */
 };
 
 struct Event {
