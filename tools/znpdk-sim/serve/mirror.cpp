@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "scenario/jsonutil.h"
 #include "znpdk_sim/sim.h"
 
 namespace zcmd {
@@ -22,43 +23,36 @@ constexpr int kAnswerMs = 10000;
 constexpr const char* kSyncUser = "znpdk-sync";
 constexpr const char* kNoEvents = "000000000000000";
 
-std::string hex2(unsigned v)
-{
-    char b[8];
-    std::snprintf(b, sizeof b, "0x%02x", v & 0xFF);
-    return b;
-}
-
 std::string hex_list(const uint8_t* p, size_t n)
 {
     std::string s;
     for (size_t i = 0; i < n; ++i) {
-        s += (i ? " " : "") + hex2(p[i]);
+        s += (i ? " " : "") + hex(p[i], 2);
     }
     return s;
 }
 
 std::string sensor_key(const Controller& c, const SensorInfo_T& s)
 {
-    return hex2(c.addr) + " " + std::to_string(s.SensorOwnerLun & 3) + " " + hex2(s.SensorNumber);
+    return hex(c.addr, 2) + " " + std::to_string(s.SensorOwnerLun & 3) + " " + hex(s.SensorNumber, 2);
 }
 
 std::string name_of(int inst, uint8_t num)
 {
     std::string n = zsim::sensor_name(inst, num);
-    return n.empty() ? "Sensor " + hex2(num) : n;
+    return n.empty() ? "Sensor " + hex(num, 2) : n;
 }
 
 /* The emulator commands that define one sensor with its state word. */
 void add_sensor(const Controller& c, const SensorInfo_T& s, std::vector<std::string>& out)
 {
     const std::string key = sensor_key(c, s);
-    out.push_back("sensor_add " + key + " " + hex2(s.SensorTypeCode) + " " + hex2(s.EventTypeCode));
+    out.push_back("sensor_add " + key + " " + hex(s.SensorTypeCode, 2) + " " + hex(s.EventTypeCode, 2));
     /* Scanning on, so that readings are valid; no events of the engine's own. */
     out.push_back("sensor_set_event_support " + key + " enable scanning per-state " + kNoEvents + " " +
                   kNoEvents + " " + kNoEvents + " " + kNoEvents);
     std::vector<uint8_t> sdr = sensor_sdr(s, name_of(c.inst, s.SensorNumber), c.inst);
-    out.push_back("main_sdr_add " + hex2(c.addr) + " " + hex_list(sdr.data(), sdr.size()));
+    out.push_back("main_sdr_add " + hex(c.addr, 2) + " " + hex_list(sdr.data(), sdr.size()));
 }
 
 void set_bits(const Controller& c, const SensorInfo_T& s, uint16_t from, uint16_t to,
@@ -121,7 +115,7 @@ std::string lan_config(const ServeConfig& cfg, const std::vector<Controller>& ct
         const bool bmc = c.addr == kBmcAddr;
         char guid[40];
         std::snprintf(guid, sizeof guid, "7a6e70646b2d73696d2d%012x", static_cast<unsigned>(c.inst));
-        t += "set_working_mc " + hex2(c.addr) + "\n  startlan 1\n    addr 127.0.0.1 " +
+        t += "set_working_mc " + hex(c.addr, 2) + "\n  startlan 1\n    addr 127.0.0.1 " +
              std::to_string(c.engine_port) + "\n    priv_limit " + (bmc ? "admin" : "user") + "\n";
         /* MD5 only: IPMI 1.5 sessions with "none" or "straight" would skip or expose the password. */
         for (const char* level : {"callback", "user", "operator", "admin"}) {
@@ -196,13 +190,13 @@ std::vector<uint8_t> sensor_sdr(const SensorInfo_T& s, const std::string& name, 
 
 std::vector<std::string> machine_commands(const std::vector<Controller>& ctls)
 {
-    std::vector<std::string> out = {"mc_setbmc " + hex2(kBmcAddr)};
+    std::vector<std::string> out = {"mc_setbmc " + hex(kBmcAddr, 2)};
     for (const Controller& c : ctls) {
-        const std::string a = hex2(c.addr);
+        const std::string a = hex(c.addr, 2);
         /* Get Device ID: device id and product id the instance, firmware 1.0; sensor, SDR
          * repository and SEL device, and chassis device for the chassis. */
-        out.push_back("mc_add " + a + " " + hex2(c.inst) + " no-device-sdrs 0x01 1 0 " +
-                      (c.inst == kChassis ? "0x87" : "0x07") + " 0 " + hex2(c.inst));
+        out.push_back("mc_add " + a + " " + hex(c.inst, 2) + " no-device-sdrs 0x01 1 0 " +
+                      (c.inst == kChassis ? "0x87" : "0x07") + " 0 " + hex(c.inst, 2));
         out.push_back("sel_enable " + a + " 4096 0x02");
         out.push_back("mc_enable " + a);
     }
@@ -263,7 +257,7 @@ bool Mirror::raw(uint8_t addr, const std::string& request, RawResult& r, std::st
 {
     std::vector<std::string> cmds;
     if (addr != target_) {
-        cmds.push_back("set targetaddr " + hex2(addr));
+        cmds.push_back("set targetaddr " + hex(addr, 2));
     }
     cmds.push_back("raw " + request);
     std::vector<std::string> answers;
@@ -274,8 +268,8 @@ bool Mirror::raw(uint8_t addr, const std::string& request, RawResult& r, std::st
     target_ = addr;
     r = read_raw_answer(answer_lines(answers.back(), cmds.back()));
     if (!r.answered || r.cc != 0) {
-        problem = "controller " + hex2(addr) + " did not take \"raw " + request + "\"" +
-                  (r.answered ? " (completion code " + hex2(r.cc) + ")" : "");
+        problem = "controller " + hex(addr, 2) + " did not take \"raw " + request + "\"" +
+                  (r.answered ? " (completion code " + hex(r.cc, 2) + ")" : "");
         return false;
     }
     return true;
@@ -300,7 +294,7 @@ void Mirror::push_record(const Controller& c, const SELEventRecord_T& rec, uint1
         return;
     }
     std::vector<std::string> answers;
-    const std::string add = "sel_add " + hex2(c.addr) + " " + hex2(b[2]) + " " + hex_list(b + 3, 13);
+    const std::string add = "sel_add " + hex(c.addr, 2) + " " + hex(b[2], 2) + " " + hex_list(b + 3, 13);
     std::string error;
     if (!engine_.ask({add}, answers, kAnswerMs, error)) {
         problems.push_back("engine console: " + error);
@@ -315,7 +309,7 @@ void Mirror::push_record(const Controller& c, const SELEventRecord_T& rec, uint1
         return;
     }
     ++pushed_records_;
-    if (!raw(c.addr, "0x0a 0x43 0 0 " + hex2(id) + " " + hex2(id >> 8) + " 0 0xff", r, problem)) {
+    if (!raw(c.addr, "0x0a 0x43 0 0 " + hex(id & 0xFF, 2) + " " + hex(id >> 8, 2) + " 0 0xff", r, problem)) {
         problems.push_back(where + problem);
         return;
     }
