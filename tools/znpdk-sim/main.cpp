@@ -15,6 +15,7 @@
 #include "scenario/fields.h"
 #include "run/functions.h"
 #include "scenario/scenario.h"
+#include "serve/serve.h"
 #include "znpdk_sim/sim.h"
 
 namespace {
@@ -44,9 +45,17 @@ const char* const kUsage =
     "                       legend (one scenario)\n"
     "  --keep-root DIR      run in DIR and keep the machine's files there (with several\n"
     "                       files, each in DIR/NAME, NAME being the file's name without .json)\n"
+    "  --serve              (run, one file) serve it as `serve` does\n"
+    "\n"
+    "options of serve and run --serve:\n"
+    "  --user NAME          the clients' user name (required; no anonymous access)\n"
+    "  --password TEXT      the clients' password (required)\n"
+    "  --port N             UDP port of the chassis controller (default 9623); node n at N + n + 1\n"
+    "  --address A          address to listen on (default 127.0.0.1)\n"
     "\n"
     "exit status: 0 all expectations held, 1 some failed, 2 a scenario could not be read,\n"
-    "3 a run crashed, 4 a scenario calls functions the library does not export (not run).\n"
+    "3 a run crashed, 4 a scenario calls functions the library does not export (not run),\n"
+    "5 the IPMI server could not start (a port in use, ipmi_sim or ipmitool missing).\n"
     "The scenario format is described in docs/scenarios.md.\n";
 
 bool read_file(const std::string& path, std::string& text)
@@ -255,6 +264,36 @@ int list_machine()
     return 0;
 }
 
+/* serve [FILE] and run --serve FILE: one scenario, in this process. */
+int serve_files(const std::string& cmd, const std::vector<std::string>& files, const Options& o,
+                const ServeConfig& serve)
+{
+    std::string error;
+    if ((cmd != "serve" && cmd != "run") || files.size() > 1 || (cmd == "run" && files.empty())) {
+        std::fprintf(stderr, "znpdk-sim: serve takes at most one file, run --serve exactly one\n");
+        return 2;
+    }
+    if (!valid_credentials(serve, error)) {
+        std::fprintf(stderr, "znpdk-sim: %s\n", error.c_str());
+        return 2;
+    }
+    std::string text = default_machine_scenario();
+    std::string file = "(default machine)";
+    if (!files.empty() && !read_file(files[0], text)) {
+        std::fprintf(stderr, "%s: cannot read the file\n", files[0].c_str());
+        return 2;
+    }
+    if (!files.empty()) {
+        file = files[0];
+    }
+    try {
+        return serve_scenario(text, file, o, serve);
+    } catch (const ScenarioError& e) {
+        report_error(file, e, o.json);
+        return 2;
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -266,6 +305,8 @@ int main(int argc, char** argv)
     }
     std::string cmd = args[0];
     Options o;
+    ServeConfig serve;
+    bool serving = cmd == "serve";
     std::vector<std::string> rest;
     for (size_t i = 1; i < args.size(); ++i) {
         if (args[i] == "--json") {
@@ -276,6 +317,22 @@ int main(int argc, char** argv)
             o.verbose = true;
         } else if (args[i] == "--timeline" && i + 1 < args.size()) {
             o.timeline = args[++i];
+        } else if (args[i] == "--serve") {
+            serving = true;
+        } else if ((args[i] == "--user" || args[i] == "--password" || args[i] == "--address") &&
+                   i + 1 < args.size()) {
+            (args[i] == "--user"       ? serve.user
+             : args[i] == "--password" ? serve.password
+                                       : serve.address) = args[i + 1];
+            ++i;
+        } else if (args[i] == "--port" && i + 1 < args.size()) {
+            char* end = nullptr;
+            long port = std::strtol(args[++i].c_str(), &end, 10);
+            if (*end != '\0' || port < 1 || port > 65535 - 16) {
+                std::fprintf(stderr, "znpdk-sim: --port takes 1 to %d (17 ports from it)\n", 65535 - 16);
+                return 2;
+            }
+            serve.port = static_cast<uint16_t>(port);
         } else if (args[i] == "--keep-root" && i + 1 < args.size()) {
             o.keep_root = true;
             o.root = args[++i];
@@ -287,6 +344,9 @@ int main(int argc, char** argv)
         }
     }
     try {
+        if (serving) {
+            return serve_files(cmd, rest, o, serve);
+        }
         if (cmd == "demo") {
             return run_files({"-demo-"}, o, false);
         }

@@ -16,14 +16,26 @@ class Runner;
 struct Step;
 struct StepReport;
 
-/* Sees a run as it goes: after its set-up, and after every step (its changes
- * made and its expectations checked, before it is printed); a failure it adds
- * to the step's report counts as the step's. */
+/* Sees a run as it goes, from outside (the IPMI server, the property checks
+ * of a campaign): after its set-up, after every step (its changes made and
+ * its expectations checked, before it is printed) and after the last step; a
+ * failure it adds to a report counts as that step's. It also serves hold
+ * steps and may stop a run early. */
 class RunObserver {
   public:
     virtual ~RunObserver() = default;
-    virtual void after_setup(Runner&) {}
+    virtual void after_setup(Runner&, StepReport& /*setup*/) {}
     virtual void after_step(Runner&, const Step&, StepReport&) {}
+    /* After the last step, before the named processes end. */
+    virtual void after_run(Runner&) {}
+    /* A hold step: real seconds (0: no limit), or until a client came and
+     * went quiet; returns what happened, for the report. */
+    virtual std::string hold(int /*seconds*/, bool /*until_client*/)
+    {
+        return "nothing to wait for (not serving)";
+    }
+    /* The person asked to stop: the remaining steps are not run. */
+    virtual bool stopping() const { return false; }
 };
 
 struct Options {
@@ -31,9 +43,9 @@ struct Options {
     bool trace = false;
     bool verbose = false;
     bool keep_root = false;
-    std::string root;     /* "" = a fresh temporary directory */
-    std::string timeline; /* an SVG file to write the run's picture to */
-    RunObserver* observer = nullptr;
+    std::string root;                /* "" = a fresh temporary directory */
+    std::string timeline;            /* an SVG file to write the run's picture to */
+    RunObserver* observer = nullptr; /* sees the run from outside (IPMI server, property checks) */
 };
 
 struct Event {

@@ -57,6 +57,31 @@ Action act_wait_threads(const Node& v, Step& st)
     };
 }
 
+/* Lets a person look at the served machine in the middle of a story; outside
+ * the server there is nothing to wait for. */
+Action act_hold(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    const int seconds = static_cast<int>(opt_int(r, "seconds", 0, 1, 86400, "seconds of real time"));
+    bool until_client = false;
+    if (Node u = r.opt("until"); u.j) {
+        if (get_string(u, "\"client\"") != "client") {
+            u.fail("expected \"client\" (wait until a client has come and gone quiet)");
+        }
+        until_client = true;
+    }
+    r.finish();
+    if (seconds == 0 && !until_client) {
+        v.fail("a hold needs \"seconds\" or \"until\": \"client\"");
+    }
+    st.text = "hold " + std::string(until_client ? "until a client has looked" : "") +
+              (until_client && seconds ? ", at most " : "") + (seconds ? std::to_string(seconds) + " s" : "");
+    return [seconds, until_client](Runner& run, StepReport& rep) {
+        RunObserver* o = run.options().observer;
+        rep.text += ": " + (o != nullptr ? o->hold(seconds, until_client) : RunObserver().hold(0, false));
+    };
+}
+
 Action act_call(const Node& v, Step&)
 {
     std::string name = get_string(v, "a function name");
@@ -491,6 +516,7 @@ void add_machine_actions(ActionTable& t)
     t["advance"] = act_advance;
     t["set_time"] = act_set_time;
     t["wait_threads"] = act_wait_threads;
+    t["hold"] = act_hold;
     t["add_component"] = act_add_component;
     t["remove_component"] = act_remove_component;
     t["record"] = act_record;
