@@ -344,16 +344,18 @@ namespace {
 MistakeList* g_mistakes = nullptr;
 
 /*
- * Where each member name and value of a JSON text begins, by JSON pointer.
+ * Where the member names and values of a JSON text begin, by JSON pointer.
  * nlohmann::json keeps no positions, so one pass over the text (which has
  * parsed already) tells its tokens apart: strings, the brackets, commas
  * and colons, and the scalars between them. Member names are decoded as the
  * parser decodes them, and a repeated name takes the later place, as the
- * parser keeps the later value. The pass stays in bounds whatever it reads.
+ * parser keeps the later value. Only the values on the way to a wanted
+ * pointer are entered (the rest is skipped whole), so deep nesting costs no
+ * more than the text's length. The pass stays in bounds whatever it reads.
  */
 class TextPlaces {
   public:
-    explicit TextPlaces(const std::string& text);
+    TextPlaces(const std::string& text, const std::set<std::string>& wanted);
     /* The offset of the value at `ptr` (of its name with `name`); a pointer
      * the text lacks gets the place of the nearest value around it. */
     size_t find(std::string ptr, bool name) const;
@@ -370,6 +372,7 @@ class TextPlaces {
     };
     bool member(Open& o, std::string& ptr);
     bool string(std::string* decoded);
+    void skip_value();
     void space();
 
     const std::string& text_;
@@ -377,7 +380,7 @@ class TextPlaces {
     std::map<std::string, Place> places_;
 };
 
-TextPlaces::TextPlaces(const std::string& text) : text_(text)
+TextPlaces::TextPlaces(const std::string& text, const std::set<std::string>& wanted) : text_(text)
 {
     if (text_.compare(0, 3, "\xEF\xBB\xBF") == 0) {
         pos_ = 3; /* the parser skips a byte order mark */
@@ -389,8 +392,12 @@ TextPlaces::TextPlaces(const std::string& text) : text_(text)
     bool value_next = true;
     while (pos_ < text_.size()) {
         if (value_next) {
-            places_[ptr].value = pos_;
             value_next = false;
+            if (!wanted.count(ptr)) {
+                skip_value();
+                continue;
+            }
+            places_[ptr].value = pos_;
             char c = text_[pos_];
             if (c == '{' || c == '[') {
                 ++pos_;
@@ -403,13 +410,8 @@ TextPlaces::TextPlaces(const std::string& text) : text_(text)
                     return;
                 }
                 value_next = true;
-            } else if (c == '"') {
-                string(nullptr);
             } else {
-                while (pos_ < text_.size() &&
-                       std::string_view(",]} \t\r\n").find(text_[pos_]) == std::string_view::npos) {
-                    ++pos_;
-                }
+                skip_value();
             }
             continue;
         }
@@ -476,6 +478,33 @@ bool TextPlaces::string(std::string* decoded)
     return true;
 }
 
+/* Past a value: a string, a scalar, or brackets and all they hold. */
+void TextPlaces::skip_value()
+{
+    size_t depth = 0;
+    while (pos_ < text_.size()) {
+        char c = text_[pos_];
+        if (c == '"') {
+            if (!string(nullptr)) {
+                pos_ = text_.size();
+            }
+        } else if (c == '{' || c == '[') {
+            ++depth;
+            ++pos_;
+        } else if (depth > 0) {
+            depth -= c == '}' || c == ']' ? 1 : 0;
+            ++pos_;
+        } else if (std::string_view(",]} \t\r\n").find(c) == std::string_view::npos) {
+            ++pos_;
+        } else {
+            return;
+        }
+        if (depth == 0 && (c == '}' || c == ']' || c == '"')) {
+            return;
+        }
+    }
+}
+
 void TextPlaces::space()
 {
     while (pos_ < text_.size() && std::string_view(" \t\r\n").find(text_[pos_]) != std::string_view::npos) {
@@ -540,7 +569,15 @@ size_t mistakes_noted()
 
 std::vector<Mistake> place_mistakes(const std::string& text, const std::vector<ScenarioError>& errors)
 {
-    TextPlaces places(text);
+    std::set<std::string> wanted = {""};
+    for (const ScenarioError& e : errors) {
+        for (size_t slash = e.where().find('/', 1); slash != std::string::npos;
+             slash = e.where().find('/', slash + 1)) {
+            wanted.insert(e.where().substr(0, slash));
+        }
+        wanted.insert(e.where());
+    }
+    TextPlaces places(text, wanted);
     std::vector<std::pair<size_t, Mistake>> placed;
     for (const ScenarioError& e : errors) {
         size_t at = places.find(e.where(), e.at_name());
