@@ -30,7 +30,8 @@ const char* const kUsage =
     "                       a PSU pulled and put back, a fan that stalls at full speed,\n"
     "                       a BMC reboot\n"
     "  run FILE...          run scenario files (each on a fresh simulated machine)\n"
-    "  check FILE...        read scenario files and report mistakes, without running them\n"
+    "  check FILE...        read scenario files and list every mistake (FILE:LINE:COLUMN:\n"
+    "                       place: what, with the nearest known name), running nothing\n"
     "  functions            list the library functions a scenario can call\n"
     "  fields [NAME]        list the fields of the records (common, system, setup, psuc,\n"
     "                       router) or of a structure type by name\n"
@@ -118,13 +119,23 @@ int severity(int rc)
     return rc == kExitMissingFunctions ? 1 : rc == 0 ? 0 : rc + 1;
 }
 
+/* Every mistake of a file, one line each (or one JSON object listing them). */
 void report_error(const std::string& file, const ScenarioError& e, bool as_json)
 {
+    std::vector<Mistake> all = e.mistakes();
+    if (all.empty()) {
+        all.push_back(Mistake{e.where(), e.what()});
+    }
     if (as_json) {
-        json j = {{"file", file}, {"error", {{"where", e.where()}, {"message", e.what()}}}};
-        std::cout << j.dump(2) << std::endl;
-    } else {
-        std::fprintf(stderr, "%s: at %s: %s\n", file.c_str(), e.where().c_str(), e.what());
+        json list = json::array();
+        for (const Mistake& m : all) {
+            list.push_back({{"where", m.where}, {"line", m.line}, {"column", m.column}, {"message", m.what}});
+        }
+        std::cout << json({{"file", file}, {"errors", list}}).dump(2) << std::endl;
+        return;
+    }
+    for (const Mistake& m : all) {
+        std::fprintf(stderr, "%s\n", m.text(file).c_str());
     }
 }
 
@@ -146,7 +157,8 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
         } else if (!read_file(file, text)) {
             std::fprintf(stderr, "%s: cannot read the file\n", file.c_str());
             if (o.json && !check_only) {
-                std::cout << json({{"file", file}, {"error", {{"message", "cannot read the file"}}}}).dump(2);
+                json error = {{"message", "cannot read the file"}};
+                std::cout << json({{"file", file}, {"errors", json::array({error})}}).dump(2);
             }
             worst = severity(2) > severity(worst) ? 2 : worst;
             continue;

@@ -117,8 +117,9 @@ struct Scenario {
     std::vector<Step> steps;
 };
 
-/* Reads a scenario; throws ScenarioError with the JSON pointer (or the
- * line and column of a syntax error) of the first mistake. */
+/* Reads a scenario; a file with mistakes throws a ScenarioError that lists
+ * all of them (mistakes()), each placed in the text; its where() is the
+ * first one's JSON pointer, or "line L, column C" of a syntax error. */
 Scenario load_scenario(const std::string& text, const std::string& file);
 
 /* Runs a scenario in this process (which must not have run one before)

@@ -87,11 +87,7 @@ Action act_call(const Node& v, Step&)
     std::string name = get_string(v, "a function name");
     const Function* f = find_function(name);
     if (f == nullptr) {
-        std::string hint;
-        for (const std::string& s : similar_functions(name)) {
-            hint += (hint.empty() ? " (did you mean " : ", ") + s;
-        }
-        v.fail("unknown function \"" + name + "\"" + (hint.empty() ? "" : hint + "?)"));
+        v.fail("unknown function \"" + name + "\"" + did_you_mean(name, function_names()));
     }
     /* The arguments are a sibling of "call": parse_step makes the action. */
     return {};
@@ -499,7 +495,11 @@ Action act_inject(const Node& v, Step& st)
     Node n = r.at(kind);
     auto k = kinds.find(kind);
     if (k == kinds.end()) {
-        n.fail("unknown failure \"" + kind + "\"");
+        std::vector<std::string> names;
+        for (const auto& kv : kinds) {
+            names.push_back(kv.first);
+        }
+        n.fail_name("unknown failure \"" + kind + "\"" + did_you_mean(kind, names));
     }
     st.text = "failure injected: " + kind;
     Action a = k->second(kind, n);
