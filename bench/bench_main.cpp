@@ -4,9 +4,11 @@
  * it must do. Counters: allocs (heap allocations per call, platform's
  * included; the floor's show the platform's share).
  *
- *   znpdk-bench [--smoke] [--table] [benchmark flags]
+ *   znpdk-bench [--smoke] [--table] [--count=N] [benchmark flags]
  *     --smoke: every case once; --table: one table at the end (fastest
- *     repetition of each case), instead of the usual report.
+ *     repetition of each case), instead of the usual report; --count=N:
+ *     under callgrind, the instructions of N calls of each case and floor
+ *     (scripts/bench.sh --check).
  */
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -23,11 +25,19 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform_calls.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib.h"
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#define ZB_CALLGRIND 1
+#else
+#define ZB_CALLGRIND 0
+#endif
 
 namespace {
 
@@ -219,45 +229,61 @@ void run_loop(benchmark::State& state, const Case& c, const std::function<void()
                                static_cast<double>(state.iterations());
 }
 
-/* The case and its floor, each from the same setup and a warm first call. */
+/* The case from its setup and a warm first call. */
+void prepare(const Case& c)
+{
+    housekeeping();
+    if (c.setup) {
+        c.setup();
+    }
+    c.op();
+}
+
+/* The case's floor, prepared and warm: the platform calls its operation
+ * made, replayed, and the file work beside them. Empty when the replay
+ * leaves another trail than the operation (the floor would measure
+ * something else). */
+std::function<void()> floor_of(const Case& c, std::string* label)
+{
+    prepare(c);
+    housekeeping();
+    auto plan = std::make_shared<const zbench::Plan>(zbench::record(c.op));
+    *label = zbench::summary(*plan);
+    const std::string by_op = trail();
+    housekeeping();
+    zbench::replay(*plan, &g_page->word);
+    if (trail() != by_op) {
+        g_replay_differs = true;
+        return {};
+    }
+    return [plan, work = c.file_work] {
+        zbench::replay(*plan, &g_page->word);
+        if (work) {
+            work();
+        }
+    };
+}
+
 void register_case(const Case& c)
 {
-    auto prepare = [c] {
-        housekeeping();
-        if (c.setup) {
-            c.setup();
-        }
-        c.op();
-    };
-    benchmark::RegisterBenchmark(c.name.c_str(), [c, prepare](benchmark::State& state) {
-        prepare();
+    benchmark::RegisterBenchmark(c.name.c_str(), [c](benchmark::State& state) {
+        prepare(c);
         run_loop(state, c, c.op);
     });
-    benchmark::RegisterBenchmark((c.name + "/floor").c_str(), [c, prepare](benchmark::State& state) {
-        prepare();
-        housekeeping();
-        const zbench::Plan plan = zbench::record(c.op);
-        state.SetLabel(zbench::summary(plan));
-        /* The replay must leave the same trail as the operation: else the
-         * floor measures something else. */
-        const std::string by_op = trail();
-        housekeeping();
-        zbench::replay(plan, &g_page->word);
-        if (trail() != by_op) {
-            g_replay_differs = true;
+    benchmark::RegisterBenchmark((c.name + "/floor").c_str(), [c](benchmark::State& state) {
+        std::string label;
+        const std::function<void()> floor = floor_of(c, &label);
+        if (!floor) {
             state.SkipWithError("replayed calls leave another trail than the operation");
             return;
         }
-        run_loop(state, c, [&] {
-            zbench::replay(plan, &g_page->word);
-            if (c.file_work) {
-                c.file_work();
-            }
-        });
+        state.SetLabel(label);
+        run_loop(state, c, floor);
     });
 }
 
-void register_all()
+/* Every operation measured beside its floor. */
+std::vector<Case> all_cases()
 {
     static INT16U rec = 0;
     std::vector<Case> cases = {
@@ -331,7 +357,12 @@ void register_all()
     /* Settled fans pass the start-up check on its first poll. */
     cases.push_back({"znpdklib_check_fan_spinup", [] { znpdklib_check_fan_spinup(); }, nullptr,
                      [] { zsim::advance(60); }, 16});
-    for (const Case& c : cases) {
+    return cases;
+}
+
+void register_all()
+{
+    for (const Case& c : all_cases()) {
         register_case(c);
     }
 
@@ -365,6 +396,53 @@ void register_all()
             ->Threads(2)
             ->UseRealTime();
     }
+}
+
+/* Under callgrind (started with collection off): each case's operation and
+ * floor, warm, called `calls` times with collection on, housekeeping every
+ * c.every calls with it off; each block's cost dumped under its name. */
+int count_instructions(int calls)
+{
+#if ZB_CALLGRIND
+    if (RUNNING_ON_VALGRIND == 0) {
+        fprintf(stderr, "znpdk-bench: --count runs under valgrind --tool=callgrind --collect-atstart=no\n");
+        return 1;
+    }
+    for (const Case& c : all_cases()) {
+        std::string label;
+        for (const bool floor : {false, true}) {
+            std::function<void()> body = c.op;
+            if (floor) {
+                body = floor_of(c, &label);
+            } else {
+                prepare(c);
+            }
+            if (!body) {
+                fprintf(stderr, "znpdk-bench: %s: replayed calls leave another trail than the operation\n",
+                        c.name.c_str());
+                return 1;
+            }
+            housekeeping();
+            CALLGRIND_TOGGLE_COLLECT;
+            for (int n = 1; n <= calls; ++n) {
+                body();
+                if (n % c.every == 0) {
+                    CALLGRIND_TOGGLE_COLLECT;
+                    housekeeping();
+                    CALLGRIND_TOGGLE_COLLECT;
+                }
+            }
+            CALLGRIND_TOGGLE_COLLECT;
+            const std::string name = c.name + (floor ? "/floor" : ""); /* outlives the request */
+            CALLGRIND_DUMP_STATS_AT(name.c_str());
+        }
+    }
+    return 0;
+#else
+    (void)calls;
+    fprintf(stderr, "znpdk-bench: built without <valgrind/callgrind.h>, --count unavailable\n");
+    return 1;
+#endif
 }
 
 bool ends_with(const std::string& s, const std::string& tail)
@@ -467,18 +545,47 @@ class TableReporter : public benchmark::BenchmarkReporter {
     std::vector<std::pair<int64_t, std::string>> order_;
 };
 
+/* The timed runs; a smoke run takes each case once, so that a broken case
+ * shows without taking time (nothing is asserted about speed). */
+int run_benchmarks(std::vector<char*> args, bool smoke, bool table)
+{
+    register_all();
+    static char once[] = "--benchmark_min_time=0";
+    if (smoke) {
+        args.push_back(once);
+    }
+    int n = static_cast<int>(args.size());
+    benchmark::Initialize(&n, args.data());
+    if (table) {
+        TableReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+    } else {
+        benchmark::RunSpecifiedBenchmarks();
+    }
+    benchmark::Shutdown();
+    if (g_replay_differs) {
+        fprintf(stderr, "znpdk-bench: a replay differs from its operation\n");
+        return 1;
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     bool smoke = false;
     bool table = false;
+    int count = 0;
     std::vector<char*> args;
     for (int i = 0; i < argc; ++i) {
         const bool is_smoke = strcmp(argv[i], "--smoke") == 0, is_table = strcmp(argv[i], "--table") == 0;
+        const bool is_count = strncmp(argv[i], "--count=", 8) == 0;
         smoke |= is_smoke;
         table |= is_table;
-        if (!is_smoke && !is_table) {
+        if (is_count) {
+            count = atoi(argv[i] + 8);
+        } else if (!is_smoke && !is_table) {
             args.push_back(argv[i]);
         }
     }
@@ -501,27 +608,17 @@ int main(int argc, char** argv)
     }
     build_all_escalation_tables();
 
-    register_all();
-    /* A smoke run: each case once, so that a broken case shows without
-     * taking time; nothing is asserted about speed. */
-    static char once[] = "--benchmark_min_time=0";
-    if (smoke) {
-        args.push_back(once);
-    }
-    int n = static_cast<int>(args.size());
-    benchmark::Initialize(&n, args.data());
-    if (table) {
-        TableReporter reporter;
-        benchmark::RunSpecifiedBenchmarks(&reporter);
+    int rc = 1;
+    if (count > 0) {
+        /* On a thread of its own, whose stack starts at one place in a page
+         * whatever the size of the environment and arguments: string
+         * functions take other paths, and count otherwise, by alignment. */
+        std::thread([&rc, count] { rc = count_instructions(count); }).join();
     } else {
-        benchmark::RunSpecifiedBenchmarks();
+        rc = run_benchmarks(args, smoke, table);
     }
-    benchmark::Shutdown();
     housekeeping();
-    if (g_replay_differs) {
-        fprintf(stderr, "znpdk-bench: a replay differs from its operation\n");
-    }
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
-    return g_replay_differs ? 1 : 0;
+    return rc;
 }

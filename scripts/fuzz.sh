@@ -10,10 +10,10 @@ cd "$(dirname "$0")/.."
 seconds=${1:-20}
 shift || true
 targets=("$@")
-((${#targets[@]})) || targets=(escalation save_file fan_debug paths scenario)
+((${#targets[@]})) || targets=(escalation save_file fan_debug paths scenario ipmi_serve)
 
 # Largest input per target: whole table sets and save files need room.
-declare -A max_len=([escalation]=20000 [save_file]=20480 [fan_debug]=4096 [paths]=1024 [scenario]=8192)
+declare -A max_len=([escalation]=20000 [save_file]=20480 [fan_debug]=4096 [paths]=1024 [scenario]=8192 [ipmi_serve]=2048)
 # Read-only seeds beside the target's own corpus.
 declare -A extra=([scenario]=scenarios)
 

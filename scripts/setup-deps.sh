@@ -7,6 +7,8 @@ packages=(cmake ninja-build g++ googletest g++-arm-linux-gnueabihf qemu-user nlo
           binutils clang-format clang-tidy pkgconf doxygen libbenchmark-dev clang libclang-rt-14-dev
           abigail-tools gcovr)
 packages+=(dpkg-dev lintian help2man)
+packages+=(valgrind)
+packages+=(ipmitool freeipmi-tools openipmi)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Every check of libznpdk: the installed kit as a consumer uses it; its Debian packages; host build with
+# Every check of libznpdk: the installed kit as a consumer uses it; the hot paths'
+# instruction counts against their baseline; its Debian packages; host build with
 # AddressSanitizer and UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM
 # build and tests under qemu-arm; the suite under ThreadSanitizer; fuzz smoke with corpus
 # replay; ABI against the baselines; the coverage gate.
@@ -12,6 +13,8 @@ step() { echo "=== $1 ($(date -u +%T))"; }
 
 step "kit: release build, install, consumer programs"
 scripts/ci-install.sh
+step "bench: instructions per call against bench/baseline.json, ratios to floors"
+scripts/bench.sh --check build/release-host
 step "packages: Debian packages, lintian, consumer programs against the unpacked packages"
 scripts/packages.sh --check
 

@@ -5,8 +5,12 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <regex>
 #include <sstream>
+#include <tuple>
 
 #include "run/functions.h"
 #include "scenario/jsonutil.h"
@@ -67,6 +71,89 @@ int run_child(const std::string& text, bool as_json = false, std::string* printe
     return rc;
 }
 
+/* Runs a scenario with a timeline; the picture, or "" when the run failed a check. */
+std::string draw(const std::string& text)
+{
+    char path[] = "/tmp/znpdk-simcmd-svg-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0) {
+        return "";
+    }
+    close(fd);
+    int failed = run_child(text, false, nullptr, path);
+    std::string svg = slurp(path);
+    unlink(path);
+    return failed == 0 ? svg : "";
+}
+
+/* The texts of a picture that leave it or cover one another. Every text is
+ * measured as the picture's font promises: monospace, 0.6 em per character,
+ * 0.8 em above the baseline and 0.2 em below; size, anchor and family are
+ * inherited through the elements as SVG does. */
+std::vector<std::string> misplaced_texts(const std::string& svg)
+{
+    struct Box {
+        double x0, y0, x1, y1;
+        std::string text;
+    };
+    std::vector<Box> boxes;
+    std::vector<std::string> bad;
+    std::vector<std::map<std::string, std::string>> open{{{"text-anchor", "start"}}};
+    double width = -1, height = -1;
+    const std::regex attr(R"re(([a-z-]+)="([^"]*)")re");
+    for (size_t at = svg.find('<'); at != std::string::npos; at = svg.find('<', at + 1)) {
+        size_t end = svg.find('>', at);
+        if (svg[at + 1] == '/') {
+            open.pop_back();
+            continue;
+        }
+        std::string tag = svg.substr(at + 1, end - at - 1);
+        std::map<std::string, std::string> a = open.back();
+        a.erase("x"); /* the place is not inherited */
+        a.erase("y");
+        for (std::sregex_iterator m(tag.begin(), tag.end(), attr), none; m != none; ++m) {
+            a[(*m)[1]] = (*m)[2];
+        }
+        if (tag.rfind("svg ", 0) == 0 && width < 0) {
+            width = std::stod(a["width"]);
+            height = std::stod(a["height"]);
+        } else if (tag.rfind("text ", 0) == 0) {
+            std::string s = svg.substr(end + 1, svg.find("</text>", end) - end - 1);
+            size_t chars = 0;
+            for (size_t i = 0; i < s.size(); ++i) {
+                chars += (s[i] & 0xC0) != 0x80;                           /* code points */
+                i = s[i] == '&' ? std::min(s.find(';', i), s.size()) : i; /* an entity is one */
+            }
+            auto num = [&](const char* k) { return a[k].empty() ? 0 : std::stod(a[k]); };
+            double size = num("font-size"), w = 0.6 * size * chars, x = num("x"), y = num("y");
+            x -= a["text-anchor"] == "end" ? w : a["text-anchor"] == "middle" ? w / 2 : 0;
+            boxes.push_back({x, y - 0.8 * size, x + w, y + 0.2 * size, s});
+            if (a["font-family"] != "monospace") {
+                bad.push_back("\"" + s + "\" is not monospace");
+            }
+        }
+        if (tag.back() != '/') {
+            open.push_back(a);
+        }
+    }
+    if (open.size() != 1 || boxes.empty()) {
+        return {"not a whole picture with texts"};
+    }
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        const Box& b = boxes[i];
+        if (b.x0 < 0 || b.y0 < 0 || b.x1 > width || b.y1 > height) {
+            bad.push_back("\"" + b.text + "\" leaves the picture");
+        }
+        for (size_t j = 0; j < i; ++j) {
+            const Box& o = boxes[j];
+            if (b.x0 < o.x1 && o.x0 < b.x1 && b.y0 < o.y1 && o.y0 < b.y1) {
+                bad.push_back("\"" + b.text + "\" covers \"" + o.text + "\"");
+            }
+        }
+    }
+    return bad;
+}
+
 } // namespace
 
 TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
@@ -89,7 +176,8 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {wrap(R"({"advance": 5, "expect": {"ret": 0}})"), "/steps/0/expect/ret"},
         {wrap(R"({"advance": -5})"), "/steps/0/advance"},
         {wrap(R"({"advance": 5, "note": "two things"})"), "/steps/0"},
-        {wrap(R"({"lable": "typo"})"), "/steps/0"},
+        {wrap(R"({"lable": "typo"})"), "/steps/0/lable"},
+        {wrap(R"({"label": "only"})"), "/steps/0"},
         {wrap(R"({"record": {"path": "/SYSTEM#0", "record": "system", "set": {"fanfull_reasons": 1}}})"),
          "/steps/0/record/set/fanfull_reasons"},
         {wrap(R"({"record": {"path": "/SYSTEM#0", "record": "sys", "set": {}}})"), "/steps/0/record/record"},
@@ -199,7 +287,10 @@ TEST(SimScenarioFile, MessagesNameTheTypeRangeAndTheUnknownName)
         {R"({"call": "znpdklib_cleardb_psu", "args": [0, -1]})",
          "expected znpdklib_cleardb_psu argument 1 (offbit, uint32_t) (an integer from 0 to 4294967295), got -1"},
         {R"({"call": "znpdklib_check_psu_redundancy", "args": {"mdoe": 3}})",
-         "znpdklib_check_psu_redundancy has no parameter \"mdoe\" (did you mean mode?); it takes mode"},
+         "znpdklib_check_psu_redundancy has no parameter \"mdoe\" (did you mean \"mode\"?); it takes mode"},
+        {R"({"bmc_rebot": true})", "unknown step \"bmc_rebot\" (did you mean \"bmc_reboot\"?)"},
+        {R"({"advance": 1, "lable": "x"})", "unknown member \"lable\" (did you mean \"label\"?)"},
+        {R"({"advance": 1, "colour": "red"})", "unknown member \"colour\""},
         {R"({"call": "ZNAPI_Sensor_Init", "args": [17], "expect": {"ret": "one"}})",
          "expected the result of ZNAPI_Sensor_Init (an integer from -2147483648 to 2147483647), got \"one\""},
         {R"({"kill": {"process": "fan", "while": "sleeping", "during": {"advance": 1}}})",
@@ -221,11 +312,58 @@ TEST(SimScenarioFile, MessagesNameTheTypeRangeAndTheUnknownName)
     }
 }
 
+TEST(SimScenarioFile, EveryMistakeIsListedWithLineAndColumn)
+{
+    struct Case {
+        std::string text;
+        std::vector<std::string> lines;
+    };
+    const Case cases[] = {
+        {"{\"name\": \"t\", \"colour\": 1,\n"
+         " \"steps\": [\n"
+         "  {\"advance\": -5},\n"
+         "  {\"note\": \"fine\"}, {\"bmc_rebot\": true}\n"
+         " ]}",
+         {"test.json:1:15: /colour: unknown member \"colour\"",
+          "test.json:3:15: /steps/0/advance: expected seconds (an integer from 0 to 100000000), got -5",
+          "test.json:4:22: /steps/2/bmc_rebot: unknown step \"bmc_rebot\" (did you mean \"bmc_reboot\"?)"}},
+        /* Names are placed as the parser reads them: escapes decoded, the later of two alike. */
+        {R"({"name": "t", "steps": [], "a/b": 1, "st\u0065ps": 2})",
+         {"test.json:1:28: /a~1b: unknown member \"a/b\"",
+          "test.json:1:52: /steps: expected a list of steps"}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> lines;
+        try {
+            load_scenario(c.text, "test.json");
+        } catch (const ScenarioError& e) {
+            for (const Mistake& m : e.mistakes()) {
+                lines.push_back(m.text("test.json"));
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.text;
+    }
+}
+
+/* Nothing after a syntax error can be read: it is the one mistake, without a JSON pointer. */
 TEST(SimScenarioFile, SyntaxErrorsGiveLineAndColumn)
 {
-    EXPECT_EQ(mistake("{\"name\": \"t\",\n  \"steps\": [\n    {\"advance\" 5}\n  ]\n}"), "line 3, column 16");
-    EXPECT_EQ(mistake(""), "line 1, column 1");
-    EXPECT_EQ(mistake("{\"name\": \"t\", \"steps\": [],}"), "line 1, column 27");
+    const std::tuple<std::string, int, int> cases[] = {
+        {"{\"name\": \"t\",\n  \"steps\": [\n    {\"advance\" 5}\n  ]\n}", 3, 16},
+        {"", 1, 1},
+        {"{\"name\": \"t\", \"steps\": [],}", 1, 27},
+    };
+    for (const auto& [text, line, column] : cases) {
+        const std::string place = std::to_string(line) + ":" + std::to_string(column) + ": ";
+        try {
+            load_scenario(text, "test.json");
+            ADD_FAILURE() << text << " was accepted";
+        } catch (const ScenarioError& e) {
+            EXPECT_EQ(e.where(), "line " + std::to_string(line) + ", column " + std::to_string(column));
+            ASSERT_EQ(e.mistakes().size(), 1u) << text;
+            EXPECT_EQ(e.mistakes()[0].text("f"), "f:" + place + e.what());
+        }
+    }
 }
 
 TEST(SimMatch, ComparesAsDocumented)
@@ -479,6 +617,7 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
         {"sensor": {"inst": 17, "num": 129, "reading": "0x0004"}},
         {"advance": 10},
         {"sensor": {"inst": 17, "num": 129, "reading": "0x0002"}},
+        {"sensor": {"inst": 17, "num": 129, "reading": "0x0008"}},
         {"process": "a", "call": "znpdklib_SetSensorWS", "args": [35, 1, "0x04", 0, 0, 17, "out"]},
         {"advance": 10},
         {"restart": "a"},
@@ -488,13 +627,9 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
          "expect": {"saved_sensors": [{"inst": 5, "num": 35, "reading": 0}]}},
         {"process": "a", "note": "started afresh"}
       ]})";
-    char path[] = "/tmp/znpdk-simcmd-svg-XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    ASSERT_EQ(run_child(text, false, nullptr, path), 0);
-    const std::string svg = slurp(path);
-    unlink(path);
+    const std::string svg = draw(text);
+    ASSERT_NE(svg, "");
+    EXPECT_EQ(misplaced_texts(svg), std::vector<std::string>{}) << svg;
     auto count = [&](const std::string& needle) {
         size_t n = 0;
         for (size_t at = svg.find(needle); at != std::string::npos; at = svg.find(needle, at + 1)) {
@@ -507,10 +642,26 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
         {"data-name=\"17/0x81 PSU Redundancy\"", 1},
         {"data-name=\"17/0x23 Environment\"", 1},
         {"data-name=\"SEL records and RAS logs\"", 1},
-        {"class=\"change\"", 3},
+        {"class=\"change\"", 4},
         {"<g class=\"change\" data-t=\"0\" data-value=\"4\">", 1},
         {"<g class=\"change\" data-t=\"10\" data-value=\"2\">", 1},
         {"<g class=\"change\" data-t=\"10\" data-process=\"a\" data-value=\"18\">", 1},
+        /* Each change a mark; at one moment they share the bar, and the value kept is written. */
+        {"<rect x=\"299\" y=\"81\" width=\"2\" height=\"16\" fill=\"#37474f\"/><text x=\"302\" y=\"93\">0x4<",
+         1},
+        {"<rect x=\"799\" y=\"81\" width=\"2\" height=\"8\" fill=\"#37474f\"/></g>", 1},
+        {"<rect x=\"799\" y=\"89\" width=\"2\" height=\"8\" fill=\"#37474f\"/><text x=\"802\" y=\"93\">0x8<",
+         1},
+        {"<text x=\"802\" y=\"71\">0x12<", 1},
+        /* Lines at one moment: their texts in rows below the lanes, moved inside the picture. */
+        {"<text x=\"1276\" y=\"164\">restart a<", 1},
+        {"<text x=\"1296\" y=\"178\" fill=\"#c62828\">kill a<", 1},
+        {"<text x=\"1276\" y=\"192\">restart a<", 1},
+        /* The legend names what is drawn. */
+        {">SEL record<", 1},
+        {">RAS log<", 0},
+        {">process restart<", 1},
+        {">process killed<", 1},
         {"<circle class=\"sel\" data-t=\"10\" data-process=\"a\"", 1},
         {"<circle class=\"ras\"", 0},
         {"<g class=\"restart\" data-t=\"20\" data-process=\"a\">",
@@ -522,5 +673,23 @@ TEST(SimScenarioRun, TimelineHasLanesMarksAndTimes)
     };
     for (const auto& e : expected) {
         EXPECT_EQ(count(e.first), e.second) << e.first << "\n" << svg;
+    }
+}
+
+TEST(SimScenarioRun, TimelineTextsOfEveryScenarioStayInsideAndApart)
+{
+    std::vector<std::string> files;
+    for (const auto& f : std::filesystem::directory_iterator(ZNPDK_SOURCE_DIR "/scenarios")) {
+        if (f.path().extension() == ".json") {
+            files.push_back(f.path().string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    const std::string demo = ZNPDK_SOURCE_DIR "/scenarios/demo.json"; /* the built-in demo's text */
+    ASSERT_EQ(std::count(files.begin(), files.end(), demo), 1);
+    for (const std::string& f : files) {
+        const std::string svg = draw(slurp(f.c_str()));
+        EXPECT_NE(svg, "") << f;
+        EXPECT_EQ(misplaced_texts(svg), std::vector<std::string>{}) << f;
     }
 }

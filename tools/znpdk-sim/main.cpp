@@ -15,6 +15,7 @@
 #include "scenario/fields.h"
 #include "run/functions.h"
 #include "scenario/scenario.h"
+#include "serve/serve.h"
 #include "znpdk_sim/sim.h"
 #include "znpdk_version.h"
 
@@ -30,7 +31,8 @@ const char* const kUsage =
     "                       a PSU pulled and put back, a fan that stalls at full speed,\n"
     "                       a BMC reboot\n"
     "  run FILE...          run scenario files (each on a fresh simulated machine)\n"
-    "  check FILE...        read scenario files and report mistakes, without running them\n"
+    "  check FILE...        read scenario files and list every mistake (FILE:LINE:COLUMN:\n"
+    "                       place: what, with the nearest known name), running nothing\n"
     "  functions            list the library functions a scenario can call\n"
     "  fields [NAME]        list the fields of the records (common, system, setup, psuc,\n"
     "                       router) or of a structure type by name\n"
@@ -42,12 +44,21 @@ const char* const kUsage =
     "  --trace              print every trace line as it is written\n"
     "  --verbose            list every sensor change, also of large initialisations\n"
     "  --timeline FILE.svg  draw the run: a lane per sensor that changed, the alarm LED, fan\n"
-    "                       reasons and check phase, SEL/RAS marks, restarts (one scenario)\n"
+    "                       reasons and check phase, SEL/RAS marks, restarts and kills, a\n"
+    "                       legend (one scenario)\n"
     "  --keep-root DIR      run in DIR and keep the machine's files there (with several\n"
     "                       files, each in DIR/NAME, NAME being the file's name without .json)\n"
+    "  --serve              (run, one file) serve it as `serve` does\n"
+    "\n"
+    "options of serve and run --serve:\n"
+    "  --user NAME          the clients' user name (required; no anonymous access)\n"
+    "  --password TEXT      the clients' password (required)\n"
+    "  --port N             UDP port of the chassis controller (default 9623); node n at N + n + 1\n"
+    "  --address A          address to listen on (default 127.0.0.1)\n"
     "\n"
     "exit status: 0 all expectations held, 1 some failed, 2 a scenario could not be read,\n"
-    "3 a run crashed, 4 a scenario calls functions the library does not export (not run).\n"
+    "3 a run crashed, 4 a scenario calls functions the library does not export (not run),\n"
+    "5 the IPMI server could not start (a port in use, ipmi_sim or ipmitool missing).\n"
     "The scenario format is described in docs/scenarios.md.\n";
 
 bool read_file(const std::string& path, std::string& text)
@@ -110,13 +121,23 @@ int severity(int rc)
     return rc == kExitMissingFunctions ? 1 : rc == 0 ? 0 : rc + 1;
 }
 
+/* Every mistake of a file, one line each (or one JSON object listing them). */
 void report_error(const std::string& file, const ScenarioError& e, bool as_json)
 {
+    std::vector<Mistake> all = e.mistakes();
+    if (all.empty()) {
+        all.push_back(Mistake{e.where(), e.what()});
+    }
     if (as_json) {
-        json j = {{"file", file}, {"error", {{"where", e.where()}, {"message", e.what()}}}};
-        std::cout << j.dump(2) << std::endl;
-    } else {
-        std::fprintf(stderr, "%s: at %s: %s\n", file.c_str(), e.where().c_str(), e.what());
+        json list = json::array();
+        for (const Mistake& m : all) {
+            list.push_back({{"where", m.where}, {"line", m.line}, {"column", m.column}, {"message", m.what}});
+        }
+        std::cout << json({{"file", file}, {"errors", list}}).dump(2) << std::endl;
+        return;
+    }
+    for (const Mistake& m : all) {
+        std::fprintf(stderr, "%s\n", m.text(file).c_str());
     }
 }
 
@@ -138,7 +159,8 @@ int run_files(const std::vector<std::string>& files, const Options& o, bool chec
         } else if (!read_file(file, text)) {
             std::fprintf(stderr, "%s: cannot read the file\n", file.c_str());
             if (o.json && !check_only) {
-                std::cout << json({{"file", file}, {"error", {{"message", "cannot read the file"}}}}).dump(2);
+                json error = {{"message", "cannot read the file"}};
+                std::cout << json({{"file", file}, {"errors", json::array({error})}}).dump(2);
             }
             worst = severity(2) > severity(worst) ? 2 : worst;
             continue;
@@ -256,6 +278,36 @@ int list_machine()
     return 0;
 }
 
+/* serve [FILE] and run --serve FILE: one scenario, in this process. */
+int serve_files(const std::string& cmd, const std::vector<std::string>& files, const Options& o,
+                const ServeConfig& serve)
+{
+    std::string error;
+    if ((cmd != "serve" && cmd != "run") || files.size() > 1 || (cmd == "run" && files.empty())) {
+        std::fprintf(stderr, "znpdk-sim: serve takes at most one file, run --serve exactly one\n");
+        return 2;
+    }
+    if (!valid_credentials(serve, error)) {
+        std::fprintf(stderr, "znpdk-sim: %s\n", error.c_str());
+        return 2;
+    }
+    std::string text = default_machine_scenario();
+    std::string file = "(default machine)";
+    if (!files.empty() && !read_file(files[0], text)) {
+        std::fprintf(stderr, "%s: cannot read the file\n", files[0].c_str());
+        return 2;
+    }
+    if (!files.empty()) {
+        file = files[0];
+    }
+    try {
+        return serve_scenario(text, file, o, serve);
+    } catch (const ScenarioError& e) {
+        report_error(file, e, o.json);
+        return 2;
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -271,6 +323,8 @@ int main(int argc, char** argv)
     }
     std::string cmd = args[0];
     Options o;
+    ServeConfig serve;
+    bool serving = cmd == "serve";
     std::vector<std::string> rest;
     for (size_t i = 1; i < args.size(); ++i) {
         if (args[i] == "--json") {
@@ -281,6 +335,22 @@ int main(int argc, char** argv)
             o.verbose = true;
         } else if (args[i] == "--timeline" && i + 1 < args.size()) {
             o.timeline = args[++i];
+        } else if (args[i] == "--serve") {
+            serving = true;
+        } else if ((args[i] == "--user" || args[i] == "--password" || args[i] == "--address") &&
+                   i + 1 < args.size()) {
+            (args[i] == "--user"       ? serve.user
+             : args[i] == "--password" ? serve.password
+                                       : serve.address) = args[i + 1];
+            ++i;
+        } else if (args[i] == "--port" && i + 1 < args.size()) {
+            char* end = nullptr;
+            long port = std::strtol(args[++i].c_str(), &end, 10);
+            if (*end != '\0' || port < 1 || port > 65535 - 16) {
+                std::fprintf(stderr, "znpdk-sim: --port takes 1 to %d (17 ports from it)\n", 65535 - 16);
+                return 2;
+            }
+            serve.port = static_cast<uint16_t>(port);
         } else if (args[i] == "--keep-root" && i + 1 < args.size()) {
             o.keep_root = true;
             o.root = args[++i];
@@ -292,6 +362,9 @@ int main(int argc, char** argv)
         }
     }
     try {
+        if (serving) {
+            return serve_files(cmd, rest, o, serve);
+        }
         if (cmd == "demo") {
             return run_files({"-demo-"}, o, false);
         }

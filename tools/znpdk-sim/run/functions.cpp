@@ -313,23 +313,6 @@ IntRange pointee_range(PK k)
 
 namespace {
 
-size_t edit_distance(const std::string& a, const std::string& b)
-{
-    std::vector<size_t> prev(b.size() + 1), cur(b.size() + 1);
-    for (size_t j = 0; j <= b.size(); ++j) {
-        prev[j] = j;
-    }
-    for (size_t i = 1; i <= a.size(); ++i) {
-        cur[0] = i;
-        for (size_t j = 1; j <= b.size(); ++j) {
-            size_t sub = prev[j - 1] + (std::tolower(a[i - 1]) == std::tolower(b[j - 1]) ? 0 : 1);
-            cur[j] = std::min({prev[j] + 1, cur[j - 1] + 1, sub});
-        }
-        std::swap(prev, cur);
-    }
-    return prev[b.size()];
-}
-
 /* Byte size of the buffer behind a pointer parameter. */
 size_t buffer_size(const Param& p, const ArgSpec& a)
 {
@@ -588,21 +571,13 @@ const Function* find_function(const std::string& name)
     return nullptr;
 }
 
-std::vector<std::string> similar_functions(const std::string& name)
+std::vector<std::string> function_names()
 {
-    std::vector<std::pair<size_t, std::string>> scored;
+    std::vector<std::string> names;
     for (const Function& f : functions()) {
-        size_t d = edit_distance(name, f.name);
-        if (d <= std::max<size_t>(3, name.size() / 4)) {
-            scored.emplace_back(d, f.name);
-        }
+        names.push_back(f.name);
     }
-    std::sort(scored.begin(), scored.end());
-    std::vector<std::string> out;
-    for (size_t i = 0; i < scored.size() && i < 3; ++i) {
-        out.push_back(scored[i].second);
-    }
-    return out;
+    return names;
 }
 
 namespace {
@@ -616,16 +591,13 @@ void check_param_names(const Function& f, const Node& args, const std::string& n
         if (known) {
             continue;
         }
-        std::string hint;
+        std::vector<std::string> params;
         for (const Param& p : f.params) {
-            if (edit_distance(it.key(), p.name) <= std::max<size_t>(2, p.name.size() / 3)) {
-                hint = " (did you mean " + p.name + "?)";
-                break;
-            }
+            params.push_back(p.name);
         }
-        Node{&it.value(), ptr_add(args.ptr, it.key())}.fail(f.name + " has no parameter \"" + it.key() +
-                                                            "\"" + hint + "; it takes " +
-                                                            (names.empty() ? "none" : names));
+        Node{&it.value(), ptr_add(args.ptr, it.key())}.fail_name(
+            f.name + " has no parameter \"" + it.key() + "\"" + did_you_mean(it.key(), params) +
+            "; it takes " + (names.empty() ? "none" : names));
     }
 }
 

@@ -82,8 +82,8 @@ void* library_symbol(const std::string& name);
 
 const std::vector<Function>& functions();
 const Function* find_function(const std::string& name);
-/* Names close to `name`, for "did you mean" hints. */
-std::vector<std::string> similar_functions(const std::string& name);
+/* The names of functions(), for "did you mean" hints. */
+std::vector<std::string> function_names();
 std::string kind_name(PK k);
 
 /* Arguments checked when the scenario is read. */

@@ -449,6 +449,9 @@ StepReport Runner::run_end()
 int Runner::run(const Scenario& s)
 {
     StepReport setup = run_setup(s);
+    if (opts_.observer != nullptr) {
+        opts_.observer->after_setup(*this, setup);
+    }
     start_ = marks_now();
     step_ = start_;
     if (!opts_.json) {
@@ -462,10 +465,14 @@ int Runner::run(const Scenario& s)
     std::vector<StepReport> pictured;
     int failed = static_cast<int>(setup.failures.size());
     int checks = failed;
-    for (size_t i = 0; i < s.steps.size(); ++i) {
+    for (size_t i = 0; i < s.steps.size() && !(opts_.observer != nullptr && opts_.observer->stopping());
+         ++i) {
         StepReport r;
         r.index = i;
         run_step(s.steps[i], r, false);
+        if (opts_.observer != nullptr) {
+            opts_.observer->after_step(*this, s.steps[i], r);
+        }
         failed += static_cast<int>(r.failures.size());
         checks += r.checks;
         if (opts_.json) {
@@ -480,6 +487,9 @@ int Runner::run(const Scenario& s)
     if (!opts_.timeline.empty() && !write_timeline(opts_.timeline, s, pictured)) {
         std::fprintf(stderr, "znpdk-sim: cannot write the timeline to %s\n", opts_.timeline.c_str());
         ++failed;
+    }
+    if (opts_.observer != nullptr) {
+        opts_.observer->after_run(*this);
     }
     StepReport end = run_end();
     checks += end.checks;

@@ -347,7 +347,12 @@ Ref resolve_from(Ref r, const std::string& path)
             }
         }
         if (m == nullptr) {
-            throw std::invalid_argument("no field \"" + st.name + "\" in " + r.type->name);
+            std::vector<std::string> names;
+            for (const Member& cand : r.type->members) {
+                names.push_back(cand.name);
+            }
+            throw std::invalid_argument("no field \"" + st.name + "\" in " + r.type->name +
+                                        did_you_mean(st.name, names));
         }
         r.offset += m->offset;
         r.type = m->type;
@@ -512,7 +517,7 @@ void from_json(uint8_t* base, const Ref& r, const Node& v)
             try {
                 target = resolve_from(r, it.key());
             } catch (const std::invalid_argument& e) {
-                sub.fail(std::string("unknown field: ") + e.what());
+                sub.fail_name(std::string("unknown field: ") + e.what());
             }
             from_json(base, target, sub);
         }

@@ -5,7 +5,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
+#include <map>
 #include <regex>
+#include <string_view>
 
 namespace zcmd {
 
@@ -34,9 +37,19 @@ Node Node::at(size_t i) const
     return Node{&(*j)[i], ptr_add(ptr, i)};
 }
 
+ScenarioError Node::mistake(const std::string& what, bool at_name) const
+{
+    return ScenarioError(ptr.empty() ? "/" : ptr, what, at_name);
+}
+
 void Node::fail(const std::string& what) const
 {
-    throw ScenarioError(ptr.empty() ? "/" : ptr, what);
+    throw mistake(what);
+}
+
+void Node::fail_name(const std::string& what) const
+{
+    throw mistake(what, true);
 }
 
 ObjReader::ObjReader(const Node& n) : node_(n)
@@ -53,6 +66,7 @@ bool ObjReader::has(const std::string& key) const
 
 Node ObjReader::at(const std::string& key)
 {
+    asked_.insert(key);
     if (!has(key)) {
         node_.fail("missing member \"" + key + "\"");
     }
@@ -62,10 +76,16 @@ Node ObjReader::at(const std::string& key)
 
 Node ObjReader::opt(const std::string& key)
 {
+    asked_.insert(key);
     if (!has(key)) {
         return Node{nullptr, ptr_add(node_.ptr, key)};
     }
     return at(key);
+}
+
+void ObjReader::mark_read(const std::string& key)
+{
+    used_.insert(key);
 }
 
 int64_t opt_int(ObjReader& r, const std::string& key, int64_t dflt, int64_t min, int64_t max,
@@ -83,9 +103,11 @@ bool opt_on(ObjReader& r, const std::string& key)
 
 void ObjReader::finish() const
 {
+    const std::vector<std::string> known(asked_.begin(), asked_.end());
     for (auto it = node_->begin(); it != node_->end(); ++it) {
         if (!used_.count(it.key())) {
-            Node{&it.value(), ptr_add(node_.ptr, it.key())}.fail("unknown member \"" + it.key() + "\"");
+            note(Node{&it.value(), ptr_add(node_.ptr, it.key())}.mistake(
+                "unknown member \"" + it.key() + "\"" + did_you_mean(it.key(), known), true));
         }
     }
 }
@@ -297,10 +319,10 @@ std::vector<PathStep> split_path(const std::string& path)
     return steps;
 }
 
-std::string text_position(const std::string& text, size_t byte)
+std::pair<size_t, size_t> line_column(const std::string& text, size_t offset)
 {
     size_t line = 1, col = 1;
-    for (size_t i = 0; i + 1 < byte && i < text.size(); ++i) {
+    for (size_t i = 0; i < offset && i < text.size(); ++i) {
         if (text[i] == '\n') {
             ++line;
             col = 1;
@@ -308,7 +330,334 @@ std::string text_position(const std::string& text, size_t byte)
             ++col;
         }
     }
-    return "line " + std::to_string(line) + ", column " + std::to_string(col);
+    return {line, col};
+}
+
+std::string Mistake::text(const std::string& file) const
+{
+    return file + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " +
+           (where.empty() ? "" : where + ": ") + what;
+}
+
+namespace {
+
+MistakeList* g_mistakes = nullptr;
+
+/*
+ * Where the member names and values of a JSON text begin, by JSON pointer.
+ * nlohmann::json keeps no positions, so one pass over the text (which has
+ * parsed already) tells its tokens apart: strings, the brackets, commas
+ * and colons, and the scalars between them. Member names are decoded as the
+ * parser decodes them, and a repeated name takes the later place, as the
+ * parser keeps the later value. Only the values on the way to a wanted
+ * pointer are entered (the rest is skipped whole), so deep nesting costs no
+ * more than the text's length. The pass stays in bounds whatever it reads.
+ */
+class TextPlaces {
+  public:
+    TextPlaces(const std::string& text, const std::set<std::string>& wanted);
+    /* The offset of the value at `ptr` (of its name with `name`); a pointer
+     * the text lacks gets the place of the nearest value around it. */
+    size_t find(std::string ptr, bool name) const;
+
+  private:
+    struct Open {
+        std::string ptr;
+        bool array;
+        size_t count;
+    };
+    struct Place {
+        size_t name = 0;
+        size_t value = 0;
+    };
+    bool member(Open& o, std::string& ptr);
+    bool string(std::string* decoded);
+    void skip_value();
+    void space();
+
+    const std::string& text_;
+    size_t pos_ = 0;
+    std::map<std::string, Place> places_;
+};
+
+TextPlaces::TextPlaces(const std::string& text, const std::set<std::string>& wanted) : text_(text)
+{
+    if (text_.compare(0, 3, "\xEF\xBB\xBF") == 0) {
+        pos_ = 3; /* the parser skips a byte order mark */
+    }
+    space();
+    places_[""].name = pos_;
+    std::vector<Open> open;
+    std::string ptr;
+    bool value_next = true;
+    while (pos_ < text_.size()) {
+        if (value_next) {
+            value_next = false;
+            if (!wanted.count(ptr)) {
+                skip_value();
+                continue;
+            }
+            places_[ptr].value = pos_;
+            char c = text_[pos_];
+            if (c == '{' || c == '[') {
+                ++pos_;
+                space();
+                open.push_back({ptr, c == '[', 0});
+                if (pos_ < text_.size() && (text_[pos_] == '}' || text_[pos_] == ']')) {
+                    continue; /* empty: closed below */
+                }
+                if (!member(open.back(), ptr)) {
+                    return;
+                }
+                value_next = true;
+            } else {
+                skip_value();
+            }
+            continue;
+        }
+        space();
+        if (open.empty() || pos_ >= text_.size()) {
+            return;
+        }
+        char c = text_[pos_++];
+        if (c == ',') {
+            space();
+            if (!member(open.back(), ptr)) {
+                return;
+            }
+            value_next = true;
+        } else {
+            open.pop_back();
+        }
+    }
+}
+
+/* The next element of an open array or object: its pointer, and for a
+ * member its name, read up to the value. */
+bool TextPlaces::member(Open& o, std::string& ptr)
+{
+    size_t at = pos_;
+    if (o.array) {
+        ptr = ptr_add(o.ptr, o.count++);
+    } else {
+        std::string key;
+        if (!string(&key)) {
+            return false;
+        }
+        space();
+        if (pos_ >= text_.size() || text_[pos_] != ':') {
+            return false;
+        }
+        ++pos_;
+        space();
+        ptr = ptr_add(o.ptr, key);
+    }
+    places_[ptr].name = at;
+    return true;
+}
+
+bool TextPlaces::string(std::string* decoded)
+{
+    size_t end = pos_ + 1;
+    bool escaped = false;
+    while (end < text_.size() && text_[end] != '"') {
+        escaped = escaped || text_[end] == '\\';
+        end += text_[end] == '\\' ? 2 : 1;
+    }
+    if (pos_ >= text_.size() || text_[pos_] != '"' || end >= text_.size()) {
+        return false;
+    }
+    if (decoded != nullptr) {
+        *decoded = text_.substr(pos_ + 1, end - pos_ - 1);
+        if (escaped) {
+            json j = json::parse(text_.substr(pos_, end + 1 - pos_), nullptr, false);
+            *decoded = j.is_string() ? j.get<std::string>() : *decoded;
+        }
+    }
+    pos_ = end + 1;
+    return true;
+}
+
+/* Past a value: a string, a scalar, or brackets and all they hold. */
+void TextPlaces::skip_value()
+{
+    size_t depth = 0;
+    while (pos_ < text_.size()) {
+        char c = text_[pos_];
+        if (c == '"') {
+            if (!string(nullptr)) {
+                pos_ = text_.size();
+            }
+        } else if (c == '{' || c == '[') {
+            ++depth;
+            ++pos_;
+        } else if (depth > 0) {
+            depth -= c == '}' || c == ']' ? 1 : 0;
+            ++pos_;
+        } else if (std::string_view(",]} \t\r\n").find(c) == std::string_view::npos) {
+            ++pos_;
+        } else {
+            return;
+        }
+        if (depth == 0 && (c == '}' || c == ']' || c == '"')) {
+            return;
+        }
+    }
+}
+
+void TextPlaces::space()
+{
+    while (pos_ < text_.size() && std::string_view(" \t\r\n").find(text_[pos_]) != std::string_view::npos) {
+        ++pos_;
+    }
+}
+
+size_t TextPlaces::find(std::string ptr, bool name) const
+{
+    if (ptr == "/") {
+        ptr.clear(); /* how a mistake of the whole document is named */
+    }
+    for (;;) {
+        auto it = places_.find(ptr);
+        if (it != places_.end()) {
+            return name ? it->second.name : it->second.value;
+        }
+        if (ptr.empty()) {
+            return 0;
+        }
+        size_t slash = ptr.rfind('/');
+        ptr.erase(slash == std::string::npos ? 0 : slash);
+        name = false;
+    }
+}
+
+} // namespace
+
+MistakeList::MistakeList() : outer_(g_mistakes)
+{
+    g_mistakes = this;
+}
+
+MistakeList::~MistakeList()
+{
+    g_mistakes = outer_;
+}
+
+void note(const ScenarioError& e)
+{
+    if (g_mistakes == nullptr) {
+        throw e;
+    }
+    g_mistakes->errors.push_back(e);
+}
+
+bool read_on(const std::function<void()>& reader)
+{
+    try {
+        reader();
+        return true;
+    } catch (const ScenarioError& e) {
+        note(e);
+        return false;
+    }
+}
+
+size_t mistakes_noted()
+{
+    return g_mistakes == nullptr ? 0 : g_mistakes->errors.size();
+}
+
+std::vector<Mistake> place_mistakes(const std::string& text, const std::vector<ScenarioError>& errors)
+{
+    std::set<std::string> wanted = {""};
+    for (const ScenarioError& e : errors) {
+        for (size_t slash = e.where().find('/', 1); slash != std::string::npos;
+             slash = e.where().find('/', slash + 1)) {
+            wanted.insert(e.where().substr(0, slash));
+        }
+        wanted.insert(e.where());
+    }
+    TextPlaces places(text, wanted);
+    std::vector<std::pair<size_t, Mistake>> placed;
+    for (const ScenarioError& e : errors) {
+        size_t at = places.find(e.where(), e.at_name());
+        std::pair<size_t, size_t> lc = line_column(text, at);
+        placed.push_back({at, Mistake{e.where(), e.what(), lc.first, lc.second}});
+    }
+    std::stable_sort(placed.begin(), placed.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<Mistake> out;
+    for (auto& p : placed) {
+        out.push_back(std::move(p.second));
+    }
+    return out;
+}
+
+size_t edit_distance(const std::string& a, const std::string& b)
+{
+    auto same = [](char x, char y) {
+        return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    };
+    /* Three rows: the one before the previous is needed for a swap. */
+    std::vector<size_t> back(b.size() + 1), prev(b.size() + 1), cur(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) {
+        prev[j] = j;
+    }
+    for (size_t i = 1; i <= a.size(); ++i) {
+        cur[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            cur[j] =
+                std::min({prev[j] + 1, cur[j - 1] + 1, prev[j - 1] + (same(a[i - 1], b[j - 1]) ? 0 : 1)});
+            if (i > 1 && j > 1 && same(a[i - 1], b[j - 2]) && same(a[i - 2], b[j - 1])) {
+                cur[j] = std::min(cur[j], back[j - 2] + 1);
+            }
+        }
+        std::swap(back, prev);
+        std::swap(prev, cur);
+    }
+    return prev[b.size()];
+}
+
+std::vector<std::string> nearest_names(const std::string& name, const std::vector<std::string>& known)
+{
+    /* Near enough: a third of the name may be wrong (two edits at least),
+     * but never all of it. */
+    size_t best = std::min(std::max<size_t>(2, name.size() / 3), name.size() - (name.empty() ? 0 : 1));
+    std::vector<std::string> out;
+    for (const std::string& k : known) {
+        size_t d = edit_distance(name, k);
+        if (d < best) {
+            best = d;
+            out.clear();
+        }
+        if (d == best && out.size() < 3 && std::find(out.begin(), out.end(), k) == out.end()) {
+            out.push_back(k);
+        }
+    }
+    return out;
+}
+
+std::string did_you_mean(const std::string& name, const std::vector<std::string>& known)
+{
+    std::vector<std::string> near = nearest_names(name, known);
+    std::string s;
+    for (size_t i = 0; i < near.size(); ++i) {
+        s += (i == 0 ? " (did you mean \"" : i + 1 == near.size() ? " or \"" : ", \"") + near[i] + "\"";
+    }
+    return s.empty() ? s : s + "?)";
+}
+
+std::string name_hint(const std::string& name, const std::vector<std::string>& known,
+                      const std::string& kinds)
+{
+    std::string hint = did_you_mean(name, known);
+    if (!hint.empty()) {
+        return hint;
+    }
+    for (const std::string& k : known) {
+        hint += (hint.empty() ? " (" + kinds + ": \"" : ", \"") + k + "\"";
+    }
+    return hint + ")";
 }
 
 namespace {
@@ -535,10 +884,14 @@ void check_matcher(const Node& e, bool scalar)
     if (scalar && (e->is_array() || (e->is_object() && !is_matcher(*e)))) {
         for (auto it = e->is_object() ? e->begin() : e->end(); it != e->end(); ++it) {
             if (!kMatcherKeys.count(it.key())) {
-                Node{&it.value(), ptr_add(e.ptr, it.key())}.fail(
-                    "unknown matcher \"" + it.key() +
-                    "\" (a single value is matched by a value or by contains, matches, mask/value, any_bits, "
-                    "no_bits, not, one_of, min, max)");
+                std::string hint = did_you_mean(
+                    it.key(), std::vector<std::string>(kMatcherKeys.begin(), kMatcherKeys.end()));
+                Node{&it.value(), ptr_add(e.ptr, it.key())}.fail_name(
+                    "unknown matcher \"" + it.key() + "\"" +
+                    (hint.empty()
+                         ? " (a single value is matched by a value or by contains, matches, mask/value, "
+                           "any_bits, no_bits, not, one_of, min, max)"
+                         : hint));
             }
         }
         e.fail("expected a single value or a matcher, got " + e->dump());

@@ -6,27 +6,82 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zcmd {
 
 using json = nlohmann::json;
 
-/* A mistake in a scenario file: `where` is the JSON pointer of the value. */
+/* One mistake placed in the file's text: line and column count from 1
+ * (columns in bytes); `where` is its JSON pointer, "" for a syntax error. */
+struct Mistake {
+    std::string where;
+    std::string what;
+    size_t line = 0;
+    size_t column = 0;
+    /* "FILE:LINE:COLUMN: WHERE: WHAT", as compilers print theirs. */
+    std::string text(const std::string& file) const;
+};
+
+/* A mistake in a scenario file: `where` is the JSON pointer of the value;
+ * with `at_name` the mistake is the member's name (an unknown key), which
+ * is where its line and column point. */
 class ScenarioError : public std::runtime_error {
   public:
-    ScenarioError(std::string where, const std::string& what)
-        : std::runtime_error(what), where_(std::move(where))
+    ScenarioError(std::string where, const std::string& what, bool at_name = false)
+        : std::runtime_error(what), where_(std::move(where)), at_name_(at_name)
     {
     }
     const std::string& where() const { return where_; }
+    bool at_name() const { return at_name_; }
+    /* Every mistake of the file in the order of its text, as load_scenario
+     * throws them; the first is this one. */
+    const std::vector<Mistake>& mistakes() const { return mistakes_; }
+    void set_mistakes(std::vector<Mistake> m) { mistakes_ = std::move(m); }
 
   private:
     std::string where_;
+    bool at_name_;
+    std::vector<Mistake> mistakes_;
 };
+
+/* The mistakes of one load. While one lives, note() keeps each mistake
+ * and reading goes on past the member or step it spoils; without one a
+ * mistake is thrown, so readers used on their own stop at the first. */
+class MistakeList {
+  public:
+    MistakeList();
+    ~MistakeList();
+    MistakeList(const MistakeList&) = delete;
+    MistakeList& operator=(const MistakeList&) = delete;
+    std::vector<ScenarioError> errors;
+
+  private:
+    MistakeList* outer_;
+};
+void note(const ScenarioError& e);
+/* Runs one reader; a mistake it throws is noted. False when it threw. */
+bool read_on(const std::function<void()>& reader);
+/* How many mistakes the load has noted so far. */
+size_t mistakes_noted();
+/* The noted mistakes placed in the (well-formed) text, in its order. */
+std::vector<Mistake> place_mistakes(const std::string& text, const std::vector<ScenarioError>& errors);
+
+/* Edit distance ignoring case; two neighbours swapped count as one edit. */
+size_t edit_distance(const std::string& a, const std::string& b);
+/* The known names nearest to `name` (up to three as near), when near
+ * enough to be a slip of the keyboard. */
+std::vector<std::string> nearest_names(const std::string& name, const std::vector<std::string>& known);
+/* ' (did you mean "x"?)' naming those, or "" when no known name is near. */
+std::string did_you_mean(const std::string& name, const std::vector<std::string>& known);
+/* did_you_mean(), or when no name is near, ' (KINDS: "a", "b", ...)' listing every known one. */
+std::string name_hint(const std::string& name, const std::vector<std::string>& known,
+                      const std::string& kinds);
 
 /* A value of the scenario together with its JSON pointer. */
 struct Node {
@@ -36,7 +91,10 @@ struct Node {
     const json& operator*() const { return *j; }
     const json* operator->() const { return j; }
     Node at(size_t i) const;
+    ScenarioError mistake(const std::string& what, bool at_name = false) const;
     [[noreturn]] void fail(const std::string& what) const;
+    /* The member's name is the mistake (an unknown key). */
+    [[noreturn]] void fail_name(const std::string& what) const;
 };
 
 /* Appends one reference token to a JSON pointer (escaping "~" and "/"). */
@@ -51,12 +109,16 @@ class ObjReader {
     Node at(const std::string& key);
     /* The member if present (j == nullptr otherwise). */
     Node opt(const std::string& key);
+    /* Takes a member as read without reading it (its reader gave up). */
+    void mark_read(const std::string& key);
+    /* Notes each member nobody read, with the nearest name asked for. */
     void finish() const;
     const Node& node() const { return node_; }
 
   private:
     Node node_;
     std::set<std::string> used_;
+    std::set<std::string> asked_;
 };
 
 /* Integers are JSON numbers or strings such as "0x1F", "-3", "0b101". */
@@ -90,8 +152,8 @@ struct PathStep {
 };
 std::vector<PathStep> split_path(const std::string& path);
 
-/* Where a parse error sits in the text: "line L, column C". */
-std::string text_position(const std::string& text, size_t byte);
+/* Line and column (from 1) of a byte offset of the text. */
+std::pair<size_t, size_t> line_column(const std::string& text, size_t offset);
 
 /*
  * Compares a seen value with an expected one. Objects match when every

@@ -16,6 +16,16 @@ namespace {
 
 Step parse_step(const Node& n, bool in_setup);
 
+/* The names of a table, for hints. */
+template <typename Table> std::vector<std::string> names_of(const Table& t)
+{
+    std::vector<std::string> out;
+    for (const auto& kv : t) {
+        out.push_back(kv.first);
+    }
+    return out;
+}
+
 /* The points a named process can be killed at, by the names scenarios use. */
 const std::map<std::string, zsim::KillPoint>& kill_points()
 {
@@ -31,7 +41,11 @@ const std::map<std::string, zsim::KillPoint>& kill_points()
 /* A step that runs in a named process as part of a kill or "together" step. */
 Step part_step(const Node& n, const std::string& process)
 {
+    size_t before = mistakes_noted();
     Step p = parse_step(n, false);
+    if (mistakes_noted() != before) {
+        return p; /* a step with mistakes tells nothing sure about its process */
+    }
     if (!process.empty() && p.process.empty()) {
         p.process = process;
     }
@@ -59,11 +73,8 @@ Action act_kill(const Node& v, Step& st)
     std::string point = get_string(w, "a kill point");
     auto k = kill_points().find(point);
     if (k == kill_points().end()) {
-        std::string known;
-        for (const auto& kv : kill_points()) {
-            known += (known.empty() ? "\"" : ", \"") + kv.first + "\"";
-        }
-        w.fail("unknown kill point \"" + point + "\" (kill points: " + known + ")");
+        w.fail("unknown kill point \"" + point + "\"" +
+               name_hint(point, names_of(kill_points()), "kill points"));
     }
     st.kill_visit = static_cast<int>(opt_int(r, "at", 1, 1, 1000000, "the visit of the point to die at"));
     st.parts.push_back(part_step(r.at("during"), name));
@@ -81,14 +92,16 @@ Action act_together(const Node& v, Step& st)
         v.fail("expected a list of two or more steps, each in its own process");
     }
     for (size_t i = 0; i < v->size(); ++i) {
-        Step p = part_step(v.at(i), "");
-        for (const Step& q : st.parts) {
-            if (q.process == p.process) {
-                v.at(i).fail("process " + p.process + " has a step here already; one step per process");
+        read_on([&] {
+            Step p = part_step(v.at(i), "");
+            for (const Step& q : st.parts) {
+                if (q.process == p.process) {
+                    v.at(i).fail("process " + p.process + " has a step here already; one step per process");
+                }
             }
-        }
-        st.text += (st.text.empty() ? "together: " : "; ") + p.process + ": " + p.text;
-        st.parts.push_back(std::move(p));
+            st.text += (st.text.empty() ? "together: " : "; ") + p.process + ": " + p.text;
+            st.parts.push_back(std::move(p));
+        });
     }
     return [](Runner& run, StepReport& rep) { run.processes().together(*rep.step, run, rep); };
 }
@@ -107,13 +120,28 @@ const ActionTable& action_parsers()
     return t;
 }
 
-std::string known_keys(const ActionTable& m)
+std::string listed(const std::vector<std::string>& names)
 {
     std::string s;
-    for (const auto& kv : m) {
-        s += (s.empty() ? "" : ", ") + kv.first;
+    for (const std::string& n : names) {
+        s += (s.empty() ? "" : ", ") + n;
     }
     return s;
+}
+
+/* What a step holds besides its action. */
+const std::vector<std::string> kStepMembers = {"label", "process", "report", "args", "background", "expect"};
+
+/* A name that is neither an action nor a member of a step, with the
+ * nearest of both (a misspelt action or member alike). */
+ScenarioError unknown_step(const Node& n, const std::string& key, const ActionTable& actions)
+{
+    std::vector<std::string> names = names_of(actions);
+    std::vector<std::string> all = names;
+    all.insert(all.end(), kStepMembers.begin(), kStepMembers.end());
+    std::string hint = did_you_mean(key, all);
+    return Node{&(*n)[key], ptr_add(n.ptr, key)}.mistake(
+        "unknown step \"" + key + "\"" + (hint.empty() ? name_hint(key, names, "steps") : hint), true);
 }
 
 /* The one action key of a step ("" for a step of expectations only). */
@@ -133,23 +161,29 @@ std::string step_kind(const Node& n, const ActionTable& actions)
 
 void read_presentation(ObjReader& r, Step& st)
 {
-    if (Node l = r.opt("label"); l.j) {
-        st.label = get_string(l, "a label");
-    }
-    if (Node p = r.opt("process"); p.j) {
-        st.process = get_string(p, "a process name");
-        if (st.process.empty() ||
-            st.process.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_-") != std::string::npos) {
-            p.fail(
-                "a process name is a word of lower-case letters, digits, \"_\" and \"-\", such as \"fan\"");
+    read_on([&] {
+        if (Node l = r.opt("label"); l.j) {
+            st.label = get_string(l, "a label");
         }
-    }
-    if (Node rp = r.opt("report"); rp.j) {
-        st.report = get_string(rp, "full, summary or quiet");
-        if (st.report != "full" && st.report != "summary" && st.report != "quiet") {
-            rp.fail("expected \"full\", \"summary\" or \"quiet\"");
+    });
+    read_on([&] {
+        if (Node p = r.opt("process"); p.j) {
+            st.process = get_string(p, "a process name");
+            if (st.process.empty() ||
+                st.process.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_-") != std::string::npos) {
+                p.fail("a process name is a word of lower-case letters, digits, \"_\" and \"-\", such as "
+                       "\"fan\"");
+            }
         }
-    }
+    });
+    read_on([&] {
+        if (Node rp = r.opt("report"); rp.j) {
+            st.report = get_string(rp, "full, summary or quiet");
+            if (st.report != "full" && st.report != "summary" && st.report != "quiet") {
+                rp.fail("expected \"full\", \"summary\" or \"quiet\"");
+            }
+        }
+    });
 }
 
 /* A call step: the arguments are a sibling of "call". */
@@ -189,16 +223,14 @@ void read_expectations(const Node& e, Step& st)
     for (auto it = e->begin(); it != e->end(); ++it) {
         auto p = checks.find(it.key());
         if (p == checks.end()) {
-            std::string keys;
-            for (const auto& kv : checks) {
-                keys += (keys.empty() ? "" : ", ") + kv.first;
-            }
-            Node{&it.value(), ptr_add(e.ptr, it.key())}.fail("unknown expectation \"" + it.key() +
-                                                             "\" (expectations: " + keys + ")");
+            note(Node{&it.value(), ptr_add(e.ptr, it.key())}.mistake(
+                "unknown expectation \"" + it.key() + "\"" +
+                    name_hint(it.key(), names_of(checks), "expectations"),
+                true));
+            continue;
         }
-        p->second(er.at(it.key()), st.checks, st);
+        read_on([&] { p->second(er.at(it.key()), st.checks, st); });
     }
-    er.finish();
 }
 
 Step parse_step(const Node& n, bool in_setup)
@@ -208,31 +240,48 @@ Step parse_step(const Node& n, bool in_setup)
     ObjReader r(n);
     const ActionTable& actions = action_parsers();
     std::string kind = step_kind(n, actions);
-    if (kind.empty() && !(r.has("expect") && !in_setup)) {
-        n.fail("a step needs one of: " + known_keys(actions) + (in_setup ? "" : " (or only \"expect\")"));
+    bool unknown = false;
+    for (auto it = n->begin(); kind.empty() && it != n->end(); ++it) {
+        if (std::find(kStepMembers.begin(), kStepMembers.end(), it.key()) == kStepMembers.end()) {
+            note(unknown_step(n, it.key(), actions));
+            r.mark_read(it.key());
+            unknown = true;
+        }
+    }
+    if (kind.empty() && !unknown && !(r.has("expect") && !in_setup)) {
+        n.fail("a step needs one of: " + listed(names_of(actions)) +
+               (in_setup ? "" : " (or only \"expect\")"));
     }
     read_presentation(r, st);
     st.kind = kind.empty() ? "expect" : kind;
     if (!kind.empty()) {
         Node v = r.at(kind);
-        st.action = actions.at(kind)(v, st);
-        if (kind == "call") {
-            read_call(r, v, st);
+        bool read = read_on([&] {
+            st.action = actions.at(kind)(v, st);
+            if (kind == "call") {
+                read_call(r, v, st);
+            }
+        });
+        if (!read && kind == "call") {
+            r.mark_read("args"); /* they belong to a call that cannot be read */
+            r.mark_read("background");
         }
     }
     bool& rebooted = machine_rebooted();
     if (kind == "call" && st.process.empty() && rebooted) {
-        n.fail("after a BMC reboot or AC power cycle the runner's own process holds the library of before; "
-               "name the process this call runs in (\"process\": \"...\")");
+        note(n.mistake("after a BMC reboot or AC power cycle the runner's own process holds the library of "
+                       "before; name the process this call runs in (\"process\": \"...\")"));
     }
     if (st.restarts == "*") {
         rebooted = true;
     }
     if (Node e = r.opt("expect"); e.j) {
-        if (in_setup) {
-            e.fail("the set-up has no expectations; put them in a step");
-        }
-        read_expectations(e, st);
+        read_on([&] {
+            if (in_setup) {
+                e.fail("the set-up has no expectations; put them in a step");
+            }
+            read_expectations(e, st);
+        });
     }
     r.finish();
     return st;
@@ -245,7 +294,7 @@ std::vector<Step> parse_steps(const Node& n, bool in_setup)
     }
     std::vector<Step> out;
     for (size_t i = 0; i < n->size(); ++i) {
-        out.push_back(parse_step(n.at(i), in_setup));
+        read_on([&] { out.push_back(parse_step(n.at(i), in_setup)); });
     }
     return out;
 }
@@ -269,6 +318,55 @@ std::vector<std::string> missing_functions(const Scenario& s)
     return out;
 }
 
+namespace {
+
+/* A text that is no JSON: nothing after the mistake can be read. */
+ScenarioError syntax_error(const std::string& text, size_t offset, const std::string& what)
+{
+    std::pair<size_t, size_t> lc = line_column(text, offset);
+    ScenarioError e("line " + std::to_string(lc.first) + ", column " + std::to_string(lc.second), what);
+    e.set_mistakes({Mistake{"", what, lc.first, lc.second}});
+    return e;
+}
+
+void read_scenario(const json& doc, Scenario& s)
+{
+    Node root{&doc, ""};
+    ObjReader r(root);
+    read_on([&] { s.name = get_string(r.at("name"), "the scenario's name"); });
+    read_on([&] {
+        if (Node d = r.opt("description"); d.j) {
+            s.description = get_string(d, "a description");
+        }
+    });
+    read_on([&] {
+        if (Node m = r.opt("machine"); m.j) {
+            std::string v = get_string(m, "\"default\" or \"empty\"");
+            if (v != "default" && v != "empty") {
+                m.fail("expected \"default\" (the fully populated chassis) or \"empty\" (only the root)");
+            }
+            s.default_machine = v == "default";
+        }
+    });
+    read_on([&] {
+        if (Node a = r.opt("save_area"); a.j) {
+            s.save_area = get_bool(a, "true or false");
+        }
+    });
+    read_on([&] {
+        s.sem_wait_ms =
+            static_cast<int>(opt_int(r, "sem_wait_ms", 0, 1, 600000, "milliseconds of real time"));
+    });
+    MachineModel machine(s.default_machine);
+    if (Node st = r.opt("setup"); st.j) {
+        read_on([&] { s.setup = parse_steps(st, true); });
+    }
+    read_on([&] { s.steps = parse_steps(r.at("steps"), false); });
+    r.finish();
+}
+
+} // namespace
+
 Scenario load_scenario(const std::string& text, const std::string& file)
 {
     json doc;
@@ -277,42 +375,28 @@ Scenario load_scenario(const std::string& text, const std::string& file)
     } catch (const json::parse_error& e) {
         std::string msg = e.what();
         size_t cut = msg.find("syntax error");
-        throw ScenarioError(text_position(text, e.byte), cut == std::string::npos ? msg : msg.substr(cut));
+        throw syntax_error(text, e.byte == 0 ? 0 : e.byte - 1,
+                           cut == std::string::npos ? msg : msg.substr(cut));
     } catch (const json::out_of_range& e) {
         // A number too large for a double: the reader names it but gives no byte, so find it.
         std::string msg = e.what();
         size_t open = msg.find('\'');
         size_t close = open == std::string::npos ? open : msg.find('\'', open + 1);
         size_t at = close == std::string::npos ? 0 : text.find(msg.substr(open + 1, close - open - 1));
-        throw ScenarioError(text_position(text, at == std::string::npos ? 0 : at + 1),
-                            "number out of range: " +
-                                (close == std::string::npos ? msg : msg.substr(open, close - open + 1)));
+        throw syntax_error(text, at == std::string::npos ? 0 : at,
+                           "number out of range: " +
+                               (close == std::string::npos ? msg : msg.substr(open, close - open + 1)));
     }
     Scenario s;
     s.file = file;
-    Node root{&doc, ""};
-    ObjReader r(root);
-    s.name = get_string(r.at("name"), "the scenario's name");
-    if (Node d = r.opt("description"); d.j) {
-        s.description = get_string(d, "a description");
+    MistakeList noted;
+    read_on([&] { read_scenario(doc, s); });
+    if (!noted.errors.empty()) {
+        std::vector<Mistake> all = place_mistakes(text, noted.errors);
+        ScenarioError first(all[0].where, all[0].what);
+        first.set_mistakes(std::move(all));
+        throw first;
     }
-    if (Node m = r.opt("machine"); m.j) {
-        std::string v = get_string(m, "\"default\" or \"empty\"");
-        if (v != "default" && v != "empty") {
-            m.fail("expected \"default\" (the fully populated chassis) or \"empty\" (only the root)");
-        }
-        s.default_machine = v == "default";
-    }
-    if (Node a = r.opt("save_area"); a.j) {
-        s.save_area = get_bool(a, "true or false");
-    }
-    s.sem_wait_ms = static_cast<int>(opt_int(r, "sem_wait_ms", 0, 1, 600000, "milliseconds of real time"));
-    MachineModel machine(s.default_machine);
-    if (Node st = r.opt("setup"); st.j) {
-        s.setup = parse_steps(st, true);
-    }
-    s.steps = parse_steps(r.at("steps"), false);
-    r.finish();
     return s;
 }
 

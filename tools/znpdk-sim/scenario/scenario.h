@@ -12,13 +12,40 @@
 
 namespace zcmd {
 
+class Runner;
+struct Step;
+struct StepReport;
+
+/* Sees a run as it goes, from outside (the IPMI server, the property checks
+ * of a campaign): after its set-up, after every step (its changes made and
+ * its expectations checked, before it is printed) and after the last step; a
+ * failure it adds to a report counts as that step's. It also serves hold
+ * steps and may stop a run early. */
+class RunObserver {
+  public:
+    virtual ~RunObserver() = default;
+    virtual void after_setup(Runner&, StepReport& /*setup*/) {}
+    virtual void after_step(Runner&, const Step&, StepReport&) {}
+    /* After the last step, before the named processes end. */
+    virtual void after_run(Runner&) {}
+    /* A hold step: real seconds (0: no limit), or until a client came and
+     * went quiet; returns what happened, for the report. */
+    virtual std::string hold(int /*seconds*/, bool /*until_client*/)
+    {
+        return "nothing to wait for (not serving)";
+    }
+    /* The person asked to stop: the remaining steps are not run. */
+    virtual bool stopping() const { return false; }
+};
+
 struct Options {
     bool json = false;
     bool trace = false;
     bool verbose = false;
     bool keep_root = false;
-    std::string root;     /* "" = a fresh temporary directory */
-    std::string timeline; /* an SVG file to write the run's picture to */
+    std::string root;                /* "" = a fresh temporary directory */
+    std::string timeline;            /* an SVG file to write the run's picture to */
+    RunObserver* observer = nullptr; /* sees the run from outside (IPMI server, property checks) */
 };
 
 struct Event {
@@ -33,8 +60,6 @@ struct Failure {
     std::string where;
     std::string what;
 };
-
-struct Step;
 
 struct StepReport {
     size_t index = 0;
@@ -58,7 +83,6 @@ struct StepReport {
     int checks = 0;
 };
 
-class Runner;
 struct Function;
 using Action = std::function<void(Runner&, StepReport&)>;
 using Check = std::function<void(Runner&, StepReport&)>;
@@ -93,8 +117,9 @@ struct Scenario {
     std::vector<Step> steps;
 };
 
-/* Reads a scenario; throws ScenarioError with the JSON pointer (or the
- * line and column of a syntax error) of the first mistake. */
+/* Reads a scenario; a file with mistakes throws a ScenarioError that lists
+ * all of them (mistakes()), each placed in the text; its where() is the
+ * first one's JSON pointer, or "line L, column C" of a syntax error. */
 Scenario load_scenario(const std::string& text, const std::string& file);
 
 /* Runs a scenario in this process (which must not have run one before)

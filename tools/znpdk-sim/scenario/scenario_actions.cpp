@@ -57,16 +57,37 @@ Action act_wait_threads(const Node& v, Step& st)
     };
 }
 
+/* Lets a person look at the served machine in the middle of a story; outside
+ * the server there is nothing to wait for. */
+Action act_hold(const Node& v, Step& st)
+{
+    ObjReader r(v);
+    const int seconds = static_cast<int>(opt_int(r, "seconds", 0, 1, 86400, "seconds of real time"));
+    bool until_client = false;
+    if (Node u = r.opt("until"); u.j) {
+        if (get_string(u, "\"client\"") != "client") {
+            u.fail("expected \"client\" (wait until a client has come and gone quiet)");
+        }
+        until_client = true;
+    }
+    r.finish();
+    if (seconds == 0 && !until_client) {
+        v.fail("a hold needs \"seconds\" or \"until\": \"client\"");
+    }
+    st.text = "hold " + std::string(until_client ? "until a client has looked" : "") +
+              (until_client && seconds ? ", at most " : "") + (seconds ? std::to_string(seconds) + " s" : "");
+    return [seconds, until_client](Runner& run, StepReport& rep) {
+        RunObserver* o = run.options().observer;
+        rep.text += ": " + (o != nullptr ? o->hold(seconds, until_client) : RunObserver().hold(0, false));
+    };
+}
+
 Action act_call(const Node& v, Step&)
 {
     std::string name = get_string(v, "a function name");
     const Function* f = find_function(name);
     if (f == nullptr) {
-        std::string hint;
-        for (const std::string& s : similar_functions(name)) {
-            hint += (hint.empty() ? " (did you mean " : ", ") + s;
-        }
-        v.fail("unknown function \"" + name + "\"" + (hint.empty() ? "" : hint + "?)"));
+        v.fail("unknown function \"" + name + "\"" + did_you_mean(name, function_names()));
     }
     /* The arguments are a sibling of "call": parse_step makes the action. */
     return {};
@@ -474,7 +495,11 @@ Action act_inject(const Node& v, Step& st)
     Node n = r.at(kind);
     auto k = kinds.find(kind);
     if (k == kinds.end()) {
-        n.fail("unknown failure \"" + kind + "\"");
+        std::vector<std::string> names;
+        for (const auto& kv : kinds) {
+            names.push_back(kv.first);
+        }
+        n.fail_name("unknown failure \"" + kind + "\"" + did_you_mean(kind, names));
     }
     st.text = "failure injected: " + kind;
     Action a = k->second(kind, n);
@@ -491,6 +516,7 @@ void add_machine_actions(ActionTable& t)
     t["advance"] = act_advance;
     t["set_time"] = act_set_time;
     t["wait_threads"] = act_wait_threads;
+    t["hold"] = act_hold;
     t["add_component"] = act_add_component;
     t["remove_component"] = act_remove_component;
     t["record"] = act_record;

@@ -214,7 +214,14 @@ std::string path_of(const Node& n)
             n.fail("\"" + step + "\" is not a component step of the form TYPE#number");
         }
         if (zsim::type_from_name(step.substr(0, hash)) <= 0) {
-            n.fail("unknown component type \"" + step.substr(0, hash) + "\"");
+            std::vector<std::string> types;
+            for (int type = COMPO_SYSTEM; type < kLastType; ++type) {
+                if (!zsim::type_name(type).empty()) {
+                    types.push_back(zsim::type_name(type));
+                }
+            }
+            n.fail("unknown component type \"" + step.substr(0, hash) + "\"" +
+                   did_you_mean(step.substr(0, hash), types));
         }
         i = end == std::string::npos ? p.size() : end + 1;
     }
@@ -226,11 +233,11 @@ const RecordKind& record_of(const Node& n)
     std::string name = get_string(n, "a record name");
     const RecordKind* k = find_record(name);
     if (k == nullptr) {
-        std::string names;
+        std::vector<std::string> known;
         for (const RecordKind& r : record_kinds()) {
-            names += (names.empty() ? "" : ", ") + std::string(r.name);
+            known.emplace_back(r.name);
         }
-        n.fail("unknown record \"" + name + "\" (records: " + names + ")");
+        n.fail("unknown record \"" + name + "\"" + name_hint(name, known, "records"));
     }
     return *k;
 }
@@ -247,7 +254,7 @@ Ref bits_field(const Type& t, const Node& key_node, const std::string& key)
     try {
         r = resolve(t, key);
     } catch (const std::invalid_argument& e) {
-        key_node.fail(std::string("unknown field: ") + e.what());
+        key_node.fail_name(std::string("unknown field: ") + e.what());
     }
     if (r.type->is_struct || !r.dims.empty() || r.type->scalar == Scalar::Pointer) {
         key_node.fail("\"" + key + "\" is not a single number");
