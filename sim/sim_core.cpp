@@ -108,8 +108,7 @@ Shared* map_shared(const std::string& root)
 void reset_shared(Shared* s)
 {
     /* Everything up to the record slots; a slot is cleared when handed out. */
-    memset(s, 0, offsetof(Shared, slots));
-    init_shared_mutex(&s->meta, false);
+    memset(s, 0, offsetof(Shared, slots)); /* the locks too: free */
     s->clock = kEpoch;
     s->size = static_cast<uint32_t>(sizeof(Shared));
     reset_db_shared(s);
@@ -201,45 +200,18 @@ Shared* shared()
     return g_shared;
 }
 
-int lock_robust(pthread_mutex_t* m)
-{
-    int rc = pthread_mutex_lock(m);
-    if (rc == EOWNERDEAD) {
-        pthread_mutex_consistent(m);
-        rc = 0;
-    }
-    return rc;
-}
-
-void init_shared_mutex(pthread_mutex_t* m, bool errorcheck)
-{
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    if (errorcheck) {
-        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    }
-    if (pthread_mutex_init(m, &attr) != 0) {
-        /* No robust futex lists (e.g. under qemu-user): still shared, just not robust. */
-        pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_STALLED);
-        pthread_mutex_init(m, &attr);
-    }
-    pthread_mutexattr_destroy(&attr);
-}
-
 MetaLock::MetaLock() : held_(false)
 {
     Shared* s = shared();
     if (s != nullptr) {
-        held_ = lock_robust(&s->meta) == 0;
+        held_ = lock_shared(&s->meta, 0) == 0;
     }
 }
 
 MetaLock::~MetaLock()
 {
     if (held_) {
-        pthread_mutex_unlock(&shared()->meta);
+        unlock_shared(&shared()->meta);
     }
 }
 

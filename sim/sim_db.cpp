@@ -1,7 +1,6 @@
 /* Component database: shared tree, records and cross-process write locks. */
 #include <errno.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,11 +44,6 @@ std::string describe(int oid)
 {
     std::string p = path_of(oid);
     return "oid " + std::to_string(oid) + (p.empty() ? std::string() : " " + p);
-}
-
-long thread_id()
-{
-    return static_cast<long>(syscall(SYS_gettid));
 }
 
 /* Pre-order walk below `oid` (excluding it); stops when `visit` says so. */
@@ -196,7 +190,6 @@ void reset_db_shared(Shared* s)
     root.used = 1;
     root.type = COMPO_SYSTEM;
     root.no = 0;
-    init_shared_mutex(&root.lock, true);
     s->component_count = 1;
 }
 
@@ -330,7 +323,6 @@ int add_component(int type, int no, const std::vector<int>& parents)
     for (size_t i = 1; i < parents.size() && i <= static_cast<size_t>(internal::kMaxParents); ++i) {
         e.extra_parents[i - 1] = parents[i];
     }
-    internal::init_shared_mutex(&e.lock, true);
     if (p->last_child == 0) {
         p->first_child = oid;
     } else {
@@ -626,19 +618,19 @@ void Component::writeLock()
                                       " took the write lock of " + zsim::internal::describe(oid_) +
                                       " while holding " + zsim::internal::describe(t_held.back()));
     }
-    pthread_mutex_t* m = nullptr;
+    zsim::internal::SharedLock* l = nullptr;
     {
         MetaLock lock;
         ComponentEntry* e = entry(shared(), oid_);
         if (e != nullptr) {
-            m = &e->lock;
+            l = &e->lock;
         }
     }
-    if (m == nullptr) {
+    if (l == nullptr) {
         return;
     }
-    /* Error-checking mutex: a second lock by the holder reports instead of hanging. */
-    if (zsim::internal::lock_robust(m) == 0) {
+    /* A second lock by the holder reports instead of hanging. */
+    if (zsim::internal::lock_shared(l, oid_) == 0) {
         t_held.push_back(oid_);
     }
 }
@@ -657,7 +649,7 @@ void Component::writeUnlock()
     MetaLock lock;
     ComponentEntry* e = entry(shared(), oid_);
     if (e != nullptr) {
-        pthread_mutex_unlock(&e->lock);
+        zsim::internal::unlock_shared(&e->lock);
     }
 }
 

@@ -24,6 +24,16 @@ constexpr int kMaxRegisters = 4096;
 constexpr int kMaxSemNames = 64;
 constexpr uint32_t kEpoch = 1767225600u; /* 2026-01-01 00:00:00 UTC */
 
+/* A lock the processes of a machine share through the mapping (all zero:
+ * free). A holder that dies with it taken (killed) is noticed by the next
+ * waiter, which takes it over and goes on, on the host and under qemu-user
+ * alike (sim_lock.cpp). */
+struct SharedLock {
+    uint32_t word;   /* the holder's thread id, with a flag while others sleep on it */
+    uint32_t holder; /* the thread id that `start` belongs to (0: none) */
+    uint32_t start;  /* the holder's start time: a reused thread id is not the holder */
+};
+
 /* One component of the shared tree. Children form a singly linked list
  * (insertion order); extra parents only answer getParents. */
 struct ComponentEntry {
@@ -38,7 +48,7 @@ struct ComponentEntry {
     int32_t records[kKeyCount]; /* slot index + 1, 0 = never stored */
     uint32_t reads;
     uint32_t writes;
-    pthread_mutex_t lock; /* the component's write lock */
+    SharedLock lock; /* the component's write lock */
 };
 
 struct RecordSlot {
@@ -63,7 +73,7 @@ struct alignas(64) SemSlot { /* own cache lines: instances do not share one */
 struct Shared {
     uint32_t magic;
     uint32_t size;
-    pthread_mutex_t meta; /* guards tree, records, registers, names */
+    SharedLock meta; /* guards tree, records, registers, names */
     uint32_t clock;
     int32_t component_count; /* highest object id handed out */
     int32_t record_count;
@@ -78,7 +88,7 @@ struct Shared {
 /* The mapping of the current root, or null before init/attach. */
 Shared* shared();
 
-/* Holds the shared meta mutex (robust: recovers from a dead owner). */
+/* Holds the shared meta lock. */
 class MetaLock {
   public:
     MetaLock();
@@ -90,9 +100,14 @@ class MetaLock {
     bool held_;
 };
 
-/* Locks a robust mutex, making it consistent when its owner died. */
-int lock_robust(pthread_mutex_t* m);
-void init_shared_mutex(pthread_mutex_t* m, bool errorcheck);
+/* Takes `l`, taking it over from a holder that died; EDEADLK when this
+ * thread holds it already. `oid` names it in the report of a long wait
+ * (0: the meta lock). */
+int lock_shared(SharedLock* l, int oid);
+/* Gives back `l`, which this thread holds (the callers know it). */
+void unlock_shared(SharedLock* l);
+/* This thread's id (cached). */
+uint32_t thread_id();
 
 /* Per-area resets of process-local state, called by init()/attach(). */
 void reset_ipmi();

@@ -224,7 +224,8 @@ bool wait_library_threads(int timeout_ms = 20000);
  *                    ("/filelock_snsdata%d"): reached right after the lock is
  *                    taken and right before it is released, twice per write;
  *   RecordWrite      inside a component record write (setProperty): reached
- *                    before and after the record's bytes are stored;
+ *                    before and after the record's bytes are stored (the
+ *                    write lock it dies holding goes to the next locker);
  *   EscalationWrite  in the middle of an escalation table rebuild: every
  *                    write() to, and every rename() onto, an escalation file
  *                    ("esctable_inst" in its name);
