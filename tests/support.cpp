@@ -9,7 +9,9 @@
 #include <stdio.h>
 
 #include <cstring>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 #include <vector>
 
 namespace ztest {
@@ -28,6 +30,23 @@ TempRoot::~TempRoot()
 {
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
+}
+
+MeetAtTrace::MeetAtTrace(uint32_t id, int ms)
+{
+    zsim::set_trace_sink([this, id, ms](const zsim::TraceLine& t) {
+        if (t.debug || t.id != id || ++arrived > 1) {
+            return;
+        }
+        for (int i = 0; i < ms && arrived < 2; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+}
+
+MeetAtTrace::~MeetAtTrace()
+{
+    zsim::set_trace_sink(nullptr);
 }
 
 namespace {

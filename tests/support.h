@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,6 +39,15 @@ struct TempRoot {
 
 /* RAS codes logged so far, each checked to be the chassis's (BMCInst 17). */
 std::vector<std::string> ras_codes();
+
+/* While it lives, the first thread to write trace `id` waits there (up to
+ * `ms`) for a second one: two threads meet there only where no lock keeps
+ * the second out. */
+struct MeetAtTrace {
+    MeetAtTrace(uint32_t id, int ms);
+    ~MeetAtTrace();
+    std::atomic<int> arrived{0};
+};
 
 /* The escalation table file of an instance. */
 std::string esc_path(int inst);

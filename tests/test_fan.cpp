@@ -273,6 +273,19 @@ TEST_F(FanRedundancyTest, FancErrorWhenSpeedChangeFails)
     EXPECT_EQ((std::vector<std::string>{"BFW_CFG_FAN_H0", zsim::kFanHapRasCode}), ras_codes());
 }
 
+TEST_F(FanRedundancyTest, ConcurrentChecksActOnOneTransitionOnce)
+{
+    frue(3, 0x0010);
+    ztest::MeetAtTrace meet(0x80060007, 500); /* the verdict line, written under the lock */
+    std::atomic<int> lost{0};
+    std::thread other([&] { lost += znpdklib_check_fan_redundancy(1, nullptr); });
+    lost += znpdklib_check_fan_redundancy(1, nullptr);
+    other.join();
+    EXPECT_EQ(2, lost.load());
+    EXPECT_EQ(std::vector<std::string>{"BFW_CFG_FAN_H0"}, ras_codes());
+    EXPECT_EQ(0x4, ztest::state(17, kRedSns));
+}
+
 TEST_F(FanRedundancyTest, MaintenancePreCheck)
 {
     struct Case {
@@ -283,8 +296,9 @@ TEST_F(FanRedundancyTest, MaintenancePreCheck)
         int answer;
     };
     const Case cases[] = {
-        {2, 0x00, 0, false, 1},  {2, 0x30, -1, false, 0}, {2, 0x31, -1, false, 1},  {1, 0x10, -1, false, 1},
-        {0, 0x00, -1, false, 0}, {4, 0x00, -1, false, 1}, {-1, 0x00, -1, false, 0}, {2, 0xFF, 1, true, 0},
+        {2, 0x00, 0, false, 1},   {2, 0x30, -1, false, 0}, {2, 0x31, -1, false, 1},
+        {1, 0x10, -1, false, 1},  {0, 0x00, -1, false, 0}, {4, 0x00, -1, false, 1},
+        {-1, 0x00, -1, false, 0}, {2, 0xFF, 1, true, 0},   {0, 0x00, 3, false, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.fanu);

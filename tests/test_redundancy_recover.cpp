@@ -126,6 +126,7 @@ TEST_F(AlarmLed, OffOnlyWhenNoSensorShowsEpoOrError)
     };
     const Row rows[] = {
         {{}, 3, 1, nullptr},
+        {{}, 1, 1, nullptr}, /* already off: left alone */
         {{{17, 20, 0x24}, {17, 21, 0x10}, {4, 9, 0x2}}, 2, 1, nullptr},
         {{{5, 40, 0x200}, {6, 40, 0x1}}, 3, 3, "eval_led_state=2 by Node#4 sensor"},
         {{{17, 30, 0x10}, {1, 10, 0x200}}, 1, 1, "eval_led_state=3 by Chassis sensor"},

@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
@@ -44,6 +45,30 @@ TEST_F(SeqFlagsTest, SetAndClearTouchOnlyTheirBits)
     EXPECT_EQ(0, memcmp(&before, &after, sizeof(after)));
     EXPECT_EQ("znpdklib_shmem_sequence_flags():mode=2 target = 80000001 00010001",
               ztest::texts_with_id(0x0541100F).at(2));
+}
+
+/* Flags set one bit a call while another thread registers jobs in the same
+ * area: a read-modify-write outside the lock loses bits for good. */
+TEST_F(SeqFlagsTest, FlagsSetBesideJobRegistrationsAreKept)
+{
+    for (int round = 0; round < 10; ++round) {
+        std::atomic<bool> started{false}, done{false};
+        std::thread jobs([&] {
+            while (!done) {
+                znpdklib_shmem_corvo_job_regist_flags(1, 5, 7, 1, nullptr);
+                started = true;
+            }
+        });
+        while (!started) {
+        }
+        for (int b = 0; b < 64; ++b) {
+            znpdklib_shmem_sequence_flags(1, 1ull << b);
+        }
+        done = true;
+        jobs.join();
+        ASSERT_EQ(~0ull, area().job_in_sequence) << round;
+        znpdklib_shmem_sequence_flags(2, ~0ull);
+    }
 }
 
 TEST_F(SeqFlagsTest, MonitorCheckMasksPerInstance)
