@@ -145,9 +145,12 @@ SensorInfo_T sensor(int inst, uint8_t num)
     SensorInfo_T r;
     memset(&r, 0, sizeof(r));
     if (sensor_present(inst, num)) {
-        const SensorInfo_T& live = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
-        r = live;
-        r.SensorReading = __atomic_load_n(&live.SensorReading, __ATOMIC_RELAXED);
+        /* The whole record under the instance's sensor mutex, as the stack reads it: a library
+         * thread may be changing it (the reading and its previous state) at this moment. */
+        pthread_mutex_t* m = &g_BMCInfo[inst].SensorSharedMemMutex;
+        pthread_mutex_lock(m);
+        r = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
+        pthread_mutex_unlock(m);
     }
     return r;
 }
@@ -169,8 +172,11 @@ void set_sensor_reading(int inst, uint8_t num, uint16_t reading)
         return;
     }
     SensorInfo_T& r = g_BMCInfo[inst].SensorSharedMem.SensorInfo[num];
+    pthread_mutex_t* m = &g_BMCInfo[inst].SensorSharedMemMutex;
+    pthread_mutex_lock(m);
     __atomic_store_n(&r.SensorReading, reading, __ATOMIC_RELAXED);
     r.PreviousState = reading;
+    pthread_mutex_unlock(m);
 }
 
 std::vector<SELEventRecord_T> sel(int inst)
