@@ -96,7 +96,9 @@ ConsoleResult read_console_answer(const std::vector<std::string>& lines)
     for (const std::string& l : lines) {
         if (l.compare(0, 2, "**") == 0) {
             r.ok = false;
-            r.error += (r.error.empty() ? "" : "; ") + l.substr(2);
+            const size_t text = l.find_first_not_of(" \t\r", 2);
+            r.error += (r.error.empty() ? "" : "; ") +
+                       (text == std::string::npos ? std::string("an error without text") : l.substr(text));
         } else if (l.compare(0, 13, "Added record ") == 0) {
             const std::string n = l.substr(13);
             if (!n.empty() && n.size() <= 5 && n.find_first_not_of("0123456789") == std::string::npos) {
