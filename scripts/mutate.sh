@@ -110,7 +110,9 @@ if ((${#ids[@]} == 0)); then
 fi
 
 # The scratch copy: the tracked files as they stand in the working tree,
-# copied only where they differ, so that builds stay incremental.
+# copied only where they differ, so that builds stay incremental. Copies get
+# a new time stamp (no -p): a file put back to an older time than the objects
+# built from its mutant would leave the mutant compiled in.
 work=build/mutate
 src=$work/src
 mkdir -p "$src"
@@ -118,7 +120,7 @@ while IFS= read -r -d '' f; do
   [[ -f $f ]] || continue
   if ! cmp -s "$f" "$src/$f" 2>/dev/null; then
     mkdir -p "$src/$(dirname "$f")"
-    cp -p "$f" "$src/$f"
+    cp "$f" "$src/$f"
   fi
 done < <(git ls-files -z)
 
@@ -138,7 +140,7 @@ fi
 results=$work/results.txt
 : >"$results"
 killed=0 survived=0 timedout=0 equivalent=0 broken=0 total=0
-restore() { cp -p "$1" "$src/$1"; }
+restore() { cp "$1" "$src/$1"; }
 
 for id in "${ids[@]}"; do
   i=$(index_of "$id")
