@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include "fan_support.h"
@@ -188,6 +190,15 @@ TEST_F(FanSpeedTest, ConcurrentThreadsAndProcessesLoseNoBit)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(0xAAAAAAAAAAAAAAAAull, sys().fanfull_reason);
     EXPECT_TRUE(zsim::lock_violations().empty());
+    /* A change waits for another holder of the root's write lock. */
+    std::future<int> add;
+    {
+        sp::sysobj::Component::WriteLock hold(zsim::component(1));
+        add = std::async(std::launch::async, [] { return znpdklib_max_fan_speed(1); });
+        EXPECT_EQ(std::future_status::timeout, add.wait_for(std::chrono::milliseconds(100)));
+    }
+    EXPECT_EQ(1, add.get());
+    EXPECT_EQ(0xAAAAAAAAAAAAAAABull, sys().fanfull_reason);
 }
 
 using FanRedundancyTest = SimTest;

@@ -171,11 +171,12 @@ TEST_F(SimTest, AcPowerOnWithMissingUnits)
     set_status(zsim::find(COMPO_CMU, 3), 0);
     set_status(zsim::find_path("/SYSTEM#0/CMU#0/AOC#1"), 0);
     set_status(zsim::find_path("/SYSTEM#0/CMU#2/CPU#1/MEM#2"), 0);
+    zsim::remove_component(zsim::find_path("/SYSTEM#0/CMU#1/CPU#0")); /* node 2: no memory at all */
     set_status(zsim::find_path("/SYSTEM#0/NODE#9/PCIECARD#0"), 0);
     zsim::remove_component(zsim::find_path("/SYSTEM#0/NODE#5/SSD#0"));
-    /* PSU status bits: 0x8000 wins over 0x4000; FRUROM 90 decides 8 or 6 */
+    /* PSU status bits: 0x1000 wins over 0x8000, 0x8000 over 0x4000; FRUROM 90 decides 8 or 6 */
     set_status(zsim::find(COMPO_PSU, 2), inst_bit | 0x8000 | 0x4000);
-    set_status(zsim::find(COMPO_PSU, 5), inst_bit | 0x1000 | 0x0004 | 0x0080);
+    set_status(zsim::find(COMPO_PSU, 5), inst_bit | 0x1000 | 0x8000 | 0x0004 | 0x0080);
     set_status(zsim::find_path("/SYSTEM#0/PSU#5/FRUROM#90"), 0x0004);
     set_status(zsim::find(COMPO_PSU, 6), inst_bit | 0x0004 | 0x0020 | 0x20000000);
     setup_system_info_t setup = zsim::get<setup_system_info_t>(1, PROP_SETUP_INFO);
@@ -184,12 +185,13 @@ TEST_F(SimTest, AcPowerOnWithMissingUnits)
     setup.maintenance_sensor[33] = 2;
     zsim::put(1, PROP_SETUP_INFO, setup);
 
-    States before = scramble({{{17, 54}, 0x0010}});
+    sns(1, 58, 0xC2, 0x02); /* AOC 1's error sensor 58, in error: not installed all the same */
+    States before = scramble({{{17, 54}, 0x0010}, {{1, 58}, 0x0010}});
     States changed = {{{17, 54}, 1},       {{17, 183}, 1},     {{17, 115}, 0x3000}, {{17, 52}, 0x0040},
                       {{17, 113}, 0x3003}, {{17, 55}, 0x0080}, {{17, 116}, 0x310B}, {{17, 117}, 0x3445},
                       {{17, 202}, 1},      {{17, 206}, 1},     {{17, 211}, 1},      {{17, 212}, 1},
                       {{17, 4}, 0x0008},   {{17, 32}, 0},      {{17, 222}, 0x0004}, {{6, 36}, 1},
-                      {{10, 8}, 1},        {{10, 66}, 1}};
+                      {{10, 8}, 1},        {{10, 66}, 1},      {{3, 36}, 1}};
     for (int s : {1, 4, 5, 6, 12, 13, 40, 41, 42, 43, 44, 45, 46, 47, 48, 71}) {
         changed[{7, s}] = 1; /* CMU 3 not installed: its FRU sensors on instance 7 */
     }
@@ -432,12 +434,13 @@ TEST_F(EmptySimTest, EscalationSearch)
     put(files.img[3], 42, 1, 1, 5, 60, 42); /* even-node target (5, 60) */
     put(files.img[3], 43, 1, 1, 5, 60, 43); /* both node targets: recorded twice */
     put(files.img[3], 43, 2, 1, 5, 60, 43);
-    put(files.img[2], 44, 0, 0, 5, 60, 44); /* not valid */
-    put(files.img[2], 45, 0, 1, 4, 60, 45); /* other instance */
-    for (int f : {2, 7, 12}) {              /* three matches sharing their targets */
+    put(files.img[2], 44, 0, 0, 5, 60, 44);  /* not valid */
+    put(files.img[2], 45, 0, 1, 4, 60, 45);  /* other instance */
+    put(files.img[2], 46, 0, 1, 5, 255, 46); /* parent (5, 255): the last sensor number */
+    for (int f : {2, 7, 12}) {               /* three matches sharing their targets */
         put(files.img[f], 9, 0, 1, 17, 35, 9);
         put(files.img[f], 9, 1, 1, 5, 10, 9);
-        put(files.img[f], 9, 3, 1, 17, 33, 9);
+        put(files.img[f], 9, 3, 1, 17, f == 12 ? 34 : 33, 9); /* the first chassis target counts */
     }
     put(files.img[12], 9, 2, 1, 18, 10, 9); /* target instance out of range */
     for (int s : {10, 11, 12}) {            /* rows alike but for their chassis target */
@@ -445,13 +448,14 @@ TEST_F(EmptySimTest, EscalationSearch)
     }
     put(files.img[5], 11, 3, 1, 17, 33, 11);
     for (int inst = 1; inst < 18; ++inst) {
-        if (inst != 4) {
-            zsim::write_file(esc_path(inst), files.img[inst]);
+        if (inst != 4) { /* instance 13's file is cut short: the rest reads as zeros */
+            zsim::write_file(esc_path(inst), inst == 13 ? Image(100, 0) : files.img[inst]);
         }
     }
     ztest::EscFound f = esc_query(0, 5, 60);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 40}}), f.frue);
     EXPECT_TRUE(f.esc.empty());
+    EXPECT_EQ((std::vector<Entry>{{0xFF, 2, 46}}), esc_query(0, 5, 255).frue);
     f = esc_query(1, 5, 60);
     EXPECT_EQ((std::vector<Entry>{{0xFF, 3, 41}, {0xFF, 3, 42}, {0xFF, 3, 43}, {0xFF, 3, 43}}), f.frue);
     EXPECT_EQ((std::vector<Entry>{{2, 5, 60}}), f.esc);

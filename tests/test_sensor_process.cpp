@@ -106,6 +106,25 @@ TEST(SensorProcess, TwoProcessesWriteTheSameInstance)
     }
 }
 
+/* A platform file's path is used while it fits its 512-byte buffer with the
+ * final NUL: with a root one character longer the AC marker is not found. */
+TEST(SensorProcess, PlatformPathsUpToTheirBufferSize)
+{
+    TempRoot root;
+    for (size_t len : {495, 496}) {
+        in_child([&] {
+            std::string top = root.path;
+            while (top.size() + 200 < len) {
+                top += "/" + std::string(199, 'r');
+            }
+            zsim::init(top + "/" + std::string(len - top.size() - 1, 'r'));
+            ZNAPI_MemSensorAreaInit(); /* the save file's path does not fit: no area */
+            zsim::write_text("/tmp/.boot/.acon", "");
+            EXPECT_EQ(ZNAPI_MemSensorInfoRecover(17), len == 495 ? 0 : -1);
+        });
+    }
+}
+
 /* A save file left short is extended without losing its bytes; what one
  * process saved is put back by the next one after a restart. */
 TEST(SensorProcess, ShortSaveFileSurvivesAndRestartRestoresEverySensor)
