@@ -2,8 +2,9 @@
 # Every check of libznpdk: the installed kit as a consumer uses it; the hot paths'
 # instruction counts against their baseline; its Debian packages; host build with
 # AddressSanitizer and UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM
-# build and tests under qemu-arm; the suite under ThreadSanitizer; fuzz smoke with corpus
-# replay; ABI against the baselines; the coverage gate.
+# build and tests under qemu-arm; the suite under ThreadSanitizer; a sample of the mutants,
+# each killed by the suite; fuzz smoke with corpus replay; ABI against the baselines; the
+# coverage gate.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,6 +33,8 @@ done
 
 step "tsan: build and test under ThreadSanitizer"
 scripts/ci-tsan.sh
+step "mutants: a fixed sample, one per library folder, each killed by the suite"
+scripts/mutate.sh --sample
 step "fuzz smoke: every target replays its seeds, then runs 20 s"
 scripts/fuzz.sh 20
 step "abi: no incompatible change against abi/"
