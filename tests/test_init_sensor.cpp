@@ -263,68 +263,6 @@ void put(Image& img, int s, int t, int valid, int inst, int fru, int frue)
     e[3] = static_cast<uint8_t>(frue);
 }
 
-/* Scripted lists: parent (17, 35) for every third sensor, node and chassis
- * targets on some; the expected files and search follow from these rules. */
-splog_clear_sensor_list scripted(int inst, int s, int t)
-{
-    const splog_clear_sensor_list l[4] = {{1, s % 3 == 0 ? 17 : inst, s % 3 == 0 ? 35 : 10, s},
-                                          {s % 2, 1 + (s + inst) % 16, 10, 0},
-                                          {s % 5 == 0, 2 + s % 15, 10, 0},
-                                          {s % 7 == 0, 17, 33 + s % 2, 0x49}};
-    return l[t];
-}
-
-TEST_F(SimTest, EscalationTablesOfTheDefaultMachine)
-{
-    std::vector<std::pair<int, int>> counted; /* (instance, sensor) asked for */
-    for (int inst = 0; inst < 18; ++inst) {
-        Image want(4096, 0);
-        for (int s = 0; s < 256; ++s) {
-            SensorInfo_T info = zsim::sensor(inst, static_cast<uint8_t>(s));
-            bool counts = (inst == 17 && info.OEMField == 0) || (info.OEMField & (1 << (inst % 2))) != 0;
-            if (!zsim::sensor_present(inst, static_cast<uint8_t>(s)) || info.SensorTypeCode != 0xC2 ||
-                !counts) {
-                continue;
-            }
-            splog_clear_sensor_list list[4];
-            for (int t = 0; t < 4; ++t) {
-                list[t] = scripted(inst, s, t);
-                put(want, s, t, list[t].valid, list[t].BMCInst, list[t].fru_sensor, list[t].frue_sensor);
-            }
-            zsim::set_clear_sensor_list(inst, s, list);
-            counted.push_back({inst, s});
-        }
-        znpdklib_make_escalation_info(inst);
-        EXPECT_EQ(want, zsim::read_file(esc_path(inst))) << "instance " << inst;
-    }
-    ASSERT_FALSE(counted.empty());
-    EXPECT_EQ(static_cast<int>(counted.size()), zsim::clear_sensor_list_calls());
-
-    ztest::EscFound want;
-    bool inst_seen[18] = {};
-    std::vector<Entry> chassis;
-    for (const auto& [inst, s] : counted) {
-        if (inst == 0 || s % 3 != 0) {
-            continue; /* the search reads instances 1 to 17; parent (17, 35) only */
-        }
-        want.frue.push_back({0xFF, inst, s});
-        for (int t = 1; t <= 2; ++t) {
-            splog_clear_sensor_list e = scripted(inst, s, t);
-            if (e.valid && !inst_seen[e.BMCInst]) {
-                inst_seen[e.BMCInst] = true;
-                want.esc.push_back({t, e.BMCInst, e.fru_sensor});
-            }
-        }
-        if (scripted(inst, s, 3).valid && chassis.empty()) {
-            chassis.push_back({3, 17, 33 + s % 2});
-        }
-    }
-    want.esc.insert(want.esc.end(), chassis.begin(), chassis.end());
-    ztest::EscFound got = esc_query(0, 17, 35);
-    EXPECT_EQ(want.frue, got.frue);
-    EXPECT_EQ(want.esc, got.esc);
-}
-
 TEST_F(EmptySimTest, EscalationFileBytesAndCreatedList)
 {
     sns(5, 9, 0xC2, 0x02);
@@ -375,14 +313,15 @@ TEST_F(EmptySimTest, EscalationFileBytesAndCreatedList)
     sns(17, 2, 0xC2, 0x01);
     zsim::clear_traces();
     znpdklib_make_escalation_info(17);
-    znpdklib_make_escalation_info(3); /* no FRU error sensor at all */
+    sns(4, 7, 0xC2, 0x02); /* odd nodes only: none on this even one */
+    znpdklib_make_escalation_info(4);
     EXPECT_EQ((std::vector<std::string>{
                   "[znpdklib_make_escalation_info]:create sensor list=c0000000 00000000 00000000 00000000",
                   "[znpdklib_make_escalation_info]:create sensor list=00000000 00000000 00000000 00000000",
                   "[znpdklib_make_escalation_info]:create sensor list=00000000 00000000 00000000 00000000",
                   "[znpdklib_make_escalation_info]:create sensor list=00000000 00000000 00000000 00000000"}),
               ztest::texts_with_id(0x05400001));
-    EXPECT_EQ(Image(4096, 0), zsim::read_file(esc_path(3)));
+    EXPECT_EQ(Image(4096, 0), zsim::read_file(esc_path(4)));
 }
 
 TEST_F(EmptySimTest, EscalationBuildFailures)
@@ -612,25 +551,22 @@ TEST_F(EmptySimTest, NodeEvaluationTraces)
 {
     run({"traced", {{3, 37, 6, 0xC2, 0}, {4, 40, 9, 0xC2, 0}}, 1, 1, 0x0100, 0x0100});
     std::vector<std::pair<uint32_t, std::string>> want = {
-        {0x05160000, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node start. BMCInst=3"},
-        {0x05160002,
-         "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node detect own node error. Node#2 sensor=37 offset=6"},
-        {0x05160002,
-         "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node detect own node error. Node#3 sensor=40 offset=9"},
-        {0x05160003,
-         "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node detect CMU common error. Node#3 sensor=40 offset=9"},
-        {0x05160004, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#2 cur_node_error=1 eval_node_error=8"},
-        {0x05160005, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(8) to Node#2 FRU Error Status"},
-        {0x05160004, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node Node#3 cur_node_error=1 eval_node_error=8"},
-        {0x05160005, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node set offset(8) to Node#3 FRU Error Status"},
-        {0x051600FF, "[SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node end. BMCInst=3"}};
+        {0x05160000, "start. BMCInst=3"},
+        {0x05160002, "detect own node error. Node#2 sensor=37 offset=6"},
+        {0x05160002, "detect own node error. Node#3 sensor=40 offset=9"},
+        {0x05160003, "detect CMU common error. Node#3 sensor=40 offset=9"},
+        {0x05160004, "Node#2 cur_node_error=1 eval_node_error=8"},
+        {0x05160005, "set offset(8) to Node#2 FRU Error Status"},
+        {0x05160004, "Node#3 cur_node_error=1 eval_node_error=8"},
+        {0x05160005, "set offset(8) to Node#3 FRU Error Status"},
+        {0x051600FF, "end. BMCInst=3"}};
     std::vector<std::pair<uint32_t, std::string>> got;
     for (const zsim::TraceLine& t : zsim::traces()) {
         got.push_back({t.id, t.variant + " " + std::to_string(t.level) + " " + std::to_string(t.region) +
                                  " " + std::to_string(t.module) + " " + t.text});
     }
     for (auto& w : want) {
-        w.second = "sp_trace2 32769 44 30 " + w.second;
+        w.second = "sp_trace2 32769 44 30 [SET_SENSOR_NODE]:znpdklib_Set_Sensor_Node " + w.second;
     }
     EXPECT_EQ(want, got);
 }
