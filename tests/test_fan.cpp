@@ -205,17 +205,13 @@ using FanRedundancyTest = SimTest;
 
 TEST_F(FanRedundancyTest, Transitions)
 {
+    /* Before: fans whose FRUE is failed, redundancy sensor, reasons, attach check start time, FANU#1
+     * maintenance sensor; the code logged ("" none); after: sensor, reasons, shortage-to-lost recoveries. */
     struct Case {
-        uint32_t failed;  /* fans whose FRUE is failed */
-        uint16_t sns;     /* redundancy sensor before */
-        uint64_t reason;  /* reasons before */
-        uint32_t attach;  /* attach check start time */
-        uint16_t mainte1; /* FANU#1 maintenance sensor */
+        uint64_t failed, sns, reason, attach, mainte1;
         int mode, result;
-        const char* ras; /* logged code, or "" */
-        uint16_t sns_after;
-        uint64_t reason_after;
-        size_t to_lost; /* shortage-to-lost recoveries */
+        const char* ras;
+        uint64_t sns_after, reason_after, to_lost;
     };
     const Case cases[] = {
         {0x00, 0x2, 0, 0, 0, 1, 0, "", 0x2, 0, 0},
@@ -300,11 +296,7 @@ TEST_F(FanRedundancyTest, ConcurrentChecksActOnOneTransitionOnce)
 TEST_F(FanRedundancyTest, MaintenancePreCheck)
 {
     struct Case {
-        int fanu;
-        uint32_t failed;
-        int mainte_unit; /* -1 none */
-        bool poff;
-        int answer;
+        int fanu, failed, mainte_unit /* -1 none */, poff, answer;
     };
     const Case cases[] = {
         {2, 0x00, 0, false, 1},   {2, 0x30, -1, false, 0}, {2, 0x31, -1, false, 1},

@@ -82,11 +82,8 @@ TEST_F(FanCheckTest, StartUpThenStallAtFullSpeedThenReplace)
 
 TEST_F(FanCheckTest, SpinUpOutcomes)
 {
-    struct Case {
-        uint32_t slow; /* fans stuck at 1500 */
-        bool mainte7;  /* fan 7 uninstalled in FANU#3 under maintenance */
-        int rtn;
-        uint8_t phase;
+    struct Case { /* fans stuck at 1500; fan 7 uninstalled in FANU#3 under maintenance */
+        int slow, mainte7, rtn, phase;
     };
     const Case cases[] = {{0x04, false, 2, 0x01}, {0x44, false, -1, 0x81}, {0x04, true, -1, 0x81}};
     for (const Case& c : cases) {

@@ -479,12 +479,8 @@ TEST_F(SimTest, SensorSaveWaitsForTheInstancesLock)
 
 /* ---- Node error evaluation ---- */
 
-struct Sns {
-    int inst;
-    int num;
-    int offset; /* -1: state word 0 */
-    int type;
-    int oem; /* 0: the instance's own parity bit */
+struct Sns { /* offset -1: state word 0; oem 0: the instance's own parity bit */
+    int inst, num, offset, type, oem;
 };
 
 struct Case {

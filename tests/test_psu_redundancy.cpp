@@ -60,12 +60,10 @@ class PsuCheck : public SimTest {
 
 TEST_F(PsuCheck, EveryTransitionOfTheRedundancySensor)
 {
-    struct Row {
-        uint16_t from;
-        int usable, mode, result;
-        uint16_t to;
+    struct Row { /* ... recovery: start trace of the recovery that ran, 0 = none */
+        int from, usable, mode, result, to;
         const char* ras;
-        uint32_t recovery; /* start trace of the recovery that ran, 0 = none */
+        uint32_t recovery;
     };
     const Row rows[] = {
         {0x2, 17, 1, 1, 0x4, "BFW_CFG_PSU_4", 0},
@@ -108,8 +106,7 @@ TEST_F(PsuCheck, EdgeCases)
     struct Row {
         int slots, enable, usable;
         std::function<void()> extra;
-        int result;
-        uint16_t to;
+        int result, to;
         uint32_t id;
         const char* text;
     };

@@ -103,10 +103,7 @@ TEST_F(QuorStatus, WaitedExternalPortsNeedBothMaintenanceSensors)
 TEST_F(QuorStatus, BeaconCheckOnAMixedRouter)
 {
     const struct {
-        int pport;
-        bool online;
-        uint32_t status;
-        uint16_t init86, want86, want76;
+        uint32_t pport, online, status, init86, want86, want76;
     } ports[10] = {
         {3, true, 0x130, 0x1, 0x0, 0x2},   {4, true, 0xF0, 0x1, 0x0, 0x1}, {5, false, 0x4, 0x0, 0x2, 0x1},
         {6, true, 0x3FFF0, 0x1, 0x0, 0x2}, {7, true, 0x30, 0x3, 0x2, 0x2}, {8, true, 0x10, 0x1, 0x0, 0x1},

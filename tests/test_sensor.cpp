@@ -29,10 +29,7 @@ std::vector<uint8_t> sel_bytes(int inst)
 TEST_F(Sensor, SetWithoutSelChangesOneBitAndPersistsIt)
 {
     const struct {
-        uint16_t before;
-        int dir;
-        uint8_t offset;
-        uint16_t after;
+        int before, dir, offset, after;
     } rows[] = {{0x0001, 1, 9, 0x0201},  {0x0201, 0, 0, 0x0200},   {0x0201, 2, 9, 0x0001},
                 {0x00FF, 1, 16, 0x00FF}, {0x8000, 0, 255, 0x8000}, {0x0000, 1, 15, 0x8000}};
     for (const auto& r : rows) {
@@ -60,10 +57,7 @@ TEST_F(Sensor, SelRecordFieldsFollowTheSensorKind)
     zsim::set_slave_addr(0x20);
     zsim::set_time(0x11223344);
     const struct {
-        uint8_t evt;
-        int dir;
-        uint8_t e1;
-        uint16_t before, after;
+        int evt, dir, e1, before, after;
         uint8_t dirtype, d1, d2;
     } rows[] = {{0x6F, 1, 0x52, 0x0100, 0x0104, 0x6F, 0xA2, 0x33},
                 {0x6F, 0, 0x02, 0x0104, 0x0100, 0xEF, 0xA2, 0x33},
@@ -154,9 +148,7 @@ TEST_F(Sensor, MutexFailuresAreReported)
 TEST_F(Sensor, MembershipAndStateWord)
 {
     const struct {
-        int inst;
-        uint8_t oem, type;
-        int valid;
+        int inst, oem, type, valid;
     } rows[] = {{17, 0x00, 7, 1}, {17, 0x01, 7, 0}, {17, 0x00, 0, 0}, {4, 0x01, 7, 1},  {0, 0x01, 7, 1},
                 {3, 0x01, 7, 0},  {3, 0x02, 7, 1},  {3, 0x04, 7, 1},  {11, 0x04, 7, 1}, {5, 0x04, 7, 0},
                 {5, 0x08, 7, 1},  {7, 0x08, 7, 0},  {16, 0x02, 7, 0}, {4, 0x00, 7, 0},  {15, 0x0B, 7, 1}};
@@ -181,9 +173,7 @@ TEST_F(Sensor, MembershipAndStateWord)
 TEST_F(Sensor, ControllerChecksJudgeTheirOwnInstances)
 {
     const struct {
-        int bob, inst;
-        uint16_t word;
-        int cmuc3, rtnd0, rtnd6;
+        int bob, inst, word, cmuc3, rtnd0, rtnd6;
     } rows[] = {{7, 0, 0, -1, -1, -1},     {4, 0, 0, 0, 0, 0},        {10, 0, 0, 0, 0, 0},
                 {-1, 7, 1 << 4, 0, 0, 0},  {-1, 8, 1 << 9, -1, 0, 0}, {-1, 7, 1 << 5, -1, 0, -1},
                 {-1, 1, 1 << 6, 0, -1, 0}, {-1, 6, 1 << 8, 0, 0, 0},  {-1, 9, 1 << 7, 0, 0, 0},
