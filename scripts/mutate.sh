@@ -6,6 +6,7 @@
 #   scripts/mutate.sh [--sample] [--list FILE|DIR] [--timeout S] [ID...]
 #                                        (S: the suite's time limit per mutant, 300)
 #   scripts/mutate.sh --apply ID DIR     apply one mutant to the tree at DIR
+#   scripts/mutate.sh --scratch DIR      bring the scratch copy at DIR up to the tree
 #   scripts/mutate.sh --check            every mutant applies (no build)
 # --sample runs the fixed CI sample (one mutant per library folder, and the
 # sample fails on any survivor). Results: build/mutate/results.txt.
@@ -29,8 +30,9 @@ while (($#)); do
     --list) list=$2; shift ;;
     --timeout) timeout_s=$2; shift ;;
     --apply) mode=apply; apply_id=$2; apply_dir=$3; shift 2 ;;
+    --scratch) mode=scratch; apply_dir=$2; shift ;;
     --check) mode=check ;;
-    -h|--help) sed -n '2,12p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,11p' "$0"; exit 0 ;;
     -*) echo "mutate.sh: unknown option $1" >&2; exit 2 ;;
     *) ids+=("$1") ;;
   esac
@@ -82,6 +84,27 @@ apply() {
   ' "$dir/${m_file[$i]}"
 }
 
+# The scratch copy at $1: the tracked files as they stand in the working tree,
+# copied only where they differ, so that builds stay incremental. Copies
+# take the current time (no -p): a file put back with its old time would
+# look older than the objects built from its mutant and not be rebuilt.
+sync_scratch() {
+  local f
+  mkdir -p "$1"
+  while IFS= read -r -d '' f; do
+    [[ -f $f ]] || continue
+    if ! cmp -s "$f" "$1/$f" 2>/dev/null; then
+      mkdir -p "$1/$(dirname "$f")"
+      cp "$f" "$1/$f"
+    fi
+  done < <(git ls-files -z)
+}
+
+if [[ $mode == scratch ]]; then
+  sync_scratch "$apply_dir"
+  exit 0
+fi
+
 if [[ $mode == apply ]]; then
   apply "$(index_of "$apply_id")" "$apply_dir"
   exit 0
@@ -110,20 +133,9 @@ if ((${#ids[@]} == 0)); then
   ids=("${m_id[@]}")
 fi
 
-# The scratch copy: the tracked files as they stand in the working tree,
-# copied only where they differ, so that builds stay incremental. Copies
-# take the current time (no -p): a file put back with its old time would
-# look older than the objects built from its mutant and not be rebuilt.
 work=build/mutate
 src=$work/src
-mkdir -p "$src"
-while IFS= read -r -d '' f; do
-  [[ -f $f ]] || continue
-  if ! cmp -s "$f" "$src/$f" 2>/dev/null; then
-    mkdir -p "$src/$(dirname "$f")"
-    cp "$f" "$src/$f"
-  fi
-done < <(git ls-files -z)
+sync_scratch "$src"
 
 bld=$work/build
 if [[ ! -f $bld/CMakeCache.txt ]]; then

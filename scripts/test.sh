@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Every check of libznpdk: the installed kit as a consumer uses it; the hot paths'
 # instruction counts against their baseline; its Debian packages; host build with
-# AddressSanitizer and UndefinedBehaviorSanitizer and its tests; static checks; 32-bit ARM
-# build and tests under qemu-arm; the suite under ThreadSanitizer; a sample of the mutants,
+# AddressSanitizer and UndefinedBehaviorSanitizer and its tests (a fixed-seed fault campaign
+# among them, CTest label "campaign"); static checks; 32-bit ARM build and tests under
+# qemu-arm (a shorter campaign); the suite under ThreadSanitizer; a sample of the mutants,
 # each killed by the suite; fuzz smoke with corpus replay; ABI against the baselines; the
 # coverage gate.
 set -euo pipefail

@@ -32,7 +32,22 @@ sp::sysobj::Component** g_handles = nullptr; /* never freed: handles outlive eve
 std::mutex g_violations_mutex;
 std::vector<std::string> g_violations;
 
-thread_local std::vector<int> t_held;
+/* Write locks held by threads of this process, for the check after each
+ * step of a run: one entry per lock taken. */
+std::mutex g_held_mutex;
+std::vector<int> g_held;
+
+/* The write locks a thread holds, the last taken at the back. They are
+ * counted for the process too; a thread that ends holding one is a
+ * violation (its lock would stay taken). */
+struct HeldLocks : std::vector<int> {
+    void push_back(int oid);
+    iterator erase(iterator it);
+    void clear();
+    ~HeldLocks();
+};
+
+thread_local HeldLocks t_held;
 
 void add_violation(const std::string& text)
 {
@@ -173,6 +188,41 @@ int child_named(Shared* s, int parent, int type, int no)
     return 0;
 }
 
+void HeldLocks::push_back(int oid)
+{
+    std::vector<int>::push_back(oid);
+    std::lock_guard<std::mutex> lock(g_held_mutex);
+    g_held.push_back(oid);
+}
+
+HeldLocks::iterator HeldLocks::erase(iterator it)
+{
+    {
+        std::lock_guard<std::mutex> lock(g_held_mutex);
+        auto h = std::find(g_held.begin(), g_held.end(), *it);
+        if (h != g_held.end()) {
+            g_held.erase(h);
+        }
+    }
+    return std::vector<int>::erase(it);
+}
+
+void HeldLocks::clear()
+{
+    while (!empty()) {
+        erase(end() - 1);
+    }
+}
+
+HeldLocks::~HeldLocks()
+{
+    for (int oid : *this) {
+        add_violation("thread " + std::to_string(thread_id()) + " ended holding the write lock of " +
+                      describe(oid));
+    }
+    clear();
+}
+
 } // namespace
 
 ComponentEntry* entry(Shared* s, int oid)
@@ -198,6 +248,8 @@ void reset_db_local()
     std::lock_guard<std::mutex> lock(g_violations_mutex);
     g_violations.clear();
     t_held.clear();
+    std::lock_guard<std::mutex> held(g_held_mutex);
+    g_held.clear();
 }
 
 int resolve_path(const std::string& path)
@@ -460,6 +512,28 @@ int property_writes(int oid)
     MetaLock lock;
     ComponentEntry* e = entry(shared(), oid);
     return e == nullptr ? 0 : static_cast<int>(__atomic_load_n(&e->writes, __ATOMIC_RELAXED));
+}
+
+std::vector<std::string> locks_held()
+{
+    std::vector<std::string> out;
+    for (int inst : internal::sensor_mutexes_held()) {
+        out.push_back("the sensor mutex of instance " + std::to_string(inst));
+    }
+    std::vector<int> held;
+    {
+        std::lock_guard<std::mutex> lock(internal::g_held_mutex);
+        held = internal::g_held;
+    }
+    for (int oid : held) {
+        out.push_back("the write lock of " + internal::describe(oid));
+    }
+    for (const TakenSemaphore& t : semaphores_taken()) {
+        if (t.pid == getpid()) {
+            out.push_back("the semaphore " + t.name);
+        }
+    }
+    return out;
 }
 
 std::vector<std::string> lock_violations()

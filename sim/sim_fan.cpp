@@ -173,7 +173,68 @@ template <typename F> void with_fan(int fan, F&& change)
     change(m, m.fans[fan], now());
 }
 
+constexpr size_t kFanWords = 4;
+constexpr size_t kStateWords = kFans * kFanWords + 2 + 3 * 3;
+const char* const kChangeModes[] = {"MAX_FANSPEED", "RESTORE_FANSPEED"};
+
+void put_failure(std::vector<uint32_t>& w, const Failure& f)
+{
+    w.push_back(static_cast<uint32_t>(f.ret));
+    w.push_back(f.word);
+    w.push_back(static_cast<uint32_t>(f.count));
+}
+
+Failure get_failure(const uint32_t* w)
+{
+    return Failure{static_cast<int>(w[0]), w[1], static_cast<int>(w[2])};
+}
+
 } // namespace
+
+std::vector<uint32_t> fan_state()
+{
+    FanModel& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    std::vector<uint32_t> w;
+    w.reserve(kStateWords);
+    for (const Fan& f : m.fans) {
+        w.insert(w.end(), {f.since, f.from, f.ramp, f.limit});
+    }
+    w.push_back(m.full ? 1 : 0);
+    w.push_back(m.fanc_error);
+    put_failure(w, m.read_failure);
+    for (const char* mode : kChangeModes) {
+        auto it = m.change_failures.find(mode);
+        put_failure(w, it == m.change_failures.end() ? Failure() : it->second);
+    }
+    return w;
+}
+
+void set_fan_state(const std::vector<uint32_t>& w)
+{
+    if (w.size() != kStateWords) {
+        return;
+    }
+    FanModel& m = model();
+    std::lock_guard<std::mutex> lock(m.mutex);
+    const uint32_t* p = w.data();
+    for (Fan& f : m.fans) {
+        f = Fan{p[0], p[1], p[2], p[3]};
+        p += kFanWords;
+    }
+    m.full = *p++ != 0;
+    m.fanc_error = *p++;
+    m.read_failure = get_failure(p);
+    p += 3;
+    m.change_failures.clear();
+    for (const char* mode : kChangeModes) {
+        Failure f = get_failure(p);
+        p += 3;
+        if (f.count > 0) {
+            m.change_failures[mode] = f;
+        }
+    }
+}
 
 void fan_power_on()
 {

@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 #include "znpdk_sim/detail.h"
 #include "znpdk_sim/sim.h"
@@ -67,6 +68,7 @@ struct Register {
 struct alignas(64) SemSlot { /* own cache lines: instances do not share one */
     char name[64];
     sem_t sem;
+    int32_t holder; /* the process that took it last (0: given back), for checks */
 };
 
 /* The file-backed mapping shared by every process attached to a root. */
@@ -148,6 +150,9 @@ ComponentEntry* entry(Shared* s, int oid);
 int resolve_path(const std::string& path);
 /* Reads a record into buffer (zero-filled past what is stored). */
 int read_record(int oid, int key, void* buffer, unsigned int length);
+
+/* Instances whose sensor mutex a thread of this process holds (sim_ipmi.cpp). */
+std::vector<int> sensor_mutexes_held();
 
 } // namespace internal
 } // namespace zsim

@@ -96,6 +96,20 @@ void reset_ipmi()
     s.fail_sel = 0;
 }
 
+std::vector<int> sensor_mutexes_held()
+{
+    std::vector<int> out;
+    for (int i = 0; i < BMC_INSTANCE_COUNT; ++i) {
+        pthread_mutex_t* m = &g_BMCInfo[i].SensorSharedMemMutex;
+        if (pthread_mutex_trylock(m) == 0) {
+            pthread_mutex_unlock(m);
+        } else {
+            out.push_back(i);
+        }
+    }
+    return out;
+}
+
 } // namespace internal
 
 using internal::st;

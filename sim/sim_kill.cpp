@@ -99,6 +99,7 @@ void reset_semaphores()
     for (int i = 0; i < s->sem_count; ++i) {
         sem_destroy(&s->sems[i].sem);
         sem_init(&s->sems[i].sem, 1, 1);
+        s->sems[i].holder = 0;
     }
 }
 

@@ -299,7 +299,87 @@ void components()
     add(COMPO_GIOU, 0);
 }
 
+/* Whether a sensor with that OEMField belongs to an instance (the stack's
+ * membership bits: 0 chassis, bit 0 even and bit 1 odd node instances, 0x04
+ * also instances 3 and 11, 0x08 also instance 5). */
+bool member(int inst, uint8_t oem)
+{
+    if (inst == kChassis) {
+        return oem == 0;
+    }
+    if (((inst == 3 || inst == 11) && (oem & 0x04)) || (inst == 5 && (oem & 0x08))) {
+        return true;
+    }
+    return ((oem >> (inst % 2)) & 1) != 0;
+}
+
+template <size_t N> bool in(const Range (&ranges)[N], int s)
+{
+    return in_ranges(ranges, ranges + N, s);
+}
+
+/* The state the initialisation gives a sensor of the machine as built: the
+ * default tables, the PSU pass for installed PSUs (FRU status normal, status
+ * "present"), the node pass's sensor 2 and the maintenance pass for a zero
+ * setup record. */
+uint16_t start_state(int inst, int num, const SensorInfo_T& r)
+{
+    if (!member(inst, r.OEMField)) {
+        return 0;
+    }
+    if (inst == kChassis) {
+        if (num >= 50 && num <= 67) {
+            return kOff1;
+        }
+        if ((num >= 111 && num <= 128) || (num >= 4 && num <= 32) || (num >= 221 && num <= 224)) {
+            return kOff0;
+        }
+        return in(kBobOff0, num) ? kOff0 : in(kBobOff1, num) ? kOff1 : 0;
+    }
+    if (num == 2) {
+        return kOff0;
+    }
+    return in(kNodeOff0, num) ? kOff0 : in(kNodeOff1, num) ? kOff1 : 0;
+}
+
 } // namespace
+
+SensorStates sensor_states(int inst, uint8_t num)
+{
+    SensorStates st;
+    if (!sensor_present(inst, num)) {
+        return st;
+    }
+    const SensorInfo_T r = sensor(inst, num);
+    const bool chassis = inst == kChassis;
+    st.start = start_state(inst, num, r);
+    if (r.SensorTypeCode == kFru || r.SensorTypeCode == kFrue) {
+        /* 0 not installed, 1 normal, larger offsets worse */
+        st = {StateRule::One, static_cast<uint16_t>(r.SensorTypeCode == kFru ? 0x00FF : 0x03FF), st.start};
+    } else if (chassis && (num == 129 || num == 130)) {
+        st.rule = StateRule::One; /* redundant, lost, shortage */
+        st.defined = 0x000E;
+    } else if (num == 0) {
+        st.rule = StateRule::Flags; /* powered off, or on with no state */
+        st.defined = kOff0;
+    } else if (chassis && r.SensorTypeCode == kMainte) {
+        st.rule = StateRule::AtMostOne; /* the setup record's offset; 16 or more: none */
+        st.defined = 0xFFFF;
+    } else if (chassis && r.SensorTypeCode == kPower && num >= 111 && num <= 128) {
+        st.rule = StateRule::Flags; /* offsets added from the PSU's status */
+        st.defined = 0x054F;
+    } else if (!chassis && num >= 86 && num <= 95) {
+        st.rule = StateRule::Flags; /* port offline, port error A */
+        st.defined = 0x0003;
+    } else if (!chassis && num >= 76 && num <= 85) {
+        st.rule = StateRule::One; /* no error, state C, error state B */
+        st.defined = 0x0007;
+    } else if (st.start != 0) {
+        st.rule = StateRule::One; /* an enumerated state the machine does not name */
+        st.defined = 0x7FFF;
+    }
+    return st;
+}
 
 void build_default_machine()
 {

@@ -3,6 +3,7 @@
 
 #include <stdio.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -175,6 +176,37 @@ std::vector<LinkUpCall> link_up_calls(int router)
     std::vector<LinkUpCall> out;
     with_router(router, [&](RouterState& st) { out = st.link_ups; });
     return out;
+}
+
+std::vector<uint32_t> link_state()
+{
+    static const RouterState kUntouched;
+    std::vector<uint32_t> w;
+    std::lock_guard<std::mutex> lock(qs().mutex);
+    for (int r = 0; r < ROUTERS; ++r) {
+        auto it = qs().routers.find(r);
+        const RouterState& st = it == qs().routers.end() ? kUntouched : it->second;
+        w.insert(w.end(), st.status, st.status + PORTS);
+        w.push_back(static_cast<uint32_t>(st.check_result));
+        w.push_back(static_cast<uint32_t>(st.link_up_result));
+    }
+    return w;
+}
+
+void set_link_state(const std::vector<uint32_t>& w)
+{
+    constexpr size_t kRouterWords = PORTS + 2;
+    if (w.size() != ROUTERS * kRouterWords) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(qs().mutex);
+    for (int r = 0; r < ROUTERS; ++r) {
+        const uint32_t* p = w.data() + r * kRouterWords;
+        RouterState& st = qs().routers[r];
+        std::copy(p, p + PORTS, st.status);
+        st.check_result = static_cast<int>(p[PORTS]);
+        st.link_up_result = static_cast<int>(p[PORTS + 1]);
+    }
 }
 
 } // namespace zsim

@@ -1,7 +1,9 @@
 /* Controller support library: procedures, RAS logs, LEDs, PSU info, ports, clear lists, semaphores. */
 #include <errno.h>
+#include <stddef.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <list>
@@ -160,6 +162,34 @@ void clear_hap_scripts()
     zs().scripts.clear();
 }
 
+bool hap_scripted(const std::string& procedure)
+{
+    std::lock_guard<std::mutex> lock(zs().mutex);
+    for (const auto& kv : zs().scripts) {
+        if (kv.first.first == procedure) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::vector<TakenSemaphore> semaphores_taken()
+{
+    std::vector<TakenSemaphore> out;
+    internal::Shared* s = internal::shared();
+    if (s == nullptr) {
+        return out;
+    }
+    const int count = __atomic_load_n(&s->sem_count, __ATOMIC_ACQUIRE);
+    for (int i = 0; i < count; ++i) {
+        int value = 1;
+        if (sem_getvalue(&s->sems[i].sem, &value) == 0 && value <= 0) {
+            out.push_back({s->sems[i].name, __atomic_load_n(&s->sems[i].holder, __ATOMIC_RELAXED)});
+        }
+    }
+    return out;
+}
+
 std::vector<HapCall> hap_calls()
 {
     std::lock_guard<std::mutex> lock(zs().mutex);
@@ -288,9 +318,16 @@ static bool is_save_area_sem(const char* name)
     return name != nullptr && strncmp(name, kPrefix, sizeof(kPrefix) - 1) == 0;
 }
 
-/* A save-area semaphore just taken is a kill point. */
-static int sem_taken(const char* name)
+static zsim::internal::SemSlot* slot_of(sem_t* handle)
 {
+    return reinterpret_cast<zsim::internal::SemSlot*>(reinterpret_cast<char*>(handle) -
+                                                      offsetof(zsim::internal::SemSlot, sem));
+}
+
+/* A save-area semaphore just taken is a kill point. */
+static int sem_taken(sem_t* handle, const char* name)
+{
+    __atomic_store_n(&slot_of(handle)->holder, static_cast<int32_t>(getpid()), __ATOMIC_RELAXED);
     if (is_save_area_sem(name)) {
         zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
     }
@@ -314,7 +351,7 @@ static int timed_sem_wait(sem_t* handle, const char* name)
             return errno;
         }
     }
-    return sem_taken(name);
+    return sem_taken(handle, name);
 }
 
 extern "C" {
@@ -482,7 +519,7 @@ int _znlib_sem_lock(sem_t* handle, const char* name, int flag)
             return timed_sem_wait(handle, name);
         }
     }
-    return sem_taken(name);
+    return sem_taken(handle, name);
 }
 
 int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
@@ -494,6 +531,7 @@ int _znlib_sem_unlock(sem_t* handle, const char* name, int flag)
     if (is_save_area_sem(name)) {
         zsim::internal::reach(zsim::KillPoint::SaveAreaSemHeld);
     }
+    __atomic_store_n(&slot_of(handle)->holder, 0, __ATOMIC_RELAXED);
     return sem_post(handle) == 0 ? 0 : errno;
 }
 

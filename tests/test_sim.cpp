@@ -261,10 +261,22 @@ TEST_F(Sim, WriteLockExcludesOtherProcesses)
     bobc->writeUnlock();
     psu->writeUnlock();
     psu->writeUnlock();
+    /* What this process holds is listed; a thread that ends holding a lock is a violation. */
+    psu->writeLock();
+    OS_THREAD_MUTEX_ACQUIRE_LOCK(&g_BMCInfo[17].SensorSharedMemMutex);
+    EXPECT_EQ(zsim::locks_held(),
+              (std::vector<std::string>{"the sensor mutex of instance 17",
+                                        "the write lock of oid " + std::to_string(psu->getComponentId()) +
+                                            " /SYSTEM#0/PSU#0"}));
+    OS_THREAD_MUTEX_RELEASE_LOCK(&g_BMCInfo[17].SensorSharedMemMutex);
+    psu->writeUnlock();
+    std::thread([bobc] { bobc->writeLock(); }).join();
+    EXPECT_TRUE(zsim::locks_held().empty());
     auto v = zsim::lock_violations();
-    ASSERT_EQ(v.size(), 2u);
+    ASSERT_EQ(v.size(), 3u);
     EXPECT_NE(v[0].find("/SYSTEM#0/BOBC#0"), std::string::npos);
     EXPECT_NE(v[1].find("does not hold"), std::string::npos);
+    EXPECT_NE(v[2].find("ended holding the write lock of oid"), std::string::npos);
 }
 
 /* A holder killed with the lock taken, left a zombie (not reaped): of three
@@ -511,12 +523,17 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
     EXPECT_EQ(_znlib_sem_open("/filelock_snsdata17", 0), s);
     EXPECT_NE(_znlib_sem_open("/filelock_snsdata16", 0), s);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 0);
+    const std::vector<zsim::TakenSemaphore> taken = zsim::semaphores_taken();
+    ASSERT_EQ(taken.size(), 1u);
+    EXPECT_EQ(taken[0].name, "/filelock_snsdata17");
+    EXPECT_EQ(taken[0].pid, getpid());
     EXPECT_EQ(ztest::run_in_child([] { /* held by the parent: another process cannot take it */
                                        sem_t* c = _znlib_sem_open("/filelock_snsdata17", 0);
                                        return c != nullptr && sem_trywait(c) == -1 && errno == EAGAIN ? 0 : 1;
               }),
               0);
     EXPECT_EQ(_znlib_sem_unlock(s, "/filelock_snsdata17", 0), 0);
+    EXPECT_TRUE(zsim::semaphores_taken().empty());
     zsim::fail_sem_lock(11);
     EXPECT_EQ(_znlib_sem_lock(s, "/filelock_snsdata17", 0), 11);
     EXPECT_EQ(znlib_sem_close(s), 0);
@@ -529,6 +546,33 @@ TEST_F(Sim, PlatformAnswersOfTheDefaultMachine)
     EXPECT_TRUE(sp::util::file::FileCheck::exist("/tmp/.boot"));
     EXPECT_FALSE(sp::util::file::FileCheck::exist("/tmp/.boot/.acon"));
     EXPECT_EQ(zsim::library_threads_running(), 0);
+}
+
+TEST_F(Sim, SensorStatesByKindOfSensor)
+{
+    using R = zsim::StateRule;
+    struct Case {
+        int inst;
+        uint8_t num;
+        R rule;
+        uint16_t defined;
+        uint16_t start;
+    };
+    const Case cases[] = {
+        {17, 129, R::One, 0x000E, 0x0002}, {17, 0, R::Flags, 0x0001, 0x0001},   /* redundancy, power */
+        {17, 55, R::One, 0x00FF, 0x0002},  {17, 182, R::One, 0x03FF, 0x0001},   /* PSU FRU, FRUE */
+        {17, 4, R::AtMostOne, 0xFFFF, 1},  {17, 111, R::Flags, 0x054F, 0x0001}, /* maintenance, PSU */
+        {17, 91, R::One, 0x7FFF, 0x0002},  {17, 230, R::Unchecked, 0, 0},       /* table, fan monitor */
+        {1, 1, R::One, 0x7FFF, 0x0001},    {2, 1, R::Unchecked, 0, 0},          /* CMU sensor: odd only */
+        {5, 86, R::Flags, 0x0003, 0},      {5, 80, R::One, 0x0007, 0x0001},     /* port offline, status */
+        {5, 2, R::One, 0x7FFF, 0x0001},    {17, 250, R::Unchecked, 0, 0},       /* node pass; absent */
+    };
+    for (const Case& c : cases) {
+        const zsim::SensorStates st = zsim::sensor_states(c.inst, c.num);
+        EXPECT_EQ(st.rule, c.rule) << c.inst << "/" << int(c.num);
+        EXPECT_EQ(st.defined, c.defined) << c.inst << "/" << int(c.num);
+        EXPECT_EQ(st.start, c.start) << c.inst << "/" << int(c.num);
+    }
 }
 
 TEST_F(Sim, AttachedProcessSharesRecordsClockAndRegisters)

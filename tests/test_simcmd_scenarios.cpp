@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -168,6 +169,7 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {R"({"steps": []})", "/"},
         {R"({"name": "t", "steps": {}})", "/steps"},
         {R"({"name": "t", "machine": "big", "steps": []})", "/machine"},
+        {R"({"name": "t", "invariants": "on", "steps": []})", "/invariants"},
         {wrap(R"({"call": "ZNAPI_SetSensorWs", "args": []})"), "/steps/0/call"},
         {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": [17, 1]})"), "/steps/0/args"},
         {wrap(R"({"call": "ZNAPI_Sensor_Init", "args": ["seventeen"]})"), "/steps/0/args/0"},
@@ -228,6 +230,10 @@ TEST(SimScenarioFile, MistakesAreReportedWhereTheyAre)
         {wrap(R"({"ac_power_cycle": true}, {"note": "x"}, {"call": "ZNAPI_Sensor_Init", "args": [17]})"),
          "/steps/2"},
         {wrap(R"({"bmc_reboot": false}, {"call": "ZNAPI_Sensor_Init", "args": [17]})"), ""},
+        /* A killed step runs in the process that is killed, also after a reboot. */
+        {wrap(R"({"bmc_reboot": true}, {"kill": {"process": "a", "while": "fan check poll",
+                                                 "during": {"call": "ZNAPI_Sensor_Init", "args": [17]}}})"),
+         ""},
         /* Components named must exist at that step. */
         {wrap(R"({"remove_component": "/SYSTEM#0/PSU#18"})"), "/steps/0/remove_component"},
         {wrap(R"({"remove_component": "/PSU#17"})"), ""},
@@ -606,6 +612,60 @@ TEST(SimScenarioRun, RebootsKeepWhatTheNonVolatileDiskHolds)
              "expect": {"ret": 0, "sensors": [{"inst": 17, "num": 129, "state": ")" +
                            c.recovered + R"("}]}}]})";
         EXPECT_EQ(run_child(text), 0) << c.step;
+    }
+}
+
+/* Each row a story that breaks invariants on purpose (the names of those it
+ * breaks), or that leaves only what an invariant lists as its exceptions
+ * (none). */
+TEST(SimScenarioRun, InvariantsNameWhatAStoryBreaks)
+{
+    const std::string save_file = R"({"file": {"path": "/var/nvrdisk/current/sensor/snsdata", )";
+    const std::string fans =
+        R"({"call": "znpdklib_exechap", "args": ["/SYSTEM#0/BOBC#0", "BOB_R_BOBC_FANC", )";
+    struct Case {
+        std::string steps;
+        std::set<std::string> broken;
+    };
+    const Case cases[] = {
+        {R"({"sensor": {"inst": 17, "num": 129, "reading": "0x0006"}})", {"exclusive-state"}},
+        {R"({"sensor": {"inst": 4, "num": 86, "reading": "0x0004"}})", {"exclusive-state"}},
+        {R"({"call": "znpdklib_SetSensorWoS", "args": [129, 1, 3, 17]},
+            {"call": "znpdklib_exSetSensorWoS", "args": [33, 16, 17]})",
+         {}},
+        {R"({"call": "ZNAPI_Sensor_Init", "args": [17]}, )" + save_file + R"("hex": ")" +
+             std::string(2 * 18432, '0') + R"("}})",
+         {"save-file"}},
+        {R"({"process": "a", "call": "ZNAPI_Sensor_Init", "args": [17]}, )" + save_file +
+             R"("remove": true}}, {"process": "a", "call": "ZNAPI_MemSensorInfoRecover", "args": [17]})",
+         {"save-file", "recovery"}},
+        {R"({"define_sensor": {"inst": 17, "num": 240, "type": "0xC2", "reading": 2, "flags": 1, "level": 2}},
+            {"call": "znpdklib_exSetSensorWoS", "args": [240, 4, 17]},
+            {"sensor": {"inst": 17, "num": 240, "reading": 2}},
+            {"call": "ZNAPI_MemSensorInfoRecover", "args": [17], "expect": {"sensors": [{"inst": 17, "num": 240, "state": 16}]}})",
+         {}},
+        {R"({"record": {"path": "/SYSTEM#0", "record": "system", "set": {"available_psu_slots": 18}}},
+            {"psu_ctlinfo": {"psu": 4, "ret": 0, "info": "0xFF00"}},
+            {"process": "psumon", "call": "znpdklib_check_psu_redundancy", "args": [1]})",
+         {"psu-verdict"}},
+        {fans + R"("MAX_FANSPEED", null, "out"]})", {"full-speed"}},
+        {R"({"fan": {"fail_speed_change": {"mode": "MAX_FANSPEED", "ret": -1}}},
+            {"call": "znpdklib_max_fan_speed", "args": [1], "expect": {"ret": -1, "ras": {"count": 1}}})",
+         {}},
+    };
+    for (const Case& c : cases) {
+        std::string printed;
+        run_child(R"({"name": "inv", "invariants": true, "steps": [)" + c.steps + "]}", true, &printed);
+        const json run = json::parse(printed);
+        std::set<std::string> broken;
+        for (const json& step : run["steps"]) {
+            for (const json& f : step["failures"]) {
+                const std::string what = f["what"];
+                EXPECT_EQ(what.rfind("invariant ", 0), 0u) << what;
+                broken.insert(what.substr(10, what.find(':') - 10));
+            }
+        }
+        EXPECT_EQ(broken, c.broken) << c.steps.substr(0, 200) << "\n" << printed.substr(0, 4000);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "campaign/campaign.h"
 #include "scenario/fields.h"
 #include "run/functions.h"
 #include "scenario/scenario.h"
@@ -33,6 +34,8 @@ const char* const kUsage =
     "  run FILE...          run scenario files (each on a fresh simulated machine)\n"
     "  check FILE...        read scenario files and list every mistake (FILE:LINE:COLUMN:\n"
     "                       place: what, with the nearest known name), running nothing\n"
+    "  campaign [options]   run random fault stories with the invariants on; shrink and write\n"
+    "                       every failing one (znpdk-sim campaign --help)\n"
     "  functions            list the library functions a scenario can call\n"
     "  fields [NAME]        list the fields of the records (common, system, setup, psuc,\n"
     "                       router) or of a structure type by name\n"
@@ -48,6 +51,8 @@ const char* const kUsage =
     "                       legend (one scenario)\n"
     "  --keep-root DIR      run in DIR and keep the machine's files there (with several\n"
     "                       files, each in DIR/NAME, NAME being the file's name without .json)\n"
+    "  --invariants         check the library's promises after every step (as a scenario's\n"
+    "                       \"invariants\": true does; docs/scenarios.md lists them)\n"
     "  --serve              (run, one file) serve it as `serve` does\n"
     "\n"
     "options of serve and run --serve:\n"
@@ -322,6 +327,13 @@ int main(int argc, char** argv)
         return 0;
     }
     std::string cmd = args[0];
+    if (cmd == "campaign") {
+        if (args.size() > 1 && (args[1] == "--help" || args[1] == "-h")) {
+            std::fputs(kCampaignUsage, stdout);
+            return 0;
+        }
+        return campaign_command(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     Options o;
     ServeConfig serve;
     bool serving = cmd == "serve";
@@ -335,6 +347,8 @@ int main(int argc, char** argv)
             o.verbose = true;
         } else if (args[i] == "--timeline" && i + 1 < args.size()) {
             o.timeline = args[++i];
+        } else if (args[i] == "--invariants") {
+            o.invariants = true;
         } else if (args[i] == "--serve") {
             serving = true;
         } else if ((args[i] == "--user" || args[i] == "--password" || args[i] == "--address") &&

@@ -24,6 +24,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 namespace zsim {
 
@@ -59,6 +60,11 @@ void fail_fan_read(int ret, uint32_t fanc_error, int count = 1);
  * fail with `ret`, data[0] = `data`, the log records filled as above; the
  * fans keep their speed. */
 void fail_fan_speed_change(const std::string& mode, int ret, uint32_t data = 0, int count = 1);
+/* The whole model (every fan, full or normal speed, the error word, the
+ * failures still to come) as words, and back: the fans are one piece of
+ * hardware, so a process that runs a step for another takes them along. */
+std::vector<uint32_t> fan_state();
+void set_fan_state(const std::vector<uint32_t>& words);
 
 } // namespace zsim
 

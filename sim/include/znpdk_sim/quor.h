@@ -47,6 +47,11 @@ struct LinkUpCall {
     uint32_t option;
 };
 std::vector<LinkUpCall> link_up_calls(int router);
+/* Every router's link status words and procedure results as words, and
+ * back (the recorded link-up calls stay): the links are hardware that every
+ * process sees alike. */
+std::vector<uint32_t> link_state();
+void set_link_state(const std::vector<uint32_t>& words);
 
 } // namespace zsim
 

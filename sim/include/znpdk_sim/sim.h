@@ -245,6 +245,32 @@ void set_sem_wait_limit(int ms);
  * /dev/shm; only while no process of the machine is using them. */
 void reset_semaphores();
 
+/* ---- What a run may check (read-only) ------------------------------------- */
+/* How a sensor holds its states: any set of its defined bits, exactly one,
+ * or at most one; Unchecked for a sensor whose states the machine does not
+ * fix. */
+enum class StateRule { Unchecked = 0, Flags, One, AtMostOne };
+struct SensorStates {
+    StateRule rule = StateRule::Unchecked;
+    uint16_t defined = 0; /* the state bits the machine defines for the sensor */
+    uint16_t start = 0;   /* its state after the initialisation of the machine as
+                             built (every unit installed, setup record zero); 0 = left alone */
+};
+/* The states of a present sensor, by the kind of sensor it is on the default
+ * machine (docs/simulated-machine.md lists them). */
+SensorStates sensor_states(int inst, uint8_t num);
+/* Locks that threads of this process hold now, each as a readable line: the
+ * IPMI stack's sensor mutexes, component write locks, named semaphores. */
+std::vector<std::string> locks_held();
+/* Named semaphores of the machine that are taken, with the process that took each. */
+struct TakenSemaphore {
+    std::string name;
+    int pid = 0;
+};
+std::vector<TakenSemaphore> semaphores_taken();
+/* Whether a script replaces the built-in answers of `procedure` (any mode) in this process. */
+bool hap_scripted(const std::string& procedure);
+
 /* ---- Files below the root ----------------------------------------------- */
 /* root() + path; creates parent directories when `mkdirs`. */
 std::string file_path(const std::string& path, bool mkdirs = false);

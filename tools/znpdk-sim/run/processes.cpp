@@ -3,18 +3,23 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "run/functions.h"
 #include "ipmi_stack.h"
 #include "run/runner.h"
 #include "sp_trace.h"
 #include "znlib.h"
+#include "znpdk_sim/fan.h"
 #include "znpdk_sim/psu.h"
+#include "znpdk_sim/quor.h"
 #include "znpdk_sim/sim.h"
 #include "znpdklib_types.h"
 
@@ -85,21 +90,46 @@ template <typename T> T from_hex(const json& j)
 
 /* ---- The process-local parts of the machine that travel with a step ------- */
 
-/* Sensor records of the IPMI stack by "inst/num", the PSU controller image and the clock. */
-json world()
+constexpr size_t kSlots = kInstances * 256;
+
+/* The IPMI stack's sensor records of this process, by (instance, number). */
+SensorTable sensor_table()
 {
-    json sensors = json::object();
-    for (int i = 0; i < kInstances; ++i) {
-        for (int n = 0; n < 256; ++n) {
-            uint8_t num = static_cast<uint8_t>(n);
-            if (zsim::sensor_present(i, num)) {
-                SensorInfo_T s = zsim::sensor(i, num);
-                sensors[std::to_string(i) + "/" + std::to_string(n)] = bytes_hex(&s, sizeof s);
-            }
+    SensorTable t(kSlots);
+    for (size_t k = 0; k < kSlots; ++k) {
+        int inst = static_cast<int>(k / 256);
+        uint8_t num = static_cast<uint8_t>(k % 256);
+        if (zsim::sensor_present(inst, num)) {
+            t[k] = zsim::sensor(inst, num);
         }
     }
-    psuc_all_t image = zsim::psuc_image();
-    return {{"sensors", sensors}, {"psuc", bytes_hex(&image, sizeof image)}, {"now", zsim::now()}};
+    return t;
+}
+
+bool same_record(const std::optional<SensorInfo_T>& a, const std::optional<SensorInfo_T>& b)
+{
+    return a.has_value() == b.has_value() && (!a || std::memcmp(&*a, &*b, sizeof *a) == 0);
+}
+
+/* Where `now` differs from `was`, as text: per slot its number (2 bytes),
+ * whether a sensor is there (1 byte) and its record. A step sends only
+ * these, as most steps change a few sensors of the 1900. */
+std::string table_changes(const SensorTable& now, const SensorTable& was)
+{
+    std::vector<uint8_t> bytes;
+    for (size_t k = 0; k < kSlots; ++k) {
+        if (!same_record(now[k], was[k])) {
+            SensorInfo_T rec{};
+            if (now[k]) {
+                rec = *now[k];
+            }
+            const uint8_t* p = reinterpret_cast<const uint8_t*>(&rec);
+            bytes.insert(bytes.end(), {static_cast<uint8_t>(k & 0xFF), static_cast<uint8_t>(k >> 8),
+                                       static_cast<uint8_t>(now[k] ? 1 : 0)});
+            bytes.insert(bytes.end(), p, p + sizeof rec);
+        }
+    }
+    return hex_bytes(bytes.data(), bytes.size());
 }
 
 void apply_sensor(int inst, uint8_t num, const SensorInfo_T& s)
@@ -121,51 +151,60 @@ void apply_sensor(int inst, uint8_t num, const SensorInfo_T& s)
     }
 }
 
-void apply_world(const json& w)
+/* Applies the changes of table_changes(); `known` (when given) follows them. */
+void apply_changes(const json& text, SensorTable* known)
 {
-    const json& sensors = w["sensors"];
-    for (int i = 0; i < kInstances; ++i) {
-        for (int n = 0; n < 256; ++n) {
-            uint8_t num = static_cast<uint8_t>(n);
-            auto it = sensors.find(std::to_string(i) + "/" + std::to_string(n));
-            if (it != sensors.end()) {
-                apply_sensor(i, num, from_hex<SensorInfo_T>(*it));
-            } else if (zsim::sensor_present(i, num)) {
-                zsim::remove_sensor(i, num);
-            }
-        }
+    std::vector<uint8_t> bytes;
+    constexpr size_t kEntry = 3 + sizeof(SensorInfo_T);
+    if (!text.is_string() || !parse_hex_bytes(text.get<std::string>(), bytes)) {
+        return;
     }
-    zsim::set_psuc_image(from_hex<psuc_all_t>(w["psuc"]));
-    if (w["now"].get<uint32_t>() > zsim::now()) {
-        zsim::set_time(w["now"].get<uint32_t>());
+    for (size_t at = 0; at + kEntry <= bytes.size(); at += kEntry) {
+        size_t k = bytes[at] | static_cast<size_t>(bytes[at + 1]) << 8;
+        if (k >= kSlots) {
+            continue;
+        }
+        std::optional<SensorInfo_T> rec;
+        if (bytes[at + 2] != 0) {
+            rec.emplace();
+            std::memcpy(&*rec, bytes.data() + at + 3, sizeof(SensorInfo_T));
+        }
+        int inst = static_cast<int>(k / 256);
+        uint8_t num = static_cast<uint8_t>(k % 256);
+        if (rec) {
+            apply_sensor(inst, num, *rec);
+        } else if (zsim::sensor_present(inst, num)) {
+            zsim::remove_sensor(inst, num);
+        }
+        if (known != nullptr) {
+            (*known)[k] = rec;
+        }
     }
 }
 
-/* Only what a step of several processes changed: the others' changes stay. */
-void apply_world_changes(const json& w, const json& base)
+/* What travels whole with every step: the PSU controller image, the fans,
+ * the routers' links and the clock. */
+json devices()
 {
-    const json& now = w["sensors"];
-    const json& was = base["sensors"];
-    auto inst_num = [](const std::string& key) {
-        size_t slash = key.find('/');
-        return std::make_pair(std::stoi(key.substr(0, slash)),
-                              static_cast<uint8_t>(std::stoi(key.substr(slash + 1))));
-    };
-    for (auto it = now.begin(); it != now.end(); ++it) {
-        auto b = was.find(it.key());
-        if (b == was.end() || *b != it.value()) {
-            auto [i, n] = inst_num(it.key());
-            apply_sensor(i, n, from_hex<SensorInfo_T>(it.value()));
-        }
-    }
-    for (auto it = was.begin(); it != was.end(); ++it) {
-        if (!now.contains(it.key())) {
-            auto [i, n] = inst_num(it.key());
-            zsim::remove_sensor(i, n);
-        }
-    }
-    if (w["psuc"] != base["psuc"]) {
+    psuc_all_t image = zsim::psuc_image();
+    return {{"psuc", bytes_hex(&image, sizeof image)},
+            {"fans", zsim::fan_state()},
+            {"links", zsim::link_state()},
+            {"now", zsim::now()}};
+}
+
+/* Takes the devices of `w`; with a `base`, only what differs from it (the
+ * changes of one of several processes: the others' stay). */
+void apply_devices(const json& w, const json* base)
+{
+    if (base == nullptr || w["psuc"] != (*base)["psuc"]) {
         zsim::set_psuc_image(from_hex<psuc_all_t>(w["psuc"]));
+    }
+    if (base == nullptr || w["fans"] != (*base)["fans"]) {
+        zsim::set_fan_state(w["fans"].get<std::vector<uint32_t>>());
+    }
+    if (base == nullptr || w["links"] != (*base)["links"]) {
+        zsim::set_link_state(w["links"].get<std::vector<uint32_t>>());
     }
     if (w["now"].get<uint32_t>() > zsim::now()) {
         zsim::set_time(w["now"].get<uint32_t>());
@@ -237,7 +276,9 @@ json new_logs(const LogMarks& m)
 
 json run_here(const Step& st, Runner& run, const json& request, int fd)
 {
-    apply_world(request["world"]);
+    apply_changes(request["sensors"], nullptr);
+    apply_devices(request["world"], nullptr);
+    const SensorTable sensors = sensor_table();
     LogMarks before = log_marks();
     StepReport rep;
     rep.where = st.where;
@@ -269,8 +310,15 @@ json run_here(const Step& st, Runner& run, const json& request, int fd)
     for (const Failure& f : rep.failures) {
         failures.push_back({{"where", f.where}, {"what", f.what}});
     }
-    return {{"has_call", rep.has_call}, {"ret", rep.ret},   {"out", rep.out}, {"failures", failures},
-            {"logs", new_logs(before)}, {"world", world()}, {"hits", hits}};
+    return {{"has_call", rep.has_call},
+            {"ret", rep.ret},
+            {"out", rep.out},
+            {"failures", failures},
+            {"logs", new_logs(before)},
+            {"sensors", table_changes(sensor_table(), sensors)},
+            {"world", devices()},
+            {"hits", hits},
+            {"held", zsim::locks_held()}};
 }
 
 /* A named process: the steps the runner sends, one at a time, until it hangs up. */
@@ -333,6 +381,24 @@ void merge_logs(const json& logs)
 }
 
 } // namespace
+
+bool process_alive(int pid)
+{
+    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) {
+        return false;
+    }
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    FILE* in = std::fopen(path, "r");
+    if (in == nullptr) {
+        return false;
+    }
+    char buf[256] = {0};
+    size_t n = std::fread(buf, 1, sizeof buf - 1, in);
+    std::fclose(in);
+    const char* p = std::strrchr(buf, ')');
+    return n > 0 && !(p != nullptr && (p[2] == 'Z' || p[2] == 'X'));
+}
 
 std::vector<std::string> process_names(const Scenario& s)
 {
@@ -404,6 +470,7 @@ void Processes::start(const std::vector<std::string>& names, const Scenario& s, 
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ctl) != 0) {
         return;
     }
+    initial_ = sensor_table();
     std::fflush(nullptr);
     zygote_ = fork();
     if (zygote_ == 0) {
@@ -431,7 +498,7 @@ bool Processes::spawn(const std::string& name)
         pid < 0) {
         return false;
     }
-    children_[name] = Child{pid, slots_[k].runner_fd};
+    children_[name] = Child{pid, slots_[k].runner_fd, initial_};
     killed_.erase(std::remove(killed_.begin(), killed_.end(), name), killed_.end());
     return true;
 }
@@ -491,6 +558,9 @@ void Processes::take_answer(const json& answer, const Step& st, Runner& run, Ste
     for (const json& f : answer["failures"]) {
         run.fail(rep, f["where"].get<std::string>(), f["what"].get<std::string>());
     }
+    for (const json& h : answer["held"]) {
+        rep.held_locks.push_back("process " + st.process + " holds " + h.get<std::string>());
+    }
     if (answer["has_call"].get<bool>()) {
         rep.has_call = true;
         rep.ret = answer["ret"];
@@ -499,19 +569,31 @@ void Processes::take_answer(const json& answer, const Step& st, Runner& run, Ste
         run.last_ret = rep.ret;
         run.last_out = rep.out;
     }
-    (void)st;
+}
+
+json Processes::request(Child& c, const Step& st, const SensorTable& now, const json& dev)
+{
+    json r = {{"where", st.where}, {"sensors", table_changes(now, c.known)}, {"world", dev}};
+    c.known = now;
+    return r;
+}
+
+void Processes::take_world(Child& c, const json& answer, const json* base)
+{
+    apply_changes(answer["sensors"], &c.known);
+    apply_devices(answer["world"], base);
 }
 
 void Processes::run(const Step& st, Runner& run, StepReport& rep)
 {
     Child* c = child_for(st, run, rep);
     json answer;
-    if (c == nullptr || !send_msg(c->fd, {{"where", st.where}, {"world", world()}}) ||
+    if (c == nullptr || !send_msg(c->fd, request(*c, st, sensor_table(), devices())) ||
         !recv_msg(c->fd, answer)) {
         run.fail(rep, rep.where, "process " + st.process + " did not answer (it ended?)");
         return;
     }
-    apply_world(answer["world"]);
+    take_world(*c, answer, nullptr);
     take_answer(answer, st, run, rep);
 }
 
@@ -522,15 +604,18 @@ void Processes::kill(const Step& st, Runner& run, StepReport& rep)
     rep.process = name;
     Child* c = child_for(during, run, rep);
     json answer;
-    if (c == nullptr || !send_msg(c->fd, {{"where", during.where},
-                                          {"world", world()},
-                                          {"kill_point", st.kill_point},
-                                          {"kill_visit", st.kill_visit}})) {
+    json req;
+    if (c != nullptr) {
+        req = request(*c, during, sensor_table(), devices());
+        req["kill_point"] = st.kill_point;
+        req["kill_visit"] = st.kill_visit;
+    }
+    if (c == nullptr || !send_msg(c->fd, req)) {
         run.fail(rep, rep.where, "process " + name + " did not answer (it ended?)");
         return;
     }
     if (recv_msg(c->fd, answer)) {
-        apply_world(answer["world"]);
+        take_world(*c, answer, nullptr);
         take_answer(answer, during, run, rep);
         run.fail(rep, rep.where,
                  "process " + name + " was not killed: it was " + st.kill_while + " " +
@@ -538,7 +623,12 @@ void Processes::kill(const Step& st, Runner& run, StepReport& rep)
                      std::to_string(st.kill_visit));
         return;
     }
-    /* The socket closed: the process is dead, and what it held in memory with it. */
+    /* The socket closed: the process is dying, and what it held in memory with it. It
+     * closes its files before it has quite died: the step ends when it has. */
+    for (int i = 0; i < 5000 && process_alive(c->pid); ++i) {
+        struct timespec pause = {0, 1000000L};
+        nanosleep(&pause, nullptr);
+    }
     close(c->fd);
     children_.erase(name);
     killed_.push_back(name);
@@ -555,12 +645,15 @@ void Processes::kill(const Step& st, Runner& run, StepReport& rep)
 
 void Processes::together(const Step& st, Runner& run, StepReport& rep)
 {
-    const json base = world();
+    const SensorTable base_sensors = sensor_table();
+    const json base = devices();
     std::vector<Child*> cs;
     for (const Step& p : st.parts) {
         Child* c = child_for(p, run, rep);
-        if (c != nullptr && !send_msg(c->fd, {{"where", p.where}, {"world", base}, {"barrier", true}})) {
-            c = nullptr;
+        if (c != nullptr) {
+            json req = request(*c, p, base_sensors, base);
+            req["barrier"] = true;
+            c = send_msg(c->fd, req) ? c : nullptr;
         }
         cs.push_back(c);
     }
@@ -583,7 +676,7 @@ void Processes::together(const Step& st, Runner& run, StepReport& rep)
             run.fail(rep, p.where, "process " + p.process + " did not answer (it ended?)");
             continue;
         }
-        apply_world_changes(answer["world"], base);
+        take_world(*cs[i], answer, &base);
         rep.has_call = false;
         take_answer(answer, p, run, rep);
         text += (text.empty() ? "" : "; ") + p.process + ": " + p.text +

@@ -7,14 +7,20 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "ipmi_stack.h"
 
 #include "scenario/scenario.h"
 
 namespace zcmd {
 
 class Runner;
+
+/* The IPMI stack's sensor records of a process, by instance * 256 + number. */
+using SensorTable = std::vector<std::optional<SensorInfo_T>>;
 
 class Processes {
   public:
@@ -54,6 +60,7 @@ class Processes {
     struct Child {
         pid_t pid = -1;
         int fd = -1;
+        SensorTable known; /* its sensor records as of its last step */
     };
     struct Slot {
         int runner_fd;
@@ -63,14 +70,22 @@ class Processes {
     /* The child of a step's process, started afresh when it was killed. */
     Child* child_for(const Step& st, Runner& run, StepReport& rep);
     void take_answer(const json& answer, const Step& st, Runner& run, StepReport& rep);
+    /* A step's request: the sensors that differ from what the child has, the devices. */
+    json request(Child& c, const Step& st, const SensorTable& now, const json& devices);
+    /* The child's changes of the sensors and its devices (with `base`, only those it changed). */
+    void take_world(Child& c, const json& answer, const json* base);
 
     std::map<std::string, Child> children_;
+    SensorTable initial_; /* every child's when it starts: the runner's before the set-up */
     std::vector<std::string> killed_;
     std::vector<Slot> slots_;
     int next_slot_ = 0;
     int ctl_ = -1;
     pid_t zygote_ = -1;
 };
+
+/* Whether a process lives (a zombie, or one that is dying, does not). */
+bool process_alive(int pid);
 
 /* The process names a scenario's steps use, in order of first use. */
 std::vector<std::string> process_names(const Scenario& s);

@@ -9,7 +9,9 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <memory>
 
+#include "campaign/invariants.h"
 #include "scenario/fields.h"
 #include "run/functions.h"
 #include "report/report.h"
@@ -454,7 +456,8 @@ int Runner::run(const Scenario& s)
     }
     start_ = marks_now();
     step_ = start_;
-    if (!opts_.json) {
+    const bool print = !opts_.quiet;
+    if (!opts_.json && print) {
         std::printf("Scenario %s%s%s\n", s.name.c_str(), s.description.empty() ? "" : ": ",
                     s.description.c_str());
         if (!setup.failures.empty()) {
@@ -475,9 +478,9 @@ int Runner::run(const Scenario& s)
         }
         failed += static_cast<int>(r.failures.size());
         checks += r.checks;
-        if (opts_.json) {
+        if (print && opts_.json) {
             steps.push_back(step_json(r));
-        } else {
+        } else if (print) {
             print_step(r, opts_);
         }
         if (!opts_.timeline.empty()) {
@@ -492,12 +495,15 @@ int Runner::run(const Scenario& s)
         opts_.observer->after_run(*this);
     }
     StepReport end = run_end();
+    if (opts_.observer != nullptr) {
+        opts_.observer->after_end(*this, end);
+    }
     checks += end.checks;
     failed += static_cast<int>(end.failures.size());
     int passed = checks - failed < 0 ? 0 : checks - failed;
-    if (opts_.json) {
+    if (print && opts_.json) {
         print_json(s, steps, checks, passed, failed, {&setup, &end});
-    } else {
+    } else if (print) {
         print_step(end, opts_);
         std::printf("\n%s: %d passed, %d failed\n", s.name.c_str(), passed, failed);
     }
@@ -524,7 +530,14 @@ int run_scenario(const Scenario& s, const Options& o)
     if (s.default_machine) {
         zsim::build_default_machine();
     }
-    Runner run(s, o);
+    /* The property checks see the run first and hand it on to the caller's observer. */
+    Options with_checks = o;
+    std::unique_ptr<RunObserver> checks;
+    if (s.invariants || o.invariants) {
+        checks = make_invariant_checks(s, o.observer);
+        with_checks.observer = checks.get();
+    }
+    Runner run(s, with_checks);
     if (o.trace) {
         uint32_t t0 = run.t0();
         bool as_json = o.json;
@@ -539,7 +552,7 @@ int run_scenario(const Scenario& s, const Options& o)
     if (!o.keep_root && o.root.empty()) {
         std::error_code ec;
         std::filesystem::remove_all(root, ec);
-    } else if (!o.json) {
+    } else if (!o.json && !o.quiet) {
         std::printf("machine root kept at %s\n", root.c_str());
     }
     return failed;

@@ -236,43 +236,58 @@ bool get_bool(const Node& n, const char* what)
     return n->get<bool>();
 }
 
+namespace {
+
+/* The value of a hex digit, or -1. */
+int hex_digit(char c)
+{
+    return c >= '0' && c <= '9'   ? c - '0'
+           : c >= 'a' && c <= 'f' ? c - 'a' + 10
+           : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                  : -1;
+}
+
+} // namespace
+
 bool parse_hex_bytes(const std::string& s, std::vector<uint8_t>& out)
 {
-    std::string digits;
     size_t i = 0;
     if (s.size() >= 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
         i = 2;
     }
+    std::vector<uint8_t> bytes;
+    bytes.reserve((s.size() - i) / 2);
+    int high = -1;
     for (; i < s.size(); ++i) {
         char c = s[i];
         if (c == ' ' || c == ':' || c == '-' || c == '_' || c == '\n') {
             continue;
         }
-        if (!std::isxdigit(static_cast<unsigned char>(c))) {
+        int d = hex_digit(c);
+        if (d < 0) {
             return false;
         }
-        digits += c;
+        if (high < 0) {
+            high = d;
+        } else {
+            bytes.push_back(static_cast<uint8_t>(high << 4 | d));
+            high = -1;
+        }
     }
-    if (digits.size() % 2 != 0) {
+    if (high >= 0) {
         return false;
     }
-    out.clear();
-    for (size_t k = 0; k < digits.size(); k += 2) {
-        out.push_back(static_cast<uint8_t>(std::strtoul(digits.substr(k, 2).c_str(), nullptr, 16)));
-    }
+    out = std::move(bytes);
     return true;
 }
 
 std::string hex_bytes(const uint8_t* p, size_t n)
 {
-    std::string out;
-    char buf[4];
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out(n == 0 ? 0 : 3 * n - 1, ' ');
     for (size_t i = 0; i < n; ++i) {
-        std::snprintf(buf, sizeof buf, "%02x", p[i]);
-        if (i != 0) {
-            out += ' ';
-        }
-        out += buf;
+        out[3 * i] = kDigits[p[i] >> 4];
+        out[3 * i + 1] = kDigits[p[i] & 0xF];
     }
     return out;
 }

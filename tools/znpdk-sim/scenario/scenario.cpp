@@ -14,7 +14,8 @@ namespace zcmd {
 
 namespace {
 
-Step parse_step(const Node& n, bool in_setup);
+/* `part`: a step of a kill or "together" step, which runs in the process that step names. */
+Step parse_step(const Node& n, bool in_setup, bool part = false);
 
 /* The names of a table, for hints. */
 template <typename Table> std::vector<std::string> names_of(const Table& t)
@@ -42,7 +43,7 @@ const std::map<std::string, zsim::KillPoint>& kill_points()
 Step part_step(const Node& n, const std::string& process)
 {
     size_t before = mistakes_noted();
-    Step p = parse_step(n, false);
+    Step p = parse_step(n, false, true);
     if (mistakes_noted() != before) {
         return p; /* a step with mistakes tells nothing sure about its process */
     }
@@ -194,6 +195,9 @@ void read_call(ObjReader& r, const Node& v, Step& st)
     st.callee = f;
     auto arg_list = std::make_shared<std::vector<ArgSpec>>(parse_args(*f, r.opt("args")));
     st.text = call_text(*f, *arg_list);
+    for (const ArgSpec& a : *arg_list) {
+        st.arg_bits.push_back(a.bits);
+    }
     st.action = [f, arg_list](Runner& run, StepReport& rep) {
         CallResult res = call_function(*f, *arg_list);
         rep.has_call = true;
@@ -233,7 +237,7 @@ void read_expectations(const Node& e, Step& st)
     }
 }
 
-Step parse_step(const Node& n, bool in_setup)
+Step parse_step(const Node& n, bool in_setup, bool part)
 {
     Step st;
     st.where = n.ptr;
@@ -268,7 +272,7 @@ Step parse_step(const Node& n, bool in_setup)
         }
     }
     bool& rebooted = machine_rebooted();
-    if (kind == "call" && st.process.empty() && rebooted) {
+    if (kind == "call" && st.process.empty() && rebooted && !part) {
         note(n.mistake("after a BMC reboot or AC power cycle the runner's own process holds the library of "
                        "before; name the process this call runs in (\"process\": \"...\")"));
     }
@@ -356,6 +360,11 @@ void read_scenario(const json& doc, Scenario& s)
     read_on([&] {
         s.sem_wait_ms =
             static_cast<int>(opt_int(r, "sem_wait_ms", 0, 1, 600000, "milliseconds of real time"));
+    });
+    read_on([&] {
+        if (Node inv = r.opt("invariants"); inv.j) {
+            s.invariants = get_bool(inv, "true or false");
+        }
     });
     MachineModel machine(s.default_machine);
     if (Node st = r.opt("setup"); st.j) {

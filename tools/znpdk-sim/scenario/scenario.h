@@ -28,6 +28,8 @@ class RunObserver {
     virtual void after_step(Runner&, const Step&, StepReport&) {}
     /* After the last step, before the named processes end. */
     virtual void after_run(Runner&) {}
+    /* After the checks of the run's end (threads ended, lock rules kept). */
+    virtual void after_end(Runner&, StepReport&) {}
     /* A hold step: real seconds (0: no limit), or until a client came and
      * went quiet; returns what happened, for the report. */
     virtual std::string hold(int /*seconds*/, bool /*until_client*/)
@@ -46,6 +48,9 @@ struct Options {
     std::string root;                /* "" = a fresh temporary directory */
     std::string timeline;            /* an SVG file to write the run's picture to */
     RunObserver* observer = nullptr; /* sees the run from outside (IPMI server, property checks) */
+    bool quiet = false;              /* print nothing: the observer reads the run */
+    bool invariants = false;         /* check the library's promises after every step (as the
+                                        scenario's "invariants" member does) */
 };
 
 struct Event {
@@ -81,6 +86,7 @@ struct StepReport {
     std::vector<Event> events;
     std::vector<Failure> failures;
     int checks = 0;
+    std::vector<std::string> held_locks; /* locks a named process held after its part of the step */
 };
 
 struct Function;
@@ -102,6 +108,7 @@ struct Step {
     std::vector<Step> parts; /* the step a kill step runs, or the steps of "together" */
     std::string function;    /* the function a call step calls */
     const Function* callee = nullptr;
+    std::vector<uint64_t> arg_bits; /* its arguments as passed by value (0 for a pointer) */
     Action action;
     std::vector<Check> checks;
 };
@@ -112,7 +119,8 @@ struct Scenario {
     std::string description;
     bool default_machine = true;
     bool save_area = true;
-    int sem_wait_ms = 0; /* real-time bound of a named semaphore wait; 0 = the platform's */
+    int sem_wait_ms = 0;     /* real-time bound of a named semaphore wait; 0 = the platform's */
+    bool invariants = false; /* the library's promises are checked after every step */
     std::vector<Step> setup;
     std::vector<Step> steps;
 };
