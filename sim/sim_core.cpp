@@ -269,6 +269,11 @@ int library_threads_running()
     return n > 0 ? n : 0;
 }
 
+void rebase_library_threads()
+{
+    internal::g_thread_baseline = internal::count_tasks();
+}
+
 bool wait_library_threads(int timeout_ms)
 {
     /* Real time: the virtual clock does not move while threads finish. */

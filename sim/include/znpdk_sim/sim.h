@@ -216,6 +216,11 @@ std::vector<TraceLine> traces_with_id(uint32_t id);
 int library_threads_running();
 /* Waits (real time) until no library thread is running; false on time-out. */
 bool wait_library_threads(int timeout_ms = 20000);
+/* Counts the threads the process has now as not the library's. A process
+ * forked from one that ran init()/attach() calls it before its first library
+ * call: it inherits the parent's count, not the parent's threads (a
+ * sanitizer's helper thread among them). */
+void rebase_library_threads();
 
 /* ---- Killed processes ----------------------------------------------------- */
 /* Points at which a process can be made to die by SIGKILL, as a BMC process

@@ -324,6 +324,7 @@ json run_here(const Step& st, Runner& run, const json& request, int fd)
 /* A named process: the steps the runner sends, one at a time, until it hangs up. */
 [[noreturn]] void serve(int fd, const Scenario& s, Runner& run)
 {
+    zsim::rebase_library_threads();
     if (s.sem_wait_ms > 0) {
         zsim::set_sem_wait_limit(s.sem_wait_ms);
     }
