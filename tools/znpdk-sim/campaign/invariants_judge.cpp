@@ -83,14 +83,15 @@ struct Judged {
 };
 
 /* Its result against `expected`, its sensor against `want`; a failed set of
- * the sensor (sensor mutex, save) may leave it as it was or with no state. */
+ * the sensor (sensor mutex, save) stops where it failed: the sensor keeps
+ * some or none of the bits it had, and no new one. */
 void judge(Violations& bad, const Facts& f, const Judged& j, int expected, uint16_t want, bool excused)
 {
     if (j.ret != expected) {
         bad.add("result " + std::to_string(j.ret) + " (" + j.count + ")", std::to_string(expected));
     }
     const bool set_failed = f.mutex_failed.count(kChassis) || f.save_failed.count(kChassis);
-    if (j.after != want && !excused && !(set_failed && (j.after == j.before || j.after == 0))) {
+    if (j.after != want && !excused && !(set_failed && (j.after & ~j.before) == 0)) {
         bad.add(sensor_text(kChassis, j.sensor) + " " + word(j.after) + " after a check in mode " +
                     std::to_string(j.mode) + " with verdict " + std::to_string(j.counted) + " from " +
                     word(j.before),
@@ -207,7 +208,9 @@ int Checks::fan_verdict(const Facts& f, const View& v, StepReport& r)
  * reasons. Exceptions, until the two agree again: a failed speed procedure
  * (the mask stays as written; a RAS log must say so), a scripted fan
  * procedure, a process killed in the step (between its write of the mask and
- * the speed procedure, which runs after the lock is given back). Not judged
+ * the speed procedure, which runs after the lock is given back), fan calls of
+ * two processes in one step (each writes the mask under the lock, but their
+ * speed procedures may run in the other order). Not judged
  * while library threads of the runner's process still run. */
 int Checks::full_speed(const Facts& f, const View& v, StepReport& r)
 {
@@ -221,7 +224,14 @@ int Checks::full_speed(const Facts& f, const View& v, StepReport& r)
         }
         fans_stale_ = true;
     }
-    fans_stale_ = fans_stale_ || f.killed || zsim::hap_scripted("BOB_R_BOBC_FANC");
+    std::set<std::string> fan_processes; /* processes that may have changed the reasons */
+    for (const Step* c : f.calls) {
+        if (c->function.find("fan") != std::string::npos) {
+            fan_processes.insert(c->process);
+        }
+    }
+    fans_stale_ =
+        fans_stale_ || f.killed || fan_processes.size() > 1 || zsim::hap_scripted("BOB_R_BOBC_FANC");
     const bool full = zsim::fan_full_speed();
     const bool reasons = v.sys.fanfull_reason != 0;
     if (full == reasons) {

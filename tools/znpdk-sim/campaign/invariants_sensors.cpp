@@ -72,6 +72,7 @@ int Checks::exclusive_state(const Facts& f, const View& v, StepReport& r, bool a
     for (const Step* c : f.calls_of("ZNAPI_MemSensorInfoRecover")) {
         const int inst = arg(c, 0);
         for (int n = 0; inst >= 0 && inst < kInstances && n < 256; ++n) {
+            story_set_[key(inst, n)] = 1; /* put back as saved; the save was judged when made */
             blank_ok_[key(inst, n)] |=
                 v.present[key(inst, n)] && v.state(inst, n) == 0; /* a blank saved entry */
         }
@@ -126,7 +127,8 @@ int Checks::exclusive_state(const Facts& f, const View& v, StepReport& r, bool a
  * file starts zeroed), states set outside the library, the stack emptied by
  * a reboot, a failed save, a killed process (its saves stay, its changes in
  * memory die with it), and library threads of the runner's process still
- * running (their sets are half done). */
+ * running (their sets are half done), calls of two processes in one step
+ * (each saves what it set, and the stack keeps the change merged last). */
 int Checks::save_file(const Facts& f, const View& v, StepReport& r)
 {
     Violations bad(r, "save-file");
@@ -136,7 +138,11 @@ int Checks::save_file(const Facts& f, const View& v, StepReport& r)
     for (int inst : f.save_failed) {
         mark_changed(v, dirty_, inst);
     }
-    const bool resync = f.reboot || f.killed || f.threads_now;
+    std::set<std::string> callers;
+    for (const Step* c : f.calls) {
+        callers.insert(c->process);
+    }
+    const bool resync = f.reboot || f.killed || f.threads_now || callers.size() > 1;
     for (int i = 1; i < kInstances; ++i) {
         for (int n = 0; n < 256; ++n) {
             const size_t k = key(i, n);
@@ -215,7 +221,7 @@ int Checks::init_state(const Facts& f, const View& v, StepReport& r)
         const bool fru = fru_sensor(inst, n);
         if ((psu_status ? (seen & expected) == expected : seen == expected) ||
             (fru && (before & 0x7FFF) > 2 && seen == before) || (records_changed_ && (fru || psu_status)) ||
-            (f.save_failed.count(inst) && (seen & 0x7FFF) == 0) ||
+            (f.save_failed.count(inst) && (seen & ~before & 0x7FFF) == 0) ||
             (f.mutex_failed.count(inst) && seen == before)) {
             continue;
         }

@@ -117,11 +117,12 @@ class Shrinker {
     }
 
     /* Simpler forms of one value (of member `key`): numbers toward 0, members and
-     * entries dropped. A sensor's reading stays: the IPMI stack holds only states
-     * the machine defines, and a smaller word may be none of them. */
+     * entries dropped. A sensor step stays whole: the IPMI stack holds only states
+     * the machine defines for that sensor, and a smaller word, or the same word on
+     * another sensor, may be none of them. */
     static void simpler(const ojson& v, std::vector<ojson>& out, const std::string& key = "")
     {
-        if (key == "reading") {
+        if (key == "reading" || key == "sensor") {
             return;
         }
         if (v.is_number_integer()) {
