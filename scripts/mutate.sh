@@ -203,7 +203,7 @@ for id in "${ids[@]}"; do
       verdict=killed
     fi
     detail=$(grep -oE '[0-9]+ - [A-Za-z0-9_.-]+ \((Failed|Timeout|SEGFAULT|Subprocess aborted|Exception)' \
-             "$work/ctest.log" | head -3 | sed -E 's/^[0-9]+ - //' | tr '\n' ' ')
+             "$work/ctest.log" | head -3 | sed -E 's/^[0-9]+ - //' | tr '\n' ' ' || true)
   fi
   case $verdict in
     killed) killed=$((killed + 1)) ;;
