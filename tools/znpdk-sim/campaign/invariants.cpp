@@ -87,6 +87,17 @@ const Step* Facts::plain_call(const char* function) const
     return plain && step->function == function ? step : nullptr;
 }
 
+size_t Facts::callers(const char* part) const
+{
+    std::set<std::string> who;
+    for (const Step* c : calls) {
+        if (c->function.find(part) != std::string::npos) {
+            who.insert(c->process);
+        }
+    }
+    return who.size();
+}
+
 bool Facts::traced(uint32_t id) const
 {
     return std::any_of(traces.begin(), traces.end(), [id](const zsim::TraceLine& t) { return t.id == id; });

@@ -224,14 +224,9 @@ int Checks::full_speed(const Facts& f, const View& v, StepReport& r)
         }
         fans_stale_ = true;
     }
-    std::set<std::string> fan_processes; /* processes that may have changed the reasons */
-    for (const Step* c : f.calls) {
-        if (c->function.find("fan") != std::string::npos) {
-            fan_processes.insert(c->process);
-        }
-    }
-    fans_stale_ =
-        fans_stale_ || f.killed || fan_processes.size() > 1 || zsim::hap_scripted("BOB_R_BOBC_FANC");
+    fans_stale_ = fans_stale_ || f.killed ||
+                  f.callers("fan") > 1 /* two processes may have changed the reasons */ ||
+                  zsim::hap_scripted("BOB_R_BOBC_FANC");
     const bool full = zsim::fan_full_speed();
     const bool reasons = v.sys.fanfull_reason != 0;
     if (full == reasons) {

@@ -172,11 +172,7 @@ int Checks::log_once(const Facts& f, const View& v, StepReport& r)
 {
     Violations bad(r, "log-once");
     const bool write_failed = f.save_failed.count(kChassis) != 0 || f.mutex_failed.count(kChassis) != 0;
-    std::set<std::string> processes;
-    for (const Step* c : f.calls) {
-        processes.insert(c->process);
-    }
-    const size_t most = std::max<size_t>(1, processes.size());
+    const size_t most = std::max<size_t>(1, f.callers());
     for (const Transition& t : kTransitions) {
         const size_t n = static_cast<size_t>(std::count_if(
             f.ras.begin(), f.ras.end(), [&](const zsim::RasLog& l) { return code_of(l) == t.code; }));

@@ -72,6 +72,8 @@ struct Facts {
     bool has_call(const char* function) const { return !calls_of(function).empty(); }
     /* The single call of a plain step to `function`, or null. */
     const Step* plain_call(const char* function) const;
+    /* The processes whose calls of the step name a function containing `part`. */
+    size_t callers(const char* part = "") const;
     /* Whether the library wrote a trace line with that id in the step. */
     bool traced(uint32_t id) const;
 };

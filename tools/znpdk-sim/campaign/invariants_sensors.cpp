@@ -138,11 +138,7 @@ int Checks::save_file(const Facts& f, const View& v, StepReport& r)
     for (int inst : f.save_failed) {
         mark_changed(v, dirty_, inst);
     }
-    std::set<std::string> callers;
-    for (const Step* c : f.calls) {
-        callers.insert(c->process);
-    }
-    const bool resync = f.reboot || f.killed || f.threads_now || callers.size() > 1;
+    const bool resync = f.reboot || f.killed || f.threads_now || f.callers() > 1;
     for (int i = 1; i < kInstances; ++i) {
         for (int n = 0; n < 256; ++n) {
             const size_t k = key(i, n);
